@@ -1,0 +1,56 @@
+// The converters of framing mode: RFC 1662 framing towards the host, the device's own frames towards
+// the device. Both run under Lock.
+#pragma once
+
+#include "wdmkrnl.h"
+
+enum : ULONG {
+    PPP_FLAG = 0x7E,
+    PPP_ESCAPE = 0x7D,
+    PPP_ESCAPE_XOR = 0x20,
+    PPP_FRAMER_OUT_SIZE = 4108,      // flag, escaped frame and FCS, flag
+    PPP_HEADER_SIZE = 4,
+    PPP_DEFRAMER_LIMIT = 4102,       // frame bytes stored at most
+    PPP_DEVICE_FRAME_LIMIT = 2043,   // frame bytes that the 11-bit length can state
+};
+
+enum : ULONG { FRAMER_HUNT, FRAMER_HEADER, FRAMER_PAYLOAD, FRAMER_RESYNC, FRAMER_DELIVER };
+enum : ULONG { DEFRAMER_HUNT, DEFRAMER_IN_FRAME, DEFRAMER_ESCAPE, DEFRAMER_SEND };
+
+struct PPP_FRAMER {
+    DEVICE* Dev;
+    ULONG State;          // FRAMER_*
+    ULONG Remaining;      // bytes still expected, or still to deliver
+    ULONG ExpectedSeq;    // compared on its low 5 bits
+    UCHAR OutBuf[PPP_FRAMER_OUT_SIZE];
+    UCHAR* OutPtr;
+    UCHAR Header[PPP_HEADER_SIZE];
+    USHORT Fcs;
+    UCHAR EscapeMap[256]; // 1: escaped towards the host
+};
+
+struct PPP_DEFRAMER {
+    DEVICE* Dev;
+    ULONG State;          // DEFRAMER_*
+    UCHAR Frame[PPP_HEADER_SIZE + PPP_DEFRAMER_LIMIT];
+    UCHAR* WritePtr;
+    UCHAR* EndPtr;
+    ULONG Count;          // frame bytes stored; while sending, bytes to send
+    ULONG Sequence;       // its low 5 bits go into the header
+};
+
+USHORT CalcFcs16(USHORT Fcs, const UCHAR* Bytes, ULONG Length);
+
+VOID PppFramerInit(PPP_FRAMER* Framer, DEVICE* Dev);
+VOID PppFramerSetSpecialChars(PPP_FRAMER* Framer, const UCHAR* Bytes, ULONG Length);
+ULONG PppFramerIndicateData(PPP_FRAMER* Framer, UCHAR* Data, ULONG Length) _Requires_lock_held_(DeviceLock);   // bytes consumed
+ULONG PppFramerIndicateChar(PPP_FRAMER* Framer, UCHAR Byte) _Requires_lock_held_(DeviceLock);                  // 1 consumed
+VOID PppFramerPutChar(PPP_FRAMER* Framer, UCHAR Byte);
+// Offer what a full receive ring left of a finished frame; TRUE when nothing is left.
+BOOLEAN PppFramerDeliver(PPP_FRAMER* Framer) _Requires_lock_held_(DeviceLock);
+
+VOID PppDeFramerInit(PPP_DEFRAMER* DeFramer, DEVICE* Dev);
+VOID PppDeFramerStartFrame(PPP_DEFRAMER* DeFramer);
+BOOLEAN PppDeFramerSendChar(PPP_DEFRAMER* DeFramer, UCHAR Byte) _Requires_lock_held_(DeviceLock);
+VOID PppDeFramerSubmitBuffer(PPP_DEFRAMER* DeFramer) _Requires_lock_held_(DeviceLock);
+BOOLEAN PppDeFramerSubmitData(PPP_DEFRAMER* DeFramer) _Requires_lock_held_(DeviceLock);
