@@ -155,7 +155,9 @@ FORCEINLINE VOID InitializeObjectAttributes(POBJECT_ATTRIBUTES Attributes, PUNIC
 #define RTL_FIELD_SIZE(type, field) (sizeof(((type*)0)->field))
 #define UNREFERENCED_PARAMETER(p) ((void)(p))
 #define C_ASSERT(e) static_assert(e)
-#define RTL_CONSTANT_STRING(s) {(USHORT)(sizeof(s) - sizeof((s)[0])), (USHORT)sizeof(s), (decltype(&(s)[0] + 0))(s)}
+constexpr PWSTR NtLiteralBuffer(PCWSTR Text) { return const_cast<PWSTR>(Text); }
+constexpr PCHAR NtLiteralBuffer(PCSTR Text) { return const_cast<PCHAR>(Text); }
+#define RTL_CONSTANT_STRING(s) {(USHORT)(sizeof(s) - sizeof((s)[0])), (USHORT)sizeof(s), NtLiteralBuffer(s)}
 #define NT_SUCCESS(status) (((NTSTATUS)(status)) >= 0)
 #define NT_INFORMATION(status) ((((ULONG)(status)) >> 30) == 1)
 #define NT_WARNING(status) ((((ULONG)(status)) >> 30) == 2)
