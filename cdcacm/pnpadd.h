@@ -45,7 +45,7 @@ struct DEVICE {
     USHORT IrpSize;                        // bytes of a request with StackSize locations
     CCHAR StackSize;                       // of LowerDevObj at creation
     CFG Cfg;
-    PIRP WakeIrp;                          // outstanding wait-wake, or null (interlocked)
+    PIRP WakeIrp;                          // outstanding wait-wake, or null (Lock)
     UCHAR WakeSupported;
     LIST_ENTRY DeviceListEntry;            // (DeviceListMutex)
     LONG OpenCount;                        // (written under Mutex and Lock)
@@ -104,6 +104,9 @@ struct DEVICE_PRIVATE {
     ULONG WaitGeneration;        // of the stored wait request (Lock)
     ULONG CancelledGeneration;   // of the wait request whose cancel armed the timer (Lock)
     LONG SwitchQueued;           // framing switches queued and not begun, one bit each way, interlocked
+    PIRP WakeCancelling;         // wait-wake being cancelled, kept from completing meanwhile (Lock)
+    UCHAR WakeCancelDone;        // it completed meanwhile: the canceller goes on with it (Lock)
+    LONG ResumeRequested;        // the D0 request for this idle notification was made, interlocked
 };
 
 struct DEVICE_EXTENSION {

@@ -6,10 +6,10 @@
 
 struct DEVICE;
 
-// Stand for the Lock and the Mutex of the one DEVICE that a routine works on. They are only named in
-// annotations and never defined.
-extern KSPIN_LOCK DeviceLock;
-extern KMUTEX DeviceMutex;
+// Stand for the Lock and the Mutex of the one DEVICE that a routine works on. Only annotations name
+// them; nobody locks them.
+inline KSPIN_LOCK DeviceLock;
+inline KMUTEX DeviceMutex;
 
 constexpr ULONG Tag4(CHAR A, CHAR B, CHAR C, CHAR D)
 {

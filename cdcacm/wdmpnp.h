@@ -23,3 +23,8 @@ NTSTATUS PnpStartDevice(DEVICE* Dev) _IRQL_requires_max_(PASSIVE_LEVEL);
 NTSTATUS PnpQueryStopDevice(DEVICE* Dev) _IRQL_requires_max_(PASSIVE_LEVEL);
 VOID PnpRemoveDevice(DEVICE* Dev, PDEVICE_OBJECT DeviceObject) _IRQL_requires_max_(PASSIVE_LEVEL);
 VOID PnpSurpriseRemoval(DEVICE* Dev, PDEVICE_OBJECT DeviceObject) _IRQL_requires_max_(PASSIVE_LEVEL);
+
+// The lower device of the extension the request came to; null once detached. Any IRQL up to DISPATCH_LEVEL.
+PDEVICE_OBJECT LowerOf(PDEVICE_OBJECT DeviceObject);
+// The DEVICE has been given to a new arrival while this attachment still stands.
+BOOLEAN AttachmentSuperseded(DEVICE* Dev, PDEVICE_OBJECT DeviceObject);

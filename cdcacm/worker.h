@@ -44,6 +44,8 @@ LONG DecRefAttOf(ATT_OBJ* Att) _IRQL_requires_max_(PASSIVE_LEVEL);
 
 // Take a reference unless the count is 0. Not traced; trace with TraceIncRef where the reference counts.
 BOOLEAN TryRef(LONG volatile* Ref);
+// Untraced end of a reference that TryRef took and nothing counted; at 0 the DEVICE is deleted.
+VOID DropRef(DEVICE* Dev) _IRQL_requires_max_(DISPATCH_LEVEL);
 VOID TraceIncRef(DEVICE* Dev, LONG Count, const CHAR* File, ULONG Line);
 
 // Rundown of callbacks with the DEVICE as context: entered where the callback is set up, left as its
