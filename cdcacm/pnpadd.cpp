@@ -22,6 +22,18 @@ static const ULONG NoMemoryEvent = 0xE0070003;
 static KEVENT DeviceDeletedEvent;
 static BOOLEAN DeviceDeletedEventReady;
 
+static VOID LockDeviceList() _Acquires_lock_(DeviceListMutex) _IRQL_requires_max_(PASSIVE_LEVEL)
+{
+    KeWaitForSingleObject(&DeviceListMutex, Executive, KernelMode, FALSE, NULL);
+    _Analysis_assume_lock_acquired_(DeviceListMutex);
+}
+
+static VOID UnlockDeviceList() _Releases_lock_(DeviceListMutex)
+{
+    _Analysis_assume_lock_released_(DeviceListMutex);
+    KeReleaseMutex(&DeviceListMutex, FALSE);
+}
+
 VOID GetDevice(PDEVICE_OBJECT DeviceObject, DEVICE** Dev, PORT_OBJ** Port)
 {
     const ULONG Type = *(const ULONG*)DeviceObject->DeviceExtension;
@@ -253,7 +265,7 @@ VOID DeleteDevice(PDEVICE_OBJECT DevObj)
     DEVICE_PRIVATE* Private = PrivateOf(Dev);
     KASSERT(IRQL_EQ_PASSIVE());
     TRACE(TRC_OBJECT, "%P:%S:[DeleteDevice\n", PORT_NAME(Dev));
-    KeWaitForSingleObject(&DeviceListMutex, Executive, KernelMode, FALSE, NULL);
+    LockDeviceList();
     CancelTimerObj(&Dev->DelayWaitTimer);
     CancelTimerObj(&Dev->FlushTimer);
     CancelTimerObj(&Dev->ReinitTimer);
@@ -278,7 +290,7 @@ VOID DeleteDevice(PDEVICE_OBJECT DevObj)
     TRACE(TRC_OBJECT, "%P:%S:]DeleteDevice\n", PORT_NAME(Dev));
     IoDeleteDevice(DevObj);
     KeSetEvent(&DeviceDeletedEvent, IO_NO_INCREMENT, FALSE);
-    KeReleaseMutex(&DeviceListMutex, FALSE);
+    UnlockDeviceList();
 }
 
 VOID DeleteAttDevice(ATT_OBJ* Att)
@@ -370,16 +382,16 @@ static DEVICE* FindAndReference(const NAME_120* Id) _Requires_lock_held_(DeviceL
         if (Dev == NULL || TryRef(&Dev->Ref))
             return Dev;
         KeClearEvent(&DeviceDeletedEvent);
-        KeReleaseMutex(&DeviceListMutex, FALSE);
+        UnlockDeviceList();
         KeWaitForSingleObject(&DeviceDeletedEvent, Executive, KernelMode, FALSE, NULL);
-        KeWaitForSingleObject(&DeviceListMutex, Executive, KernelMode, FALSE, NULL);
+        LockDeviceList();
     }
 }
 
 // TRUE when a DEVICE with this identifier exists; then *Status is the result of attaching to it.
 static BOOLEAN AttachToExisting(const NAME_120* Id, ATT_OBJ* Att, PDEVICE_OBJECT Pdo, NTSTATUS* Status)
 {
-    KeWaitForSingleObject(&DeviceListMutex, Executive, KernelMode, FALSE, NULL);
+    LockDeviceList();
     if (!DeviceDeletedEventReady) {
         KeInitializeEvent(&DeviceDeletedEvent, NotificationEvent, FALSE);
         DeviceDeletedEventReady = TRUE;
@@ -390,7 +402,7 @@ static BOOLEAN AttachToExisting(const NAME_120* Id, ATT_OBJ* Att, PDEVICE_OBJECT
         *Status = ReuseDevice(Dev, Att, Pdo);
         KeReleaseMutex(&Dev->Mutex, FALSE);
     }
-    KeReleaseMutex(&DeviceListMutex, FALSE);
+    UnlockDeviceList();
     if (Dev == NULL)
         return FALSE;
     if (!NT_SUCCESS(*Status)) {
@@ -512,9 +524,9 @@ static NTSTATUS CreateDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Pdo, AT
         return Status;
     }
     IncRefAtt(Att);
-    KeWaitForSingleObject(&DeviceListMutex, Executive, KernelMode, FALSE, NULL);
+    LockDeviceList();
     InsertHeadList(&DeviceList, &Dev->DeviceListEntry);
-    KeReleaseMutex(&DeviceListMutex, FALSE);
+    UnlockDeviceList();
     return STATUS_SUCCESS;
 }
 
