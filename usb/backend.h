@@ -85,7 +85,8 @@ public:
     // PASSIVE_LEVEL. Starts the backend's thread and makes transfers possible. False: the device cannot be reached.
     virtual bool start(BackendEvents& events) = 0;
     // PASSIVE_LEVEL. Completes what is pending with `gone` and joins the thread; no completion and no
-    // event comes after it returned. Also legal when start() failed or never ran.
+    // event comes after it returned. Nothing is submitted once it was called. Legal when start() failed or never
+    // ran, and while one of the blocking calls below is under way, which it ends. start() may follow again.
     virtual void stop() = 0;
 
     // <= DISPATCH_LEVEL, any thread, locks of the caller's may be held. Never blocks. Transfers of one endpoint are carried out
