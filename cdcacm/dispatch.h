@@ -30,4 +30,11 @@ VOID IndicateWaitEvent(PORT_OBJ* Port, ULONG Events) _Requires_lock_held_(Device
 VOID CompleteWaitIrp(PORT_OBJ* Port, ULONG Events) _Requires_lock_held_(DeviceLock);
 DRIVER_CANCEL WaitIrp_IrpCancelRoutine;
 TIMER_OBJ_CALLBACK DelayWaitCancelFnc;     // context the DEVICE
+// The control itself. STATUS_PENDING: stored; else the request is still the caller's.
+NTSTATUS WaitOnMask(DEVICE* Dev, PORT_OBJ* Port, PDEVICE_OBJECT DeviceObject, PIRP Irp) _Requires_lock_held_(DeviceLock);
 const CHAR* IoctlName(ULONG Code);
+
+// Finds the DEVICE and works inside its rundown: an entry point touches the DEVICE after its request
+// may be completed, and with it the last handle gone. Without a DEVICE the request fails.
+typedef NTSTATUS ENTRY_ROUTINE(DEVICE* Dev, PORT_OBJ* Port, PDEVICE_OBJECT DeviceObject, PIRP Irp);
+NTSTATUS WithDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, ENTRY_ROUTINE* Entry);

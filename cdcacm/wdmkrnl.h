@@ -38,7 +38,7 @@ static_assert(MEMHD_MAGIC == 0x6D654D4B);
 #define IRQL_EQ_PASSIVE() (KeGetCurrentIrql() == PASSIVE_LEVEL)
 
 // A word written under one lock and read elsewhere without it.
-template <class T> inline T LoadShared(const T* Word) { return __atomic_load_n(Word, __ATOMIC_ACQUIRE); }
+template <class T> inline T LoadShared(const volatile T* Word) { return __atomic_load_n(Word, __ATOMIC_ACQUIRE); }
 template <class T> inline VOID StoreShared(T* Word, T Value) { __atomic_store_n(Word, Value, __ATOMIC_RELEASE); }
 
 // Milliseconds to the platform's relative 100 ns units.
