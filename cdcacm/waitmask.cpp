@@ -50,7 +50,7 @@ static BOOLEAN ArmWaitCancel(DEVICE* Dev, PIRP Irp) _Requires_lock_held_(DeviceL
     RundownEnter(Dev);
     if (IoSetCancelRoutine(Irp, WaitIrp_IrpCancelRoutine) != NULL)
         RundownLeave(Dev);   // the same request again: counted when it was stored first
-    if (!LoadShared(&Irp->Cancel) || IoSetCancelRoutine(Irp, NULL) == NULL)
+    if (!Irp->Cancel || IoSetCancelRoutine(Irp, NULL) == NULL)
         return TRUE;
     RundownLeave(Dev);
     return FALSE;
