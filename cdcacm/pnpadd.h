@@ -93,7 +93,7 @@ struct DEVICE {
 // What the driver keeps beside the record. TraceName first: leaf units trace through it.
 struct DEVICE_PRIVATE {
     WCHAR TraceName[120];        // what "%S" prints for the port; always terminated (trace lock)
-    LONG volatile InFlight;      // callbacks at work without a reference, interlocked
+    LONG volatile InFlight;      // 1 and the callbacks at work without a reference, interlocked
     KEVENT InFlightEvent;        // set when InFlight falls to 0
     PIO_WORKITEM DeleteItem;     // carries out a deletion that may not run where Ref fell to 0
     LIST_ENTRY WorkFifo;         // WORK_REC in the order queued (WorkLock)

@@ -18,7 +18,7 @@ struct WORK_REC {
     WORK_ROUTINE* Routine;
     VOID* Context;
     PIRP Irp;             // completed with the routine's status; may be null
-    LIST_ENTRY FifoEntry; // in DEVICE_PRIVATE.WorkFifo (Lock)
+    LIST_ENTRY FifoEntry; // in DEVICE_PRIVATE.WorkFifo (WorkLock)
 };
 
 // Any IRQL up to DISPATCH_LEVEL, with or without Lock held. True when queued: a reference is held until the routine is
@@ -49,7 +49,7 @@ VOID DropRef(DEVICE* Dev) _IRQL_requires_max_(DISPATCH_LEVEL);
 VOID TraceIncRef(DEVICE* Dev, LONG Count, const CHAR* File, ULONG Line);
 
 // Rundown of callbacks with the DEVICE as context: entered where the callback is set up, left as its
-// last act. DeleteDevice waits for 0.
+// last act. DeleteDevice waits, once, until all have left.
 VOID RundownEnter(DEVICE* Dev);
 VOID RundownLeave(DEVICE* Dev);
 VOID RundownWait(DEVICE* Dev) _IRQL_requires_max_(PASSIVE_LEVEL);
