@@ -64,7 +64,11 @@ inline void schedulePoint(Point point) {
 // end for the system to make progress (a worker without work).
 using ParkWord = std::atomic<std::uint32_t>;
 void parkOn(ParkWord& word, std::uint32_t seen, const char* what, bool idle = false);
+// The same, until a now() time at the latest; idle. In the simulation wakeAll alone ends it.
+void parkUntil(ParkWord& word, std::uint32_t seen, const char* what, std::uint64_t deadline);
 void wakeAll(ParkWord& word);
+// At least one of those asleep.
+void wakeOne(ParkWord& word);
 
 // 100 ns since the core started; virtual in the simulated mode. Never goes back.
 std::uint64_t now();
@@ -73,12 +77,12 @@ std::uint64_t now();
 // point lies between lock and unlock.
 class NT_CAPABILITY_("core lock") TinyLock {
 public:
-    void lock() _Acquires_lock_(this) {
+    void lock() _Acquires_lock_(this) _No_thread_safety_analysis_ {
         while (held_.exchange(1, std::memory_order_acquire)) {
             contended();
         }
     }
-    void unlock() _Releases_lock_(this) { held_.store(0, std::memory_order_release); }
+    void unlock() _Releases_lock_(this) _No_thread_safety_analysis_ { held_.store(0, std::memory_order_release); }
 
 private:
     void contended();

@@ -86,8 +86,8 @@ void leaveProcessor();
 // Every processor there is, for reports and for KeFlushQueuedDpcs. Null after the last.
 Processor* processorAt(std::size_t index);
 
-// Ends with the OS thread asleep until token is 1 or the deadline (now() units, 0 = none) has passed; consumes the token.
-void sleepOnToken(Processor& p, std::uint64_t deadline);
+// Sleeps until the token is given and consumes it; false when the deadline (now() units, 0 = none) has passed first.
+bool sleepOnToken(Processor& p, std::uint64_t deadline);
 void giveToken(Processor& p);
 
 // Runs this processor's queued DPCs at DISPATCH_LEVEL; the level is that of the caller, DISPATCH_LEVEL.

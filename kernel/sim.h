@@ -16,7 +16,7 @@ std::uint64_t random(std::uint64_t bound);
 
 // For the core: --------------------------------------------------------------------------------------------------------
 
-void start(std::uint64_t seed);
+void start(std::uint64_t seed, std::uint64_t firstTime);
 void stop();
 std::uint64_t clock();
 // The calling thread may lose the baton here.

@@ -35,6 +35,8 @@ private:
         std::function<void()> body;
         PKTHREAD processor = nullptr;
     };
+    void joinOsThread();
+
     std::unique_ptr<State> state_;
     std::thread thread_;
 };

@@ -7,6 +7,8 @@ namespace nt {
 
 void startClock();
 void stopClock();
+// Tells the clock thread to look at the timers again.
+void wakeClock();
 // Due time of the earliest timer, or 0 when none is set.
 std::uint64_t earliestTimer();
 std::size_t activeTimers();

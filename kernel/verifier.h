@@ -56,12 +56,76 @@ inline void checkNoSpinLock(const char* call, const void* subject) {
 }
 bool holdsLock(const KSPIN_LOCK* lock);
 
-// For the core: lock rules L1 to L9. `call` names the platform's call. ----------------------------------------------
+// For the core: lock rules L1 to L9, on the path of every lock. `call` names the platform's call. ---------------------
 
+// A class is the place that initialised the lock; the mark tells an initialised lock from noise.
+constexpr ULONG lockClassMark = 0x4c4b0000;
+constexpr ULONG maxLockClasses = 256;
 ULONG lockClassOf(const char* file, ULONG line);
-void beforeAcquire(Processor& p, const KSPIN_LOCK& lock, const char* call);
-void afterAcquire(Processor& p, const KSPIN_LOCK& lock, KIRQL savedIrql);
-void beforeRelease(Processor& p, const KSPIN_LOCK& lock, KIRQL newIrql, const char* call);
+// Byte [a][b]: a lock of class b was taken while one of class a was held.
+extern std::atomic<std::uint8_t> lockOrder[maxLockClasses][maxLockClasses];
+
+inline ULONG classIndex(ULONG lockClass) { return lockClass & (maxLockClasses - 1); }
+
+[[noreturn]] void badAcquire(Processor& p, const KSPIN_LOCK& lock, const char* call);
+[[noreturn]] void badRelease(Processor& p, const KSPIN_LOCK& lock, KIRQL newIrql, const char* call);
+void newOrder(Processor& p, ULONG heldClass, ULONG lockClass, const void* lock, const char* call);
+[[noreturn]] void tooManyLocks(Processor& p, const char* call);
+
+inline void checkOrder(Processor& p, ULONG lockClass, const void* lock, const char* call) {
+    for (ULONG i = 0; i < p.heldCount; i++) {
+        ULONG held = p.held[i].lockClass;
+        if (held != lockClass &&
+            !lockOrder[classIndex(held)][classIndex(lockClass)].load(std::memory_order_relaxed)) [[unlikely]] {
+            newOrder(p, held, lockClass, lock, call);
+        }
+    }
+}
+
+inline void beforeAcquire(Processor& p, const KSPIN_LOCK& lock, const char* call) {
+    if ((lock.Class & ~(maxLockClasses - 1)) != lockClassMark ||
+        __atomic_load_n(&lock.Owner, __ATOMIC_RELAXED) == p.id) [[unlikely]] {
+        badAcquire(p, lock, call);
+    }
+    checkOrder(p, lock.Class, &lock, call);
+}
+
+inline void pushHeld(Processor& p, const void* lock, ULONG lockClass, bool isMutex, const char* call) {
+    if (p.heldCount == maxHeldLocks) [[unlikely]] {
+        tooManyLocks(p, call);
+    }
+    p.held[p.heldCount++] = {lock, lockClass, isMutex};
+}
+
+// False when it was not there.
+inline bool popHeld(Processor& p, const void* lock) {
+    for (ULONG i = p.heldCount; i-- > 0;) {
+        if (p.held[i].lock == lock) {
+            for (p.heldCount--; i < p.heldCount; i++) {
+                p.held[i] = p.held[i + 1];
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
+inline void afterAcquire(Processor& p, const KSPIN_LOCK& lock, KIRQL savedIrql) {
+    pushHeld(p, &lock, lock.Class, false, "KeAcquireSpinLock");
+    if (p.spinLocks++ == 0) {
+        p.spinBaseIrql = savedIrql;
+    }
+}
+
+inline void beforeRelease(Processor& p, const KSPIN_LOCK& lock, KIRQL newIrql, const char* call) {
+    KIRQL wanted = p.spinLocks == 1 ? p.spinBaseIrql : KIRQL(DISPATCH_LEVEL);
+    if (__atomic_load_n(&lock.Owner, __ATOMIC_RELAXED) != p.id || newIrql != wanted || !popHeld(p, &lock))
+        [[unlikely]] {
+        badRelease(p, lock, newIrql, call);
+    }
+    p.spinLocks--;
+}
+
 void beforeMutex(Processor& p, const KMUTANT& mutex, const char* call);
 void mutexAcquired(Processor& p, const KMUTANT& mutex);
 void mutexReleased(Processor& p, const KMUTANT& mutex);

@@ -61,7 +61,7 @@ typedef VOID NTAPI KDEFERRED_ROUTINE(struct _KDPC* Dpc, PVOID DeferredContext, P
                                      PVOID SystemArgument2);
 typedef KDEFERRED_ROUTINE* PKDEFERRED_ROUTINE;
 
-// DpcData is the processor whose queue holds the DPC, null when it is not queued.
+// DpcData is the processor whose queue holds the DPC, null when it is not queued; Ticket its place there.
 typedef struct _KDPC {
     UCHAR Type;
     UCHAR Importance;
@@ -72,6 +72,7 @@ typedef struct _KDPC {
     PVOID SystemArgument1;
     PVOID SystemArgument2;
     PVOID volatile DpcData;
+    ULONGLONG Ticket;
 } KDPC, *PKDPC, *PRKDPC;
 
 // HeapIndex is the timer's place in the queue, counted from 1; 0 when it is not set.

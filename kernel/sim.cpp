@@ -1,0 +1,209 @@
+// The simulation. Exactly one thread holds the baton; only it runs kernel code, and only it touches the state below.
+//
+//            point() (chosen)                 block()
+//   ready ------------------------> running ----------> blocked
+//     ^  <------------------------      |                  |
+//     |    point() (another chosen)     | leave()          | ready(), readyAll(), deadline reached
+//     +---------------------------------|------------------+
+//                                       v
+//                                     dead
+//
+// When nobody is ready the clock jumps to the next deadline or timer. When there is none of these either, nobody is left
+// who could signal what the threads wait for: the run stops with a report.
+#include "kernel/sim.h"
+
+#include <algorithm>
+
+#include "kernel/timer.h"
+#include "kernel/verifier.h"
+
+namespace nt::sim {
+
+namespace {
+
+struct State {
+    std::vector<Processor*> threads;  // in order of creation, dead ones removed
+    std::uint64_t seed = 0;
+    std::uint64_t generator = 0;
+    std::uint64_t clock = 0;
+    std::uint64_t steps = 0;
+    std::uint64_t maxSteps = 0;
+    std::uint64_t history = 0;
+};
+State state;
+
+std::uint64_t draw() {
+    std::uint64_t z = state.generator += 0x9e3779b97f4a7c15;
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
+    return z ^ (z >> 31);
+}
+
+void remember(std::uint64_t value) { state.history = (state.history ^ value) * 0x100000001b3; }
+
+[[noreturn]] void report(const char* rule, const char* text) {
+    for (Processor* p : state.threads) {
+        if (p->simState == SimState::blocked) {
+            fprintf(stderr, "  thread %u (%s) waits for %s %p%s\n", p->id, p->name, p->simWhat, p->simObject,
+                    p->simIdle ? " (idle)" : "");
+        } else {
+            fprintf(stderr, "  thread %u (%s) can run\n", p->id, p->name);
+        }
+    }
+    verifier::stop(rule, "simulation", nullptr, "%s", text);
+}
+
+Processor* pickReady() {
+    std::size_t count = 0;
+    for (Processor* p : state.threads) {
+        count += p->simState == SimState::ready;
+    }
+    if (!count) {
+        return nullptr;
+    }
+    std::size_t nth = count == 1 ? 0 : draw() % count;
+    for (Processor* p : state.threads) {
+        if (p->simState == SimState::ready && nth-- == 0) {
+            return p;
+        }
+    }
+    return nullptr;
+}
+
+void advanceClock() {
+    std::uint64_t next = earliestTimer();
+    for (Processor* p : state.threads) {
+        if (p->simState == SimState::blocked && p->simDeadline && (!next || p->simDeadline < next)) {
+            next = p->simDeadline;
+        }
+    }
+    if (!next) {
+        report("deadlock", "nobody is left who could signal what the threads wait for");
+    }
+    state.clock = std::max(state.clock, next);
+    remember(state.clock);
+    for (Processor* p : state.threads) {
+        if (p->simState == SimState::blocked && p->simDeadline && p->simDeadline <= state.clock) {
+            ready(*p);
+        }
+    }
+    std::uint64_t timer = earliestTimer();
+    if (timer && timer <= state.clock) {
+        wakeClock();
+    }
+}
+
+Processor* pick() {
+    for (;;) {
+        if (Processor* p = pickReady()) {
+            return p;
+        }
+        state.steps++;
+        if (state.maxSteps && state.steps > state.maxSteps) {
+            report("livelock", "the bound on scheduling points is exceeded");
+        }
+        advanceClock();
+    }
+}
+
+void handOver(Processor& from, Processor& to) {
+    to.simState = SimState::running;
+    if (&to != &from) {
+        giveToken(to);
+        sleepOnToken(from, 0);
+    }
+}
+
+}  // namespace
+
+void setMaxSteps(std::uint64_t steps) { state.maxSteps = steps ? state.steps + steps : 0; }
+std::uint64_t steps() { return state.steps; }
+std::uint64_t historyHash() { return state.history; }
+std::uint64_t seed() { return state.seed; }
+std::uint64_t clock() { return state.clock; }
+
+std::uint64_t random(std::uint64_t bound) {
+    std::uint64_t value = draw() % bound;
+    remember(value);
+    return value;
+}
+
+void start(std::uint64_t seed, std::uint64_t firstTime) {
+    state = State{};
+    state.seed = seed;
+    state.generator = seed * 0xd1342543de82ef95 + 1;
+    state.clock = firstTime;
+    state.history = 0xcbf29ce484222325;
+    Processor& p = self();
+    p.simState = SimState::running;
+    state.threads.push_back(&p);
+}
+
+void stop() { state.threads.clear(); }
+
+void point(Point point) {
+    Processor& p = self();
+    state.steps++;
+    if (state.maxSteps && state.steps > state.maxSteps) {
+        report("livelock", "the bound on scheduling points is exceeded");
+    }
+    p.simState = SimState::ready;
+    Processor* next = pickReady();
+    remember(std::uint64_t(point) << 32 | next->id);
+    handOver(p, *next);
+}
+
+bool block(const void* object, const char* what, std::uint64_t deadline, bool idle) {
+    Processor& p = self();
+    if (deadline && deadline <= state.clock) {
+        return false;
+    }
+    p.simState = SimState::blocked;
+    p.simObject = object;
+    p.simWhat = what;
+    p.simDeadline = deadline;
+    p.simIdle = idle;
+    Processor* next = pick();
+    remember(std::uint64_t(0xff) << 32 | next->id);
+    handOver(p, *next);
+    bool timedOut = deadline && deadline <= state.clock;
+    p.simObject = nullptr;
+    p.simDeadline = 0;
+    p.simIdle = false;
+    return !timedOut;
+}
+
+void ready(Processor& p) {
+    if (p.simState == SimState::blocked) {
+        p.simState = SimState::ready;
+    }
+}
+
+void readyAll(const void* object) {
+    for (Processor* p : state.threads) {
+        if (p->simState == SimState::blocked && p->simObject == object) {
+            p->simState = SimState::ready;
+        }
+    }
+}
+
+void add(Processor& p) {
+    p.simState = SimState::ready;
+    state.threads.push_back(&p);
+}
+
+void enter(Processor& p) { sleepOnToken(p, 0); }
+
+void leave(Processor& p) {
+    p.simState = SimState::dead;
+    std::erase(state.threads, &p);
+    if (state.threads.empty()) {
+        return;
+    }
+    Processor* next = pick();
+    remember(std::uint64_t(0xfe) << 32 | next->id);
+    next->simState = SimState::running;
+    giveToken(*next);
+}
+
+}  // namespace nt::sim
