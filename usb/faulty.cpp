@@ -71,7 +71,6 @@ void FaultyBackend::submit(Transfer* transfer) {
         SpinGuard guard(lock_);
         const Fault* const fault = leaving_ ? nullptr : match(*transfer);
         if (fault == nullptr && !leaving_) {
-            transfer->backendData = nullptr;
             inner_->submit(transfer);
             return;
         }
@@ -84,7 +83,6 @@ void FaultyBackend::submit(Transfer* transfer) {
             leaving_ = fault->action == Fault::Action::leave;
         }
         detour->dueTime = KeQueryInterruptTime() + std::uint64_t{detour->fault.delayMs} * 10000;
-        transfer->backendData = detour.get();
         transfer->actual = 0;
         if (detour->fault.action == Fault::Action::shorten) forward(*detour);
         detours_.push_back(std::move(detour));
@@ -108,8 +106,10 @@ void FaultyBackend::forward(Detour& detour) {
 void FaultyBackend::cancel(Transfer* transfer) {
     {
         SpinGuard guard(lock_);
-        auto* const detour = static_cast<Detour*>(transfer->backendData);
-        if (detour == nullptr) return inner_->cancel(transfer);
+        const auto found = std::find_if(detours_.begin(), detours_.end(),
+                                        [transfer](const auto& known) { return known->outer == transfer; });
+        if (found == detours_.end()) return inner_->cancel(transfer);
+        Detour* const detour = found->get();
         if (detour->forwarded) return inner_->cancel(&detour->inner);
         detour->cancelled = true;
     }
