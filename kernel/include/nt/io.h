@@ -388,6 +388,16 @@ typedef struct _IO_STACK_LOCATION {
     PVOID Context;
 } IO_STACK_LOCATION, *PIO_STACK_LOCATION;
 
+// A BOOLEAN one processor sets while others look at it without a lock.
+typedef struct _NT_FLAG {
+    BOOLEAN Value;
+    operator BOOLEAN() const { return __atomic_load_n(&Value, __ATOMIC_SEQ_CST); }
+    BOOLEAN operator=(BOOLEAN value) {
+        __atomic_store_n(&Value, value, __ATOMIC_SEQ_CST);
+        return value;
+    }
+} NT_FLAG;
+
 // The stack locations follow the record in memory; CurrentLocation counts from StackCount + 1 down.
 typedef struct _IRP {
     CSHORT Type;
@@ -405,7 +415,7 @@ typedef struct _IRP {
     BOOLEAN PendingReturned;
     CHAR StackCount;
     CHAR CurrentLocation;
-    BOOLEAN volatile Cancel;
+    NT_FLAG Cancel;
     KIRQL CancelIrql;
     CCHAR ApcEnvironment;
     UCHAR AllocationFlags;
