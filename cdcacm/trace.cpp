@@ -130,6 +130,7 @@ VOID TraceSetName(WCHAR* Name, ULONG Capacity, const WCHAR* Text)
 CHAR* TraceNumber(CHAR* Output, CHAR* OutputEnd, ULONGLONG Value, ULONG Base, LONG Width, LONG Precision, ULONG Flags)
 {
     WRITER Writer = {Output, OutputEnd};
+    const CHAR* Table = Flags & TRN_UPPER ? UpperDigits : LowerDigits;
     CHAR Digits[64];
     LONG Count = 0;
     CHAR Sign = 0;
@@ -152,7 +153,7 @@ CHAR* TraceNumber(CHAR* Output, CHAR* OutputEnd, ULONGLONG Value, ULONG Base, LO
     if (Flags & TRN_ALTERNATE)
         Prefix = Base == 16 ? 2 : Base == 8 ? 1 : 0;
     do {
-        Digits[Count++] = (Flags & TRN_UPPER ? UpperDigits : LowerDigits)[Value % Base];
+        Digits[Count++] = Table[Value % Base];
         Value /= Base;
     } while (Value != 0);
     if (Precision < Count)

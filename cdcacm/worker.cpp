@@ -44,6 +44,21 @@ static VOID DeleteDeviceWorker(PDEVICE_OBJECT DeviceObject, PVOID Context)
     DeleteDevice(DeviceObject);
 }
 
+// The last drop has happened: nothing refers to the DEVICE but this call.
+static VOID DeleteUnreferenced(DEVICE* Dev, BOOLEAN InCallback)
+{
+    if (IRQL_EQ_PASSIVE() && !InCallback)
+        DeleteDevice(Dev->Port.DeviceObject);
+    else
+        IoQueueWorkItem(PrivateOf(Dev)->DeleteItem, DeleteDeviceWorker, DelayedWorkQueue, NULL);
+}
+
+VOID DropRef(DEVICE* Dev)
+{
+    if (InterlockedDecrement(&Dev->Ref) == 0)
+        DeleteUnreferenced(Dev, FALSE);
+}
+
 LONG DecRefAt(DEVICE* Dev, BOOLEAN InCallback, const CHAR* File, ULONG Line)
 {
     WCHAR Name[sizeof(DEVICE_PRIVATE::TraceName) / sizeof(WCHAR)];
@@ -55,12 +70,8 @@ LONG DecRefAt(DEVICE* Dev, BOOLEAN InCallback, const CHAR* File, ULONG Line)
     LONG Count = InterlockedDecrement(&Dev->Ref);
     if (Traced)
         TracePrint("%P:%S:DecRef: %i, %s(%d)\n", Name, Count, File, Line);
-    if (Count == 0) {
-        if (IRQL_EQ_PASSIVE() && !InCallback)
-            DeleteDevice(Dev->Port.DeviceObject);
-        else
-            IoQueueWorkItem(PrivateOf(Dev)->DeleteItem, DeleteDeviceWorker, DelayedWorkQueue, NULL);
-    }
+    if (Count == 0)
+        DeleteUnreferenced(Dev, InCallback);
     return Count;
 }
 

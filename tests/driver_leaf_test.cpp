@@ -1,0 +1,428 @@
+// Units of the driver that need no device: trace output, byte rings, the request pool, request timing.
+
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <deque>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "cdcacm/pnpadd.h"
+#include "kernel/executive.h"
+#include "kernel/faults.h"
+
+namespace {
+
+constexpr std::uint64_t kSeed = 20240611;
+
+// The driver is loaded, so that its locks and lists stand; what it traces is kept, a text a call.
+class DriverLeaf : public testing::Test {
+protected:
+    DriverLeaf() : executive_(options(this)) {
+        EXPECT_EQ(executive_.loadDriver("qvcdcacm", DriverEntry), STATUS_SUCCESS);
+        traced_.clear();
+    }
+    ~DriverLeaf() override {
+        nt::faults::clear();
+        EXPECT_EQ(MemoryCounter, 0u);
+        const nt::LeakReport report = executive_.stop();
+        for (const std::string& line : report.lines) {
+            ADD_FAILURE() << line;
+        }
+    }
+    void expectNoAssertion() const {
+        for (const std::string& text : traced_) {
+            EXPECT_EQ(text.find("ASSERTION"), std::string::npos) << text;
+        }
+    }
+
+    std::vector<std::string> traced_;
+
+private:
+    static nt::Options options(DriverLeaf* self) {
+        nt::Options result;
+        result.mode = nt::Mode::simulated;
+        result.seed = kSeed;
+        result.debugSink = [](void* context, const char* text, std::size_t length) {
+            static_cast<DriverLeaf*>(context)->traced_.emplace_back(text, length);
+        };
+        result.debugContext = self;
+        return result;
+    }
+
+    nt::Executive executive_;
+};
+
+std::string format(std::size_t capacity, const char* text, ...) {
+    std::vector<char> buffer(capacity + 1, '#');  // the last one must survive
+    va_list arguments;
+    va_start(arguments, text);
+    TraceFormat(buffer.data(), buffer.data() + capacity, text, arguments);
+    va_end(arguments);
+    EXPECT_EQ(buffer[capacity], '#') << text;
+    return buffer.data();
+}
+
+TEST(TraceFormat, directives) {
+    WCHAR wide[] = u"COM7";
+    UNICODE_STRING counted = {6, 8, wide};
+    auto* noText = static_cast<const CHAR*>(nullptr);
+    auto* noWide = static_cast<const WCHAR*>(nullptr);
+    const struct {
+        std::string got, expected;
+    } cases[] = {
+        {format(80, "%P:%S:[x %s\n", wide, "y"), "ACM:COM7:[x y\n"},
+        {format(80, "%S %s %U", noWide, noText, nullptr), "<NULL> <NULL> <NULL>"},
+        {format(80, "%U|%9.1U|%9P", &counted, &counted), "COM|COM|ACM"},
+        {format(80, "[%5s][%-5s][%.1s][%4.2S]", "ab", "ab", "ab", wide), "[   ab][ab   ][a][  CO]"},
+        {format(80, "%B %B %W %D %Q", 7, 0x1FF, 0x12345, 0xC0000001u, 0xABCu), "07 1FF 12345 C0000001 0000000000000ABC"},
+        {format(80, "%-9.3D|%hD", 0x1Au, 0x12345678u), "0000001A|00005678"},
+        {format(80, "%x %X %#x %#X %#o %o", 0xABu, 0xABu, 0xABu, 0xABu, 8, 8), "ab AB 0xab 0XAB 010 10"},
+        {format(80, "%d %i %u %hd %hu %lx", -5, -1, 0xFFFFFFFFu, 0x1FFFF, 0x1FFFF, 0xFFFFFFFFu), "-5 -1 4294967295 -1 65535 ffffffff"},
+        {format(80, "[%+d][% d][%05d][%-5d][%5.3d]", 3, 3, -3, 3, 3), "[+3][ 3][-0003][3    ][  003]"},
+        {format(80, "[%*d][%*d][%.*d][%.d]", 4, 7, -4, 7, -2, 7, 0), "[   7][7   ][7][0]"},
+        {format(80, "[%c][%3c][%-3C]", 'a', 'b', 'c'), "[a][  b][c  ]"},
+        {format(80, "%p %6p", reinterpret_cast<void*>(0xBEEF), reinterpret_cast<void*>(0xBEEF)), "0000beef   beef"},
+        {format(80, "%k %d %%", 5), "%k 5 %"},
+        {format(80, "100%"), "100%"},
+        {format(80, "%5"), "%"},
+        {format(5, "%s", "abcdefgh"), "abcd"},
+        {format(5, "%900d", 1), "    "},
+        {format(1, "abc"), ""},
+    };
+    for (const auto& item : cases) {
+        EXPECT_EQ(item.got, item.expected);
+    }
+}
+
+TEST(TraceNumber, agreesWithPrintf) {
+    std::mt19937_64 random(kSeed);
+    for (int round = 0; round < 20000; ++round) {
+        const auto value = static_cast<int>(random() >> (random() % 64));
+        const int width = static_cast<int>(random() % 20);
+        const int precision = static_cast<int>(random() % 14) - 1;
+        std::string directive = "%";
+        ULONG flags = TRN_SIGNED;
+        const auto add = [&](bool wanted, char sign, ULONG flag) {
+            if (wanted) {
+                directive += sign;
+                flags |= flag;
+            }
+        };
+        add(random() % 2, '-', TRN_LEFT);
+        add(random() % 2, '+', TRN_PLUS);
+        add(random() % 2, ' ', TRN_SPACE);
+        add(precision < 0 && random() % 2, '0', TRN_ZERO);  // with a precision printf ignores the flag
+        directive += "*.*d";
+        char expected[80];
+        std::snprintf(expected, sizeof expected, directive.c_str(), width, precision < 1 ? -1 : precision, value);
+        char got[80];
+        *TraceNumber(got, got + sizeof got, static_cast<ULONGLONG>(value), 10, width, precision < 1 ? -1 : precision, flags) = 0;
+        ASSERT_STREQ(got, expected) << directive << " seed " << kSeed;
+    }
+    char untouched = '#';
+    EXPECT_EQ(TraceNumber(&untouched, &untouched + 1, 5, 1, -1, -1, 0), &untouched);
+    EXPECT_EQ(TraceNumber(&untouched, &untouched + 1, 5, 37, -1, -1, 0), &untouched);
+    EXPECT_EQ(untouched, '#');
+}
+
+TEST_F(DriverLeaf, dumpLayout) {
+    UCHAR bytes[70];
+    for (ULONG i = 0; i < sizeof bytes; ++i) {
+        bytes[i] = static_cast<UCHAR>(0x7A + i);
+    }
+    TraceDump(bytes, 20);
+    TraceDump(bytes, 0);
+    TraceDumpLimited(bytes, 64);
+    TraceDumpLimited(bytes, 65);
+    ASSERT_EQ(traced_.size(), 2u + 1 + 4 + 5);
+    EXPECT_EQ(traced_[0], "0000: 7A 7B 7C 7D  7E 7F 80 81  82 83 84 85  86 87 88 89   z{|}~\x7F..........\n");
+    EXPECT_EQ(traced_[1], "0010: 8A 8B 8C 8D" + std::string(59 - 17, ' ') + "....\n");
+    EXPECT_EQ(traced_[2], "<<NULL>>");
+    EXPECT_EQ(traced_.back(), "...\n");
+    TracePrint("still %s\n", "there");  // no lock was left behind
+    EXPECT_EQ(traced_.back(), "still there\n");
+}
+
+// Random operations on a ring and on a queue that cannot be wrong.
+TEST_F(DriverLeaf, ringsBehaveAsQueues) {
+    std::mt19937 random(kSeed);
+    const auto below = [&](ULONG limit) { return static_cast<ULONG>(random() % limit); };
+    for (ULONG capacity : {0u, 1u, 2u, 3u, 4u, 7u, 64u, 255u}) {
+        SCOPED_TRACE("capacity " + std::to_string(capacity) + " seed " + std::to_string(kSeed));
+        CIRC_BUF ring;
+        ASSERT_TRUE(CircBufInit(&ring, capacity));
+        std::deque<UCHAR> model;
+        bool full = false, empty = true;
+        for (int step = 0; step < 20000; ++step) {
+            std::vector<UCHAR> bytes(below(2 * capacity + 3));
+            const auto length = static_cast<ULONG>(bytes.size());
+            const auto room = static_cast<ULONG>(capacity - model.size());
+            switch (below(16)) {
+            case 0:
+                CircBufReset(&ring);
+                model.clear();
+                full = false, empty = true;
+                break;
+            case 1: case 2: case 3: {
+                for (UCHAR& byte : bytes) byte = static_cast<UCHAR>(random());
+                const bool fits = length <= room;
+                ASSERT_EQ(CircBufUnread(&ring, bytes.data(), length), fits);
+                if (fits && length > 0) {
+                    model.insert(model.begin(), bytes.begin(), bytes.end());
+                    full = model.size() == capacity, empty = false;
+                }
+                break;
+            }
+            case 4: case 5: case 6: case 7: case 8: case 9: {
+                for (UCHAR& byte : bytes) byte = static_cast<UCHAR>(random());
+                const ULONG taken = std::min(length, room);
+                ASSERT_EQ(CircBufWrite(&ring, bytes.data(), length), taken);
+                model.insert(model.end(), bytes.begin(), bytes.begin() + taken);
+                if (length > 0) full = model.size() == capacity, empty = false;
+                break;
+            }
+            default: {
+                const ULONG given = std::min<ULONG>(length, static_cast<ULONG>(model.size()));
+                ASSERT_EQ(CircBufRead(&ring, bytes.data(), length), given);
+                ASSERT_TRUE(std::equal(bytes.begin(), bytes.begin() + given, model.begin()));
+                model.erase(model.begin(), model.begin() + given);
+                if (length > 0) full = false, empty = model.empty() || empty;
+            }
+            }
+            ASSERT_EQ(ring.Count, model.size());
+            ASSERT_EQ(ring.Full, full ? 1u : 0u);
+            ASSERT_EQ(ring.Empty, empty ? 1u : 0u);
+        }
+        CircBufFree(&ring);
+    }
+}
+
+TEST_F(DriverLeaf, ringWithoutStorageTakesNothing) {
+    CIRC_BUF rings[2];
+    EXPECT_FALSE(CircBufInit(&rings[0], 0xFFFFFFFF));  // size + 1 would be 0
+    nt::faults::failNth(nt::faults::Kind::allocation, 1);
+    EXPECT_FALSE(CircBufInit(&rings[1], 100));
+    for (CIRC_BUF& ring : rings) {
+        UCHAR byte = 1;
+        EXPECT_EQ(ring.Storage, nullptr);
+        EXPECT_EQ(ring.Size, 0u);
+        EXPECT_EQ(CircBufWrite(&ring, &byte, 1), 0u);
+        EXPECT_EQ(CircBufRead(&ring, &byte, 1), 0u);
+        EXPECT_FALSE(CircBufUnread(&ring, &byte, 1));
+        CircBufFree(&ring);
+    }
+    EXPECT_EQ(MemAlloc(0xFFFFFFF8, Tag4('t', 'e', 's', 't')), nullptr);  // the header would wrap
+}
+
+TEST_F(DriverLeaf, poolGrowsToItsLimit) {
+    DPOOL pool;
+    ASSERT_EQ(DPoolInit(&pool, 5, 40, 10, sizeof(SER_REQUEST)), STATUS_SUCCESS);
+    std::vector<VOID*> taken;
+    std::vector<ULONG> sizes;
+    for (;;) {
+        if (sizes.empty() || sizes.back() != pool.CurrentCount) {
+            sizes.push_back(pool.CurrentCount);
+        }
+        if (taken.size() == 5) {  // memory is out when the second block is due, and there again after
+            nt::faults::failNth(nt::faults::Kind::allocation, 1);
+            EXPECT_EQ(DPoolGet(&pool), nullptr);
+        }
+        VOID* element = DPoolGet(&pool);
+        if (element == nullptr) {
+            break;
+        }
+        memset(element, 0xAB, sizeof(SER_REQUEST));  // a neighbour's link would not survive an overlap
+        taken.push_back(element);
+    }
+    EXPECT_EQ(taken.size(), 55u);
+    EXPECT_EQ(sizes, (std::vector<ULONG>{5, 15, 25, 37, 55}));
+    ASSERT_FALSE(traced_.empty());
+    EXPECT_EQ(traced_.back(), "ACMDPoolGet: alloc failed. CurrentCount 55 MaxCount 40\n");
+    DPoolPut(taken[20]);
+    DPoolPut(taken[3]);
+    EXPECT_EQ(DPoolGet(&pool), taken[3]);
+    EXPECT_EQ(DPoolGet(&pool), taken[20]);
+    for (VOID* element : taken) {
+        DPoolPut(element);
+    }
+    DPoolFree(&pool);
+    expectNoAssertion();
+}
+
+void idleDpc(PKDPC, PVOID, PVOID, PVOID) {}
+
+// The engine of a port without a device. A request ends inside CompleteRequest without reaching its IRP.
+class Engine {
+public:
+    Engine(ULONG interval, ULONG constant, ULONG multiplier, bool writes = false) : device_(new DEVICE_EXTENSION()) {
+        DEVICE* dev = &device_->Device;
+        KeInitializeSpinLock(&dev->Lock);
+        dev->Port.Tag = PORT_OBJ_TAG;
+        dev->Port.Device = dev;
+        KeInitializeDpc(&dev->Snd.Dpc, idleDpc, dev);
+        EXPECT_EQ(AddPort(&dev->Port.SerPort, dev, 1000, 4, 10, &dev->Port), STATUS_SUCCESS);
+        port_ = dev->Port.SerPort;
+        queue_ = writes ? &port_->SndQueue : &port_->RcvQueue;
+        SERIAL_SETTINGS& settings = port_->Settings;
+        settings.ReadIntervalTimeout = interval;
+        (writes ? settings.WriteTotalTimeoutConstant : settings.ReadTotalTimeoutConstant) = constant;
+        (writes ? settings.WriteTotalTimeoutMultiplier : settings.ReadTotalTimeoutMultiplier) = multiplier;
+        SqueueCheckTimeMode(queue_, &settings);
+        irp_ = IoAllocateIrp(1, FALSE);
+        IoSetNextIrpStackLocation(irp_);
+        IoGetCurrentIrpStackLocation(irp_)->Parameters.Read.Length = 1000;
+        KeAcquireSpinLock(&dev->Lock, &oldIrql_);
+    }
+    ~Engine() {
+        KeReleaseSpinLock(&device_->Device.Lock, oldIrql_);
+        DeleteSerPort(port_);
+        IoFreeIrp(irp_);
+        delete device_;
+    }
+    void add(SER_REQUEST* request, ULONG length) {
+        *request = {};
+        request->Buffer = buffer_;
+        request->Length = length;
+        request->Status = DEFAULT_STATUS;
+        request->Irp = irp_;
+        request->Port = &device_->Device.Port;
+        request->Flags = queue_->IsWrite ? ULONG{REQ_INLINE} : ULONG{REQ_INLINE} | ULONG{REQ_READ};
+        SqueueAddRequest(queue_, request, queue_->IsWrite ? &port_->CircSendBuf : &port_->CircRcvBuf);
+    }
+    void arrive(ULONG count) {
+        const std::vector<UCHAR> bytes(count, 'x');
+        CircBufWrite(&port_->CircRcvBuf, bytes.data(), count);
+        SqueueReceive(queue_, &port_->CircRcvBuf);
+    }
+    // Ticks until the request ends, at most the given number; that number + 1 when it does not.
+    int ticksUntilDone(const SER_REQUEST& request, int limit) {
+        int ticks = 0;
+        while (request.Status == DEFAULT_STATUS && ticks <= limit) {
+            SqueueTick(queue_);
+            ++ticks;
+        }
+        return ticks;
+    }
+    DEVICE* dev() { return &device_->Device; }
+
+private:
+    DEVICE_EXTENSION* device_;
+    SER_PORT* port_ = nullptr;
+    SQUEUE* queue_ = nullptr;
+    PIRP irp_ = nullptr;
+    UCHAR buffer_[1000] = {};
+    KIRQL oldIrql_ = 0;
+};
+
+TEST_F(DriverLeaf, readTiming) {
+    constexpr ULONG kMax = MAXULONG;
+    constexpr int kNever = 5000;
+    const struct {
+        const char* name;
+        ULONG interval, constant, multiplier, length;
+        int quietTicks;   // before the bytes come
+        ULONG bytes;
+        int ticks;        // from then to the end
+        NTSTATUS status;
+        ULONG count;
+    } cases[] = {
+        {"off waits for ever", 0, 0, 0, 10, 1, 3, kNever + 1, DEFAULT_STATUS, 10},
+        {"off ends when full", 0, 0, 0, 10, 1, 10, 0, STATUS_SUCCESS, 10},
+        {"nowait, nothing there", kMax, 0, 0, 10, 0, 0, 0, STATUS_SUCCESS, 0},
+        {"waitfirst, no data", kMax, 500, kMax, 10, 0, 0, 51, STATUS_TIMEOUT, 0},
+        {"waitfirst, a byte", kMax, 500, kMax, 10, 49, 1, 0, STATUS_SUCCESS, 1},
+        {"negative interval", kMax, 500, 0, 10, 0, 0, 1, STATUS_TIMEOUT, 0},
+        {"most negative interval, bytes held", 0x80000000, 500, 0, 10, 0, 3, 1, STATUS_TIMEOUT, 3},
+        {"total time", 0, 100, 0, 10, 0, 0, 11, STATUS_TIMEOUT, 0},
+        {"total time runs on while bytes come", 0, 100, 0, 10, 5, 3, 6, STATUS_TIMEOUT, 3},
+        {"total time per byte", 0, 20, 10, 8, 0, 0, 11, STATUS_TIMEOUT, 0},
+        {"interval after the last byte", 50, 0, 0, 10, 40, 3, 6, STATUS_TIMEOUT, 3},
+        {"interval does not run before the first byte", 50, 0, 0, 10, 0, 0, kNever + 1, DEFAULT_STATUS, 10},
+        {"a product that wraps is used as it is", 0, 0, 0x10000001, 16, 0, 0, 2, STATUS_TIMEOUT, 0},
+    };
+    for (const auto& item : cases) {
+        SCOPED_TRACE(item.name);
+        SER_REQUEST request;
+        Engine engine(item.interval, item.constant, item.multiplier);
+        engine.add(&request, item.length);
+        for (int tick = 0; tick < item.quietTicks; ++tick) {
+            SqueueTick(&engine.dev()->Port.SerPort->RcvQueue);
+        }
+        ASSERT_EQ(request.Status, item.interval == kMax && item.constant == 0 ? STATUS_SUCCESS : DEFAULT_STATUS);
+        engine.arrive(item.bytes);
+        EXPECT_EQ(engine.ticksUntilDone(request, kNever), item.ticks);
+        EXPECT_EQ(request.Status, item.status);
+        EXPECT_EQ(request.Length, item.count);
+    }
+    SER_REQUEST request;
+    Engine overflow(0, 0x7FFFFFF0, 1);
+    overflow.add(&request, 100);
+    EXPECT_EQ(request.TotalTime, MAXLONG);
+    expectNoAssertion();
+}
+
+TEST_F(DriverLeaf, severalReads) {
+    SER_REQUEST first, second;
+    {
+        Engine engine(50, 0, 0);  // the interval of every read runs while the head holds bytes
+        engine.add(&first, 10);
+        engine.add(&second, 10);
+        engine.arrive(3);
+        EXPECT_EQ(engine.ticksUntilDone(first, 100), 6);
+        EXPECT_EQ(first.Length, 3u);
+        EXPECT_EQ(second.Status, DEFAULT_STATUS);
+        engine.arrive(12);
+        EXPECT_EQ(second.Status, STATUS_SUCCESS);
+    }
+    {
+        Engine engine(0, 0, 0);  // turned to nowait under way: the next bytes end all
+        engine.add(&first, 10);
+        engine.add(&second, 10);
+        SERIAL_SETTINGS& settings = engine.dev()->Port.SerPort->Settings;
+        settings.ReadIntervalTimeout = MAXULONG;
+        SqueueCheckTimeMode(&engine.dev()->Port.SerPort->RcvQueue, &settings);
+        engine.arrive(3);
+        EXPECT_EQ(first.Status, STATUS_SUCCESS);
+        EXPECT_EQ(first.Length, 3u);
+        EXPECT_EQ(second.Status, STATUS_SUCCESS);
+        EXPECT_EQ(second.Length, 0u);
+    }
+    expectNoAssertion();
+}
+
+TEST_F(DriverLeaf, writeTiming) {
+    SER_REQUEST request;
+    {
+        Engine engine(0, 100, 0, true);  // without CTS flow control nothing acts on the countdown
+        engine.add(&request, 10);
+        EXPECT_EQ(engine.ticksUntilDone(request, 5000), 5001);
+    }
+    for (bool ctsActive : {true, false}) {
+        Engine engine(0, 100, 0, true);
+        engine.dev()->Cfg.useCtsFlowControl = 1;
+        engine.dev()->ModemStatus = ctsActive ? ULONG{MODEM_CTS} : 0;
+        engine.add(&request, 10);
+        // Inactive: a grace after 11 ticks, the end 101 later. The ring took 4 bytes.
+        EXPECT_EQ(engine.ticksUntilDone(request, 5000), ctsActive ? 11 : 112);
+        EXPECT_EQ(engine.dev()->CtsGraceBytes, ctsActive ? 0u : 4u);
+        EXPECT_EQ(request.Status, STATUS_TIMEOUT);
+        EXPECT_EQ(request.Length, 4u);
+        KeRemoveQueueDpc(&engine.dev()->Snd.Dpc);
+    }
+    {
+        Engine engine(0, 0, 0, true);  // the ring is gone after a resize that failed: the write waits
+        nt::faults::failNth(nt::faults::Kind::allocation, 1);
+        SetSendBufferSize(engine.dev()->Port.SerPort, 500);
+        engine.add(&request, 10);
+        EXPECT_EQ(request.Status, DEFAULT_STATUS);
+        SetSendBufferSize(engine.dev()->Port.SerPort, 5);
+        EXPECT_EQ(SqueueSend(&engine.dev()->Port.SerPort->SndQueue, &engine.dev()->Port.SerPort->CircSendBuf), STATUS_SUCCESS);
+        EXPECT_EQ(request.Status, STATUS_SUCCESS);
+    }
+    expectNoAssertion();
+}
+
+}  // namespace
