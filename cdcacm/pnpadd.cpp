@@ -20,7 +20,13 @@ static const ULONG NoMemoryEvent = 0xE0070003;
 
 // Set whenever a DEVICE has left DeviceList; cleared by a search that found one on its way out.
 static KEVENT DeviceDeletedEvent;
-static BOOLEAN DeviceDeletedEventReady;
+
+VOID InitDeviceList()
+{
+    InitializeListHead(&DeviceList);
+    KeInitializeMutex(&DeviceListMutex, 0);
+    KeInitializeEvent(&DeviceDeletedEvent, NotificationEvent, FALSE);
+}
 
 static VOID LockDeviceList() _Acquires_lock_(DeviceListMutex) _IRQL_requires_max_(PASSIVE_LEVEL)
 {
@@ -262,7 +268,6 @@ static VOID DrainDpcs(DEVICE* Dev)
 VOID DeleteDevice(PDEVICE_OBJECT DevObj)
 {
     DEVICE* Dev = (DEVICE*)DevObj->DeviceExtension;
-    DEVICE_PRIVATE* Private = PrivateOf(Dev);
     KASSERT(IRQL_EQ_PASSIVE());
     TRACE(TRC_OBJECT, "%P:%S:[DeleteDevice\n", PORT_NAME(Dev));
     LockDeviceList();
@@ -284,9 +289,7 @@ VOID DeleteDevice(PDEVICE_OBJECT DevObj)
     DeleteRcvPipe(&Dev->Int);
     DeleteSndPipe(&Dev->Snd);
     KeFlushQueuedDpcs();   // the requests that the port object ended above
-    if (Private->DeleteItem != NULL)
-        IoFreeWorkItem(Private->DeleteItem);
-    Private->DeleteItem = NULL;
+    FreeWorker(Dev);
     TRACE(TRC_OBJECT, "%P:%S:]DeleteDevice\n", PORT_NAME(Dev));
     IoDeleteDevice(DevObj);
     KeSetEvent(&DeviceDeletedEvent, IO_NO_INCREMENT, FALSE);
@@ -392,10 +395,6 @@ static DEVICE* FindAndReference(const NAME_120* Id) _Requires_lock_held_(DeviceL
 static BOOLEAN AttachToExisting(const NAME_120* Id, ATT_OBJ* Att, PDEVICE_OBJECT Pdo, NTSTATUS* Status)
 {
     LockDeviceList();
-    if (!DeviceDeletedEventReady) {
-        KeInitializeEvent(&DeviceDeletedEvent, NotificationEvent, FALSE);
-        DeviceDeletedEventReady = TRUE;
-    }
     DEVICE* Dev = FindAndReference(Id);
     if (Dev != NULL) {
         KeWaitForSingleObject(&Dev->Mutex, Executive, KernelMode, FALSE, NULL);

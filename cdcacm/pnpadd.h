@@ -122,6 +122,8 @@ inline DEVICE_PRIVATE* PrivateOf(DEVICE* Dev) { return &((DEVICE_EXTENSION*)Dev)
 #define OBJECT_LETTER(DeviceObject) (*(const ULONG*)(DeviceObject)->DeviceExtension == DEVICE_TYPE_DATA ? KTEXT("S") : KTEXT("A"))
 
 DRIVER_ADD_DEVICE PnPAddDevice;
+// At load: an empty DeviceList and its mutex.
+VOID InitDeviceList();
 // All at PASSIVE_LEVEL.
 NTSTATUS CreateNumberedDeviceObject(const WCHAR* BaseName, ULONG ExtensionSize, PDRIVER_OBJECT DriverObject, NAME_240* Name,
                                     PDEVICE_OBJECT* DevObj) _IRQL_requires_max_(PASSIVE_LEVEL);

@@ -124,8 +124,7 @@ NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Path)
     if (!NT_SUCCESS(Status))
         TRACE(TRC_ERROR, "%P:DriverEntry: read configuration failed. %D\n", Status);
 
-    InitializeListHead(&DeviceList);
-    KeInitializeMutex(&DeviceListMutex, 0);
+    InitDeviceList();
     InstallEntryPoints(DriverObject);
     return STATUS_SUCCESS;
 }
