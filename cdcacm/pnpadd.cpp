@@ -289,7 +289,9 @@ VOID DeleteDevice(PDEVICE_OBJECT DevObj)
     DeleteRcvPipe(&Dev->Int);
     DeleteSndPipe(&Dev->Snd);
     KeFlushQueuedDpcs();   // the requests that the port object ended above
-    FreeWorker(Dev);
+    if (PrivateOf(Dev)->DeleteItem != NULL)
+        IoFreeWorkItem(PrivateOf(Dev)->DeleteItem);
+    PrivateOf(Dev)->DeleteItem = NULL;
     TRACE(TRC_OBJECT, "%P:%S:]DeleteDevice\n", PORT_NAME(Dev));
     IoDeleteDevice(DevObj);
     KeSetEvent(&DeviceDeletedEvent, IO_NO_INCREMENT, FALSE);
