@@ -1,0 +1,237 @@
+#include "comport/front_end.h"
+
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+namespace comport {
+
+namespace {
+
+int checked(int fd, const char* what) {
+    if (fd < 0) {
+        throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+    }
+    return fd;
+}
+
+}  // namespace
+
+FrontEnd::FrontEnd(const std::string& portName, const std::filesystem::path& link)
+    : link_(link),
+      wakes_(loop_, checked(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "cannot make an event descriptor")),
+      users_(loop_),
+      master_(loop_),
+      timer_(loop_),
+      port_(portName, wake, this) {
+    makeTerminal();
+    thread_ = std::thread([this] { run(); });
+}
+
+FrontEnd::~FrontEnd() {
+    stopping_ = true;
+    wake(this);
+    thread_.join();
+}
+
+void FrontEnd::modemArrived() {
+    arrived_ = true;
+    wake(this);
+}
+
+// Also in the middle of the service, when an application left the old terminal closed to others.
+void FrontEnd::makeTerminal() {
+    master_.close();
+    users_.close();
+    pty_.reset();
+    pty_ = std::make_unique<Pty>(link_);
+    bridge_ = std::make_unique<Bridge>(*pty_, port_);
+    master_.assign(checked(::dup(pty_->master()), "cannot duplicate the terminal's descriptor"));
+    users_.assign(checked(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC),
+                          "cannot watch the terminal (raise fs.inotify.max_user_instances)"));
+    checked(::inotify_add_watch(users_.native_handle(), pty_->path().c_str(), IN_OPEN | IN_CLOSE),
+            "cannot watch the terminal (raise fs.inotify.max_user_watches)");
+}
+
+std::int64_t FrontEnd::nowMs() const {
+    auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+void FrontEnd::wake(void* context) {
+    FrontEnd& self = *static_cast<FrontEnd*>(context);
+    if (!self.woken_.exchange(true)) {
+        std::uint64_t one = 1;
+        [[maybe_unused]] ssize_t written = ::write(self.wakes_.native_handle(), &one, sizeof(one));
+    }
+}
+
+void FrontEnd::run() {
+    waitForWakes();
+    watchUsers();
+    loop_.run();
+}
+
+void FrontEnd::waitForWakes() {
+    wakes_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code&) {
+        std::uint64_t count = 0;
+        [[maybe_unused]] ssize_t length = ::read(wakes_.native_handle(), &count, sizeof(count));
+        // Cleared before the transfers are looked at: one that ends now wakes again.
+        woken_ = false;
+        waitForWakes();
+        step();
+    });
+}
+
+void FrontEnd::watchUsers() {
+    users_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code& error) {
+        if (!error) {
+            takeUserEvents();
+            step();
+            watchUsers();
+        }
+    });
+}
+
+// A close event comes a moment before the hang-up it may lead to.
+void FrontEnd::takeUserEvents() {
+    alignas(inotify_event) char buffer[4096];
+    bool closed = false;
+    for (;;) {
+        ssize_t length = ::read(users_.native_handle(), buffer, sizeof(buffer));
+        if (length <= 0) {
+            break;
+        }
+        for (char* at = buffer; at < buffer + length;) {
+            auto* event = reinterpret_cast<inotify_event*>(at);
+            closed |= (event->mask & (IN_CLOSE | IN_Q_OVERFLOW)) != 0;
+            at += sizeof(inotify_event) + event->len;
+        }
+    }
+    if (closed) {
+        // The release is itself a close and comes here once more, which does no harm.
+        pty_->release();
+        holdAtMs_ = nowMs() + holdAgainMs;
+    }
+}
+
+void FrontEnd::step() {
+    std::int64_t now = nowMs();
+    if (arrived_.exchange(false)) {
+        bridge_->modemArrived(now);
+    }
+    if (stopping_) {
+        pty_->release();
+        bridge_->abandon();
+    } else if (bridge_->state() == Bridge::State::idle) {
+        beginSession(now);
+    } else if (!pty_->held()) {
+        watchHangUp(now);
+    }
+    Bridge::State before = bridge_->state();
+    bridge_->pump(now);
+    if (bridge_->state() == Bridge::State::idle) {
+        if (stopping_) {
+            loop_.stop();
+            return;
+        }
+        if (before != Bridge::State::idle) {
+            endSession();
+        }
+    }
+    armTerminal();
+    armTimer();
+}
+
+// Bytes of somebody who has left already count as a session, too.
+void FrontEnd::beginSession(std::int64_t now) {
+    if (pty_->hungUp() && pty_->waiting() == 0) {
+        return;
+    }
+    hungUp_ = false;
+    if (holdAtMs_ < 0) {
+        holdAtMs_ = now;
+    }
+    bridge_->terminalOpened(now);
+    watchHangUp(now);
+}
+
+void FrontEnd::watchHangUp(std::int64_t now) {
+    hungUp_ = pty_->hungUp();
+    bool due = holdAtMs_ >= 0 && now >= holdAtMs_;
+    if (due) {
+        holdAtMs_ = -1;
+        if (!hungUp_) {
+            pty_->hold();
+        }
+    }
+    // Bytes left behind while the port is being opened are carried; without a port they are not.
+    bridge_->setHungUp(hungUp_, now);
+}
+
+void FrontEnd::endSession() {
+    holdAtMs_ = -1;
+    if (!pty_->admitAll()) {
+        try {
+            makeTerminal();
+        } catch (const std::runtime_error& error) {
+            std::fprintf(stderr, "comport: %s\n", error.what());
+        }
+    }
+    // Somebody may have opened it in the meantime.
+    wake(this);
+}
+
+void FrontEnd::armTerminal() {
+    auto fired = [this](bool& armed) {
+        return [this, &armed](const asio::error_code& error) {
+            armed = false;
+            if (!error) {
+                step();
+            }
+        };
+    };
+    using Wait = asio::posix::stream_descriptor;
+    if (bridge_->wantsTerminalInput() && !inputArmed_) {
+        inputArmed_ = true;
+        master_.async_wait(Wait::wait_read, fired(inputArmed_));
+    }
+    if (bridge_->wantsTerminalSpace() && !spaceArmed_) {
+        spaceArmed_ = true;
+        master_.async_wait(Wait::wait_write, fired(spaceArmed_));
+    }
+    // A hang-up counts as an event all the time it lasts.
+    if (bridge_->wantsTerminalEvents() && !eventsArmed_ && !hungUp_) {
+        eventsArmed_ = true;
+        master_.async_wait(Wait::wait_error, fired(eventsArmed_));
+    }
+}
+
+void FrontEnd::armTimer() {
+    std::int64_t due = bridge_->deadlineMs();
+    if (holdAtMs_ >= 0 && bridge_->state() != Bridge::State::idle && (due < 0 || holdAtMs_ < due)) {
+        due = holdAtMs_;
+    }
+    if (due == timerAtMs_) {
+        return;
+    }
+    timerAtMs_ = due;
+    if (due < 0) {
+        timer_.cancel();
+        return;
+    }
+    timer_.expires_at(std::chrono::steady_clock::time_point(std::chrono::milliseconds(due)));
+    timer_.async_wait([this](const asio::error_code& error) {
+        if (!error) {
+            timerAtMs_ = -1;
+            step();
+        }
+    });
+}
+
+}  // namespace comport

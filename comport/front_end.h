@@ -1,0 +1,76 @@
+// Serves one COM port on a pseudo-terminal, on a thread of its own (opening and closing a port may take a second).
+//
+// Who has the terminal open is learnt from the kernel's file events and from the terminal's hang-up:
+//
+//   closed --somebody opens--> open, held (further openers are refused)
+//   held --a close event--> released: is it hung up? --no, for holdAgainMs--> held
+//                                                   --yes--> the session ends with its last byte --> closed
+#pragma once
+
+#include <asio.hpp>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "comport/bridge.h"
+#include "comport/port_file.h"
+#include "comport/pty.h"
+
+namespace comport {
+
+class FrontEnd {
+public:
+    // Makes the terminal and its link; throws std::runtime_error with a sentence. The executive must be running in real mode.
+    FrontEnd(const std::string& portName, const std::filesystem::path& link);
+    // Ends the session, closes the port, joins the thread, removes the link.
+    ~FrontEnd();
+    FrontEnd(const FrontEnd&) = delete;
+    FrontEnd& operator=(const FrontEnd&) = delete;
+
+    const std::filesystem::path& link() const { return link_; }
+    // From any thread: the modem was plugged in (again).
+    void modemArrived();
+
+private:
+    static constexpr std::int64_t holdAgainMs = 100;
+
+    void run();
+    void makeTerminal();
+    static void wake(void* self);
+    void step();
+    void watchUsers();
+    void takeUserEvents();
+    void beginSession(std::int64_t now);
+    void watchHangUp(std::int64_t now);
+    void endSession();
+    void waitForWakes();
+    void armTerminal();
+    void armTimer();
+    std::int64_t nowMs() const;
+
+    std::filesystem::path link_;
+    asio::io_context loop_{1};
+    asio::posix::stream_descriptor wakes_;     // eventfd: transfers have ended
+    asio::posix::stream_descriptor users_;     // inotify on the terminal
+    asio::posix::stream_descriptor master_;    // the terminal's descriptor, duplicated
+    asio::steady_timer timer_;
+    std::unique_ptr<Pty> pty_;
+    PortFile port_;
+    std::unique_ptr<Bridge> bridge_;
+
+    std::atomic<bool> woken_{false};    // wakes_ has been written and not yet been read
+    std::atomic<bool> arrived_{false};  // modemArrived() was called
+    std::atomic<bool> stopping_{false};
+    bool inputArmed_ = false;
+    bool eventsArmed_ = false;
+    bool spaceArmed_ = false;
+    bool hungUp_ = false;          // as last seen
+    std::int64_t holdAtMs_ = -1;   // when to hold the terminal again; -1: not
+    std::int64_t timerAtMs_ = -1;  // what timer_ is set to
+    std::thread thread_;
+};
+
+}  // namespace comport

@@ -1,0 +1,66 @@
+#include <asio.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <stdexcept>
+
+#include "comport/check.h"
+#include "comport/options.h"
+#include "comport/server.h"
+
+namespace {
+
+// Until SIGINT or SIGTERM; the modem comes and goes with SIGUSR1 and SIGUSR2.
+void runUntilStopped(comport::Server& server) {
+    asio::io_context loop(1);
+    asio::signal_set signals(loop, SIGINT, SIGTERM);
+    signals.add(SIGUSR1);
+    signals.add(SIGUSR2);
+    std::function<void()> wait = [&] {
+        signals.async_wait([&](const asio::error_code& error, int number) {
+            if (error || number == SIGINT || number == SIGTERM) {
+                return;
+            }
+            if (number == SIGUSR1) {
+                server.unplug();
+            } else {
+                server.plugIn();
+            }
+            wait();
+        });
+    };
+    wait();
+    loop.run();
+}
+
+int serve(const comport::Options& options) {
+    comport::Server server(options);
+    std::string link = server.link();
+    std::printf("%s is served at %s\nTry: picocom %s   (type ATI, Enter; leave with Ctrl-A Ctrl-X)\n",
+                server.portName().c_str(), link.c_str(), link.c_str());
+    std::fflush(stdout);
+    runUntilStopped(server);
+    std::vector<std::string> left = server.stop();
+    for (const std::string& line : left) {
+        std::fprintf(stderr, "comport: left at unload: %s\n", line.c_str());
+    }
+    return left.empty() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    comport::ParseResult parsed = comport::parseOptions({argv + 1, argv + argc});
+    if (!parsed.options) {
+        std::fputs(parsed.text.c_str(), parsed.exitCode == 0 ? stdout : stderr);
+        return parsed.exitCode;
+    }
+    try {
+        return parsed.options->command == comport::Command::check ? comport::runCheck(*parsed.options)
+                                                                  : serve(*parsed.options);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "comport: %s\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,96 @@
+#include "comport/options.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <charconv>
+
+namespace comport {
+
+namespace {
+
+// Decimal, or hexadecimal with 0x.
+std::optional<std::uint32_t> parseMask(const std::string& text) {
+    bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    const char* begin = text.data() + (hexadecimal ? 2 : 0);
+    const char* end = text.data() + text.size();
+    std::uint32_t value = 0;
+    auto [stop, error] = std::from_chars(begin, end, value, hexadecimal ? 16 : 10);
+    if (error != std::errc() || stop != end) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::string checkMask(const std::string& text) {
+    return parseMask(text) ? "" : "'" + text + "' is not a mask; give 32 bits as a number, 0x3 for example";
+}
+
+std::string checkName(const std::string& text) {
+    return text.empty() ? "the name is empty; give a path" : "";
+}
+
+struct Parser {
+    CLI::App app{"A USB modem as a COM port: serves it to applications on a pseudo-terminal.", "comport"};
+    CLI::App* serve = app.add_subcommand("serve", "Serve the virtual modem's port until SIGINT or SIGTERM.");
+    CLI::App* check = app.add_subcommand(
+        "check", "Try everything: dial, 10 MB through the modem's echo, unplug, plug in, go on.");
+    Options options;
+    std::string mask;
+
+    Parser() {
+        options.registryFile = "comport.reg";
+        app.set_version_flag("--version", "comport " COMPORT_VERSION);
+        app.require_subcommand(1);
+        serve->add_option("--registry", options.registryFile, "Registry file, made with the defaults if there is none")
+            ->check(checkName)
+            ->type_name("FILE")
+            ->capture_default_str();
+        serve->add_option("--pty-link", options.ptyLink,
+                          "Path of the link to the terminal [named after the port, in XDG_RUNTIME_DIR or /tmp]")
+            ->check(checkName)
+            ->type_name("PATH");
+        serve->footer("SIGUSR1 unplugs the virtual modem, SIGUSR2 plugs it in again.");
+        for (CLI::App* command : {serve, check}) {
+            command->add_option("--trace", mask, "Trace categories of the driver, kept in the registry as TraceMask [3]")
+                ->check(checkMask)
+                ->type_name("MASK");
+            command->add_option("--trace-file", options.traceFile, "Append trace lines to a file instead of stderr")
+                ->check(checkName)
+                ->type_name("FILE");
+            command->add_flag("!--no-verifier", options.verifier, "Do not check the rules of the kernel while running");
+        }
+    }
+
+    ParseResult parse(std::vector<std::string> arguments) {
+        std::ranges::reverse(arguments);
+        app.parse(arguments);
+        if (check->parsed()) {
+            options.command = Command::check;
+            options.registryFile.clear();
+        }
+        if (!mask.empty()) {
+            options.traceMask = parseMask(mask);
+        }
+        return {options, "", 0};
+    }
+};
+
+}  // namespace
+
+ParseResult parseOptions(const std::vector<std::string>& arguments) {
+    Parser parser;
+    try {
+        return parser.parse(arguments);
+    } catch (const CLI::CallForHelp&) {
+        bool ofCommand = parser.serve->parsed() || parser.check->parsed();
+        CLI::App* subject = parser.check->parsed() ? parser.check : parser.serve;
+        return {std::nullopt, ofCommand ? subject->help() : parser.app.help(), 0};
+    } catch (const CLI::CallForVersion& version) {
+        return {std::nullopt, std::string(version.what()) + "\n", 0};
+    } catch (const CLI::ParseError& error) {
+        return {std::nullopt, "comport: " + std::string(error.what()) + "\nTry comport --help.\n", 2};
+    }
+}
+
+}  // namespace comport

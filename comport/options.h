@@ -1,0 +1,32 @@
+// The command line of the program.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace comport {
+
+enum class Command { serve, check };
+
+struct Options {
+    Command command = Command::serve;
+    std::string registryFile;  // "" = in memory
+    std::string ptyLink;       // "" = named after the port
+    std::optional<std::uint32_t> traceMask;
+    std::string traceFile;     // "" = stderr
+    bool verifier = true;
+};
+
+// Either options, or a text to print and the exit code that goes with it (0: to stdout, for help and version; 2: to stderr).
+struct ParseResult {
+    std::optional<Options> options;
+    std::string text;
+    int exitCode = 0;
+};
+
+// `arguments` without the program's own name.
+ParseResult parseOptions(const std::vector<std::string>& arguments);
+
+}  // namespace comport

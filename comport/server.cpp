@@ -1,0 +1,130 @@
+#include "comport/server.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+extern "C" DRIVER_INITIALIZE DriverEntry;
+
+namespace comport {
+
+namespace {
+
+constexpr const char* service = "qvcdcacm";
+constexpr const char* serviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\qvcdcacm";
+constexpr const char* portsClass = "{4D36E978-E325-11CE-BFC1-08002BE10318}";
+constexpr const char* modemId = "USB\\Class_02&SubClass_02";
+constexpr const char* modemSerial = "0001";
+
+std::filesystem::path defaultLink(const std::string& portName) {
+    const char* directory = std::getenv("XDG_RUNTIME_DIR");
+    return std::filesystem::path(directory != nullptr && *directory != '\0' ? directory : "/tmp") / portName;
+}
+
+}  // namespace
+
+Server::Server(const Options& options) {
+    if (!options.traceFile.empty()) {
+        traceFile_.reset(std::fopen(options.traceFile.c_str(), "a"));
+        if (!traceFile_) {
+            throw std::runtime_error("--trace-file " + options.traceFile + ": " + std::strerror(errno) +
+                                     "; give a file that can be written");
+        }
+    }
+    try {
+        boot(options);
+    } catch (...) {
+        stop();
+        throw;
+    }
+}
+
+Server::~Server() {
+    stop();
+}
+
+void Server::boot(const Options& options) {
+    nt::Options boot;
+    boot.mode = nt::Mode::real;
+    boot.verifier = options.verifier;
+    boot.registryFile = options.registryFile;
+    boot.debugSink = trace;
+    boot.debugContext = this;
+    boot.errorLogSink = logEvent;
+    executive_ = std::make_unique<nt::Executive>(boot);
+    if (options.traceMask) {
+        executive_->registry().setDword(serviceKey, "TraceMask", *options.traceMask);
+    }
+    bus_ = std::make_unique<usb::Bus>(*executive_);
+    NTSTATUS status = executive_->loadDriver(service, DriverEntry);
+    if (!NT_SUCCESS(status)) {
+        throw std::runtime_error("the driver does not load");
+    }
+    executive_->bindDriver(modemId, service, "Ports", portsClass);
+    backend_ = std::make_shared<usb::VirtualBackend>(std::make_unique<modem::Modem>(), "virtual modem");
+    usbPort_ = bus_->plug(backend_, modemSerial);
+    if (usbPort_ == 0) {
+        throw std::runtime_error("the virtual modem cannot be plugged in");
+    }
+    pluggedIn_ = true;
+    executive_->settle();
+    for (const nt::DeviceNode& device : executive_->devices()) {
+        if (device.service == service) {
+            portName_ = device.portName;
+        }
+    }
+    if (portName_.empty()) {
+        throw std::runtime_error("the modem got no COM port; --trace 0x1F says why");
+    }
+    // On disk from now on, whatever becomes of the process.
+    executive_->registry().save();
+    frontEnd_ = std::make_unique<FrontEnd>(
+        portName_, options.ptyLink.empty() ? defaultLink(portName_) : std::filesystem::path(options.ptyLink));
+}
+
+void Server::unplug() {
+    if (!pluggedIn_) {
+        return;
+    }
+    pluggedIn_ = false;
+    bus_->unplug(usbPort_);
+    executive_->settle();
+    backend_->withDevice([](usb::Device& device) { static_cast<modem::Modem&>(device).powerCycle(); });
+}
+
+void Server::plugIn() {
+    if (pluggedIn_) {
+        return;
+    }
+    pluggedIn_ = bus_->replug(usbPort_);
+    executive_->settle();
+    frontEnd_->modemArrived();
+}
+
+std::vector<std::string> Server::stop() {
+    if (!executive_) {
+        return {};
+    }
+    frontEnd_.reset();
+    std::vector<std::string> left = executive_->stop().lines;
+    backend_.reset();
+    bus_.reset();
+    executive_.reset();
+    return left;
+}
+
+void Server::trace(void* context, const char* text, std::size_t length) {
+    Server& self = *static_cast<Server*>(context);
+    std::FILE* file = self.traceFile_ ? self.traceFile_.get() : stderr;
+    std::fwrite(text, 1, length, file);
+    std::fflush(file);
+}
+
+void Server::logEvent(void*, const nt::ErrorLogEntry& entry) {
+    for (const std::string& text : entry.strings) {
+        std::fprintf(stderr, "event log: %s: %s\n", entry.driver.c_str(), text.c_str());
+    }
+}
+
+}  // namespace comport

@@ -1,0 +1,529 @@
+// The bridge between a terminal and a COM port, against a terminal and a port that do whatever a seed says.
+#include <gtest/gtest.h>
+
+#include <ntddser.h>
+
+#include <algorithm>
+#include <deque>
+#include <random>
+#include <string>
+
+#include "comport/bridge.h"
+
+using namespace comport;
+
+namespace {
+
+using State = Bridge::State;
+
+struct FakeTerminal : Terminal {
+    std::deque<std::uint8_t> written;  // by the application, not read yet
+    std::deque<unsigned> events;       // each ahead of all bytes
+    bool open = true;
+    std::string shown;                 // what the application has got
+    std::size_t space = SIZE_MAX;
+    std::size_t pieceLimit = SIZE_MAX;
+    LineSettings line;
+    int discards = 0;
+
+    void type(const std::string& text) { written.insert(written.end(), text.begin(), text.end()); }
+    void set(const LineSettings& settings) {
+        line = settings;
+        events.push_back(changedSettings);
+    }
+
+    TerminalInput read(std::span<std::uint8_t> room) override {
+        if (!events.empty()) {
+            unsigned bits = events.front();
+            events.pop_front();
+            return {TerminalInput::Kind::event, 0, bits};
+        }
+        std::size_t length = std::min({room.size(), written.size(), pieceLimit});
+        if (length == 0) {
+            return {open || !written.empty() ? TerminalInput::Kind::none : TerminalInput::Kind::closed, 0, 0};
+        }
+        std::copy_n(written.begin(), length, room.begin());
+        written.erase(written.begin(), written.begin() + static_cast<std::ptrdiff_t>(length));
+        return {TerminalInput::Kind::data, length, 0};
+    }
+    std::size_t waiting() override { return written.size(); }
+    std::size_t write(std::span<const std::uint8_t> bytes) override {
+        std::size_t length = std::min(bytes.size(), space);
+        shown.append(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length));
+        space -= space == SIZE_MAX ? 0 : length;
+        return length;
+    }
+    LineSettings settings() override { return line; }
+    void discardWritten() override { ++discards; }
+};
+
+// Takes writes and fills reads oldest first, as a driver does, when told to. `log` holds everything in its order: bytes
+// as they are, a control as its name in angle brackets.
+struct FakePort : Port {
+    bool present = true;
+    bool takesAtOnce = false;
+    bool opened = false;
+    std::string log;
+    std::deque<Transfer*> reads, writes, flushes;
+    std::vector<Transfer*> unseen;  // ended, and the news of it still on its way
+    bool delayNews = false;
+    std::size_t headTaken = 0;
+
+    void end(Transfer& transfer, NTSTATUS status, std::size_t moved) {
+        transfer.status = status;
+        transfer.moved = moved;
+        if (delayNews) {
+            unseen.push_back(&transfer);
+        } else {
+            transfer.ended = true;
+        }
+    }
+    static void refuse(Transfer& transfer) {
+        transfer.status = STATUS_UNSUCCESSFUL;
+        transfer.moved = 0;
+        transfer.ended = true;
+    }
+    void takeBytes(std::size_t count) {
+        while (!writes.empty() && count > 0) {
+            Transfer& head = *writes.front();
+            std::size_t whole = head.length - head.offset;
+            std::size_t length = std::min(count, whole - headTaken);
+            const std::uint8_t* from = head.data.data() + head.offset + headTaken;
+            log.append(from, from + length);
+            count -= length;
+            headTaken += length;
+            if (headTaken == whole) {
+                writes.pop_front();
+                headTaken = 0;
+                end(head, STATUS_SUCCESS, whole);
+            }
+        }
+        endFlushes();
+    }
+    void endFlushes() {
+        while (writes.empty() && !flushes.empty()) {
+            log += "<flush>";
+            end(*flushes.front(), STATUS_SUCCESS, 0);
+            flushes.pop_front();
+        }
+    }
+    bool feed(const std::string& bytes) {
+        if (reads.empty()) {
+            return false;
+        }
+        Transfer& head = *reads.front();
+        reads.pop_front();
+        std::ranges::copy(bytes, head.data.begin());
+        end(head, STATUS_SUCCESS, bytes.size());
+        return true;
+    }
+    void endAll(NTSTATUS status) {
+        while (!writes.empty()) {
+            end(*writes.front(), status, headTaken);
+            headTaken = 0;
+            writes.pop_front();
+        }
+        for (; !reads.empty(); reads.pop_front()) {
+            end(*reads.front(), status, 0);
+        }
+        for (; !flushes.empty(); flushes.pop_front()) {
+            end(*flushes.front(), STATUS_SUCCESS, 0);
+        }
+    }
+
+    // The news of a failure are not on their way for long: nothing is issued meanwhile.
+    void unplug() {
+        endAll(STATUS_CANCELLED);
+        present = false;
+        deliverNews();
+    }
+    void deliverNews() {
+        for (Transfer* transfer : std::exchange(unseen, {})) {
+            transfer->ended = true;
+        }
+    }
+
+    bool open() override {
+        opened = present;
+        return present;
+    }
+    void close() override {
+        log += "<close>";
+        opened = false;
+        endAll(STATUS_CANCELLED);
+    }
+    void read(Transfer& transfer) override {
+        EXPECT_TRUE(opened);
+        if (!present) {
+            refuse(transfer);
+            return;
+        }
+        reads.push_back(&transfer);
+    }
+    void write(Transfer& transfer) override {
+        EXPECT_TRUE(opened);
+        if (!present) {
+            refuse(transfer);
+            return;
+        }
+        writes.push_back(&transfer);
+        if (takesAtOnce) {
+            takeBytes(SIZE_MAX);
+        }
+    }
+    void flush(Transfer& transfer) override {
+        flushes.push_back(&transfer);
+        endFlushes();
+    }
+    void control(Transfer& transfer, ULONG code) override {
+        ULONG number = 0;
+        std::memcpy(&number, transfer.data.data(), std::min<std::size_t>(4, transfer.length));
+        switch (code) {
+        case IOCTL_SERIAL_SET_TIMEOUTS: log += "<timeouts>"; break;
+        case IOCTL_SERIAL_SET_BAUD_RATE: log += "<baud " + std::to_string(number) + ">"; break;
+        case IOCTL_SERIAL_SET_LINE_CONTROL: log += transfer.data[0] == STOP_BITS_2 ? "<stop 2>" : "<stop 1>"; break;
+        case IOCTL_SERIAL_SET_DTR: log += "<+dtr>"; break;
+        case IOCTL_SERIAL_CLR_DTR: log += "<-dtr>"; break;
+        case IOCTL_SERIAL_SET_RTS: log += "<+rts>"; break;
+        case IOCTL_SERIAL_CLR_RTS: log += "<-rts>"; break;
+        default: log += "<?>";
+        }
+        end(transfer, present ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL, 0);
+    }
+    void purge(ULONG mask) override {
+        log += "<purge " + std::to_string(mask) + ">";
+        if (mask & SERIAL_PURGE_TXABORT) {
+            for (; !writes.empty(); writes.pop_front()) {
+                end(*writes.front(), STATUS_CANCELLED, headTaken);
+                headTaken = 0;
+            }
+        }
+    }
+};
+
+constexpr const char* opening = "<purge 12><timeouts><baud 115200><stop 1><+dtr><+rts>";
+
+struct Rig {
+    FakeTerminal terminal;
+    FakePort port;
+    Bridge bridge{terminal, port};
+    std::int64_t now = 1000;
+
+    void start() {
+        bridge.terminalOpened(now);
+        bridge.pump(now);
+        ASSERT_EQ(bridge.state(), State::running);
+        EXPECT_EQ(port.log, opening);
+        port.log.clear();
+    }
+    void pump(std::int64_t later = 0) { bridge.pump(now += later); }
+};
+
+std::string randomBytes(std::mt19937& random, std::size_t length) {
+    std::string bytes(length, '\0');
+    std::ranges::generate(bytes, [&] { return static_cast<char>('a' + random() % 26); });
+    return bytes;
+}
+
+// News overtake each other.
+void deliverSome(FakePort& port, std::mt19937& random) {
+    std::ranges::shuffle(port.unseen, random);
+    for (std::size_t count = random() % (port.unseen.size() + 1); count > 0; --count) {
+        port.unseen.back()->ended = true;
+        port.unseen.pop_back();
+    }
+}
+
+std::string difference(const std::string& got, const std::string& wanted) {
+    auto [at, expected] = std::mismatch(got.begin(), got.end(), wanted.begin(), wanted.end());
+    if (at == got.end() && expected == wanted.end()) {
+        return "";
+    }
+    return std::to_string(got.size()) + " bytes of " + std::to_string(wanted.size()) + ", different from " +
+           std::to_string(at - got.begin());
+}
+
+}  // namespace
+
+// Whatever the order of ends, the sizes, the failures and the pauses: every byte once, in order, both ways.
+TEST(Bridge, CarriesEveryByteOnceInOrder) {
+    for (unsigned seed = 1; seed <= 300; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 random(seed);
+        Rig rig;
+        rig.start();
+        rig.port.delayNews = true;
+        rig.terminal.space = 0;
+        std::string typed, sent;
+        for (int round = 0; round < 400; ++round) {
+            bool last = round >= 300;
+            switch (random() % 8) {
+            case 0:
+                if (!last) {
+                    std::string text = randomBytes(random, random() % 9000);
+                    rig.terminal.type(text);
+                    typed += text;
+                }
+                break;
+            case 1: rig.terminal.pieceLimit = 1 + random() % 4096; break;
+            case 2: rig.port.takeBytes(random() % 6000); break;
+            case 3: {
+                std::string text = randomBytes(random, 1 + random() % 5000);
+                if (!last && rig.port.feed(text)) {
+                    sent += text;
+                }
+                break;
+            }
+            case 4: rig.terminal.space = random() % 6000; break;
+            case 5:
+                deliverSome(rig.port, random);
+                break;
+            case 6:
+                if (!last && random() % 4 == 0) {
+                    rig.port.unplug();
+                }
+                break;
+            case 7: rig.port.present = true; break;
+            }
+            ASSERT_LE(rig.port.reads.size(), Bridge::readSlots);
+            rig.pump(static_cast<std::int64_t>(random() % 60));
+        }
+        rig.port.present = true;
+        rig.port.delayNews = false;
+        rig.terminal.space = rig.terminal.pieceLimit = SIZE_MAX;
+        for (int round = 0; round < 200; ++round) {
+            rig.port.deliverNews();
+            rig.port.takeBytes(SIZE_MAX);
+            rig.pump(Bridge::retryMs);
+        }
+        ASSERT_EQ(difference(rig.port.log, typed), "");
+        ASSERT_EQ(difference(rig.terminal.shown, sent), "");
+    }
+}
+
+TEST(Bridge, SettingsHaveTheirPlaceInTheStream) {
+    struct Case {
+        const char* name;
+        void (*act)(Rig&);
+        const char* log;
+    };
+    const Case cases[] = {
+        {"between bytes, though its event comes ahead of them",
+         [](Rig& rig) {
+             rig.terminal.type("before");
+             rig.terminal.set({9600, true});
+             rig.pump();
+             rig.terminal.type("after");
+         },
+         "before<flush><baud 9600><stop 2>after"},
+        {"the same settings again send nothing",
+         [](Rig& rig) {
+             rig.terminal.type("one");
+             rig.terminal.set({115200, false});
+             rig.pump();
+             rig.terminal.type("two");
+         },
+         "onetwo"},
+        {"hung up and raised again",
+         [](Rig& rig) {
+             rig.terminal.set({0, false});
+             rig.pump();
+             rig.terminal.set({115200, false});
+         },
+         "<flush><stop 1><-dtr><-rts><flush><baud 115200><stop 1><+dtr><+rts>"},
+        {"two changes in a row, each behind its own bytes",
+         [](Rig& rig) {
+             rig.terminal.type("a");
+             rig.terminal.set({300, false});
+             rig.pump();
+             rig.terminal.type("b");
+             rig.terminal.set({600, false});
+             rig.pump();
+             rig.terminal.type("c");
+         },
+         "a<flush><baud 300><stop 1>b<flush><baud 600><stop 1>c"},
+        {"bytes thrown away do not hold a change back",
+         [](Rig& rig) {
+             rig.terminal.pieceLimit = 1;
+             rig.terminal.type(std::string(Bridge::writeSlots, 'x'));
+             rig.pump();
+             rig.terminal.type("lost");
+             rig.terminal.set({300, false});
+             rig.pump();
+             rig.terminal.written.clear();
+             rig.terminal.events.push_back(flushedOutput);
+             rig.pump();
+             rig.terminal.type("kept");
+         },
+         "<purge 5><flush><baud 300><stop 1>kept"},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
+        Rig rig;
+        rig.start();
+        test.act(rig);
+        for (int round = 0; round < 10; ++round) {
+            rig.port.takeBytes(SIZE_MAX);
+            rig.pump();
+        }
+        EXPECT_EQ(rig.port.log, test.log);
+    }
+}
+
+// Nothing of what an application threw away comes out later, and what it does next is not harmed.
+TEST(Bridge, ThrownAwayBytesAreGone) {
+    Rig rig;
+    rig.start();
+    rig.terminal.type("head");
+    rig.pump();
+    rig.port.takeBytes(2);
+    rig.terminal.type(std::string(100000, 'x'));  // more than all slots
+    rig.pump();
+    rig.terminal.written.clear();
+    rig.terminal.events.push_back(flushedOutput);
+    rig.pump();
+    rig.terminal.type("next");
+    rig.pump();
+    rig.port.takeBytes(SIZE_MAX);
+    rig.pump();
+    EXPECT_EQ(rig.port.log, "he<purge 5>next");
+
+    rig.terminal.space = 0;
+    rig.port.feed("old");
+    rig.port.feed("older");
+    rig.pump();
+    rig.terminal.events.push_back(flushedInput);
+    rig.pump();
+    rig.terminal.space = 100;
+    rig.pump();
+    rig.port.feed("new");
+    rig.pump();
+    EXPECT_EQ(rig.terminal.shown, "new");
+}
+
+TEST(Bridge, SlowReaderHoldsTheModemBack) {
+    Rig rig;
+    rig.start();
+    rig.terminal.space = 0;
+    std::size_t fed = 0;
+    while (rig.port.feed("data")) {
+        ++fed;
+        rig.pump();
+    }
+    EXPECT_EQ(fed, Bridge::readSlots);
+    EXPECT_TRUE(rig.bridge.wantsTerminalSpace());
+    rig.terminal.space = 5;  // one and a quarter
+    rig.pump();
+    EXPECT_EQ(rig.port.reads.size(), 1u);
+    EXPECT_EQ(rig.terminal.shown, "datad");
+}
+
+TEST(Bridge, CloseCarriesWhatWasWrittenFirst) {
+    Rig rig;
+    rig.start();
+    rig.terminal.type("last words");
+    rig.terminal.open = false;
+    rig.pump();
+    EXPECT_EQ(rig.bridge.state(), State::draining);
+    EXPECT_TRUE(rig.port.feed("too late to be read"));
+    rig.port.takeBytes(4);
+    rig.pump();
+    EXPECT_EQ(rig.bridge.state(), State::draining);
+    rig.port.takeBytes(SIZE_MAX);
+    rig.pump();
+    EXPECT_EQ(rig.bridge.state(), State::idle);
+    EXPECT_EQ(rig.port.log, "last words<flush><close>");
+}
+
+TEST(Bridge, CloseGivesUpOnAPortThatTakesNothing) {
+    for (bool heldBack : {false, true}) {
+        SCOPED_TRACE(heldBack ? "its close not seen behind the bytes" : "its close seen");
+        Rig rig;
+        rig.start();
+        rig.terminal.type(std::string(heldBack ? 100000 : 10, 'x'));
+        rig.terminal.open = false;
+        rig.bridge.setHungUp(true, rig.now);
+        rig.pump();
+        rig.pump(Bridge::drainLimitMs - 1);
+        EXPECT_NE(rig.bridge.state(), State::idle);
+        EXPECT_EQ(rig.bridge.deadlineMs(), rig.now + 1);
+        rig.pump(1);
+        EXPECT_EQ(rig.bridge.state(), State::idle);
+        EXPECT_TRUE(rig.terminal.written.empty()) << "the next session would send them";
+    }
+}
+
+// The ends of requests may come long after the close; the next session must not meet them.
+TEST(Bridge, ClosingWaitsForTheLastEnd) {
+    Rig rig;
+    rig.start();
+    rig.port.delayNews = true;
+    rig.terminal.open = false;
+    rig.pump();
+    rig.port.deliverNews();  // of the flush
+    rig.pump();
+    EXPECT_EQ(rig.bridge.state(), State::closing);
+    while (!rig.port.unseen.empty()) {
+        EXPECT_EQ(rig.bridge.state(), State::closing);
+        rig.port.unseen.back()->ended = true;
+        rig.port.unseen.pop_back();
+        rig.pump();
+    }
+    EXPECT_EQ(rig.bridge.state(), State::idle);
+}
+
+TEST(Bridge, OpenIsTriedAgainUntilTheModemIsThere) {
+    Rig rig;
+    rig.port.present = false;
+    rig.terminal.type("early");
+    rig.bridge.terminalOpened(rig.now);
+    rig.pump();
+    EXPECT_EQ(rig.bridge.state(), State::opening);
+    EXPECT_EQ(rig.bridge.deadlineMs(), rig.now + Bridge::retryMs);
+    rig.pump(Bridge::retryMs);
+    EXPECT_EQ(rig.bridge.state(), State::opening);
+    rig.port.present = true;
+    rig.pump(Bridge::retryMs - 1);
+    EXPECT_EQ(rig.bridge.state(), State::opening);
+    rig.pump(1);
+    rig.port.takeBytes(SIZE_MAX);
+    EXPECT_EQ(rig.port.log, std::string(opening) + "early");
+}
+
+TEST(Bridge, BytesLeftBehindAreCarriedOnlyIfThePortIsThere) {
+    for (bool present : {true, false}) {
+        SCOPED_TRACE(present);
+        Rig rig;
+        rig.port.present = present;
+        rig.port.takesAtOnce = true;
+        rig.terminal.type("note");
+        rig.terminal.open = false;
+        rig.bridge.terminalOpened(rig.now);
+        rig.bridge.setHungUp(true, rig.now);
+        rig.pump();
+        rig.pump();
+        EXPECT_EQ(rig.bridge.state(), State::idle);
+        EXPECT_EQ(rig.port.log, present ? std::string(opening) + "note<flush><close>" : "");
+        EXPECT_TRUE(rig.terminal.written.empty());
+    }
+}
+
+TEST(Bridge, ModemThatComesBackGetsTheSettings) {
+    Rig rig;
+    rig.start();
+    rig.terminal.set({2400, true});
+    rig.pump();
+    rig.port.log.clear();
+    rig.port.present = false;
+    rig.port.endAll(STATUS_CANCELLED);
+    rig.terminal.type("while away");
+    rig.pump();
+    EXPECT_TRUE(rig.bridge.wantsTerminalEvents());
+    EXPECT_FALSE(rig.bridge.wantsTerminalInput());
+    rig.port.present = true;
+    rig.bridge.modemArrived(rig.now);
+    rig.pump();
+    rig.port.takeBytes(SIZE_MAX);
+    EXPECT_EQ(rig.port.log, "<baud 2400><stop 2><+dtr><+rts>while away");
+    EXPECT_EQ(rig.port.reads.size(), Bridge::readSlots);
+}

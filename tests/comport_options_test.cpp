@@ -1,0 +1,59 @@
+#include <gtest/gtest.h>
+
+#include "comport/options.h"
+
+using namespace comport;
+
+TEST(Options, ErrorsNameTheOptionAndTheRemedy) {
+    struct Case {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::vector<std::string> mentions;
+    };
+    const Case cases[] = {
+        {{}, 2, {"subcommand", "--help"}},
+        {{"serve", "--trace", "abc"}, 2, {"--trace", "'abc'", "0x3"}},
+        {{"serve", "--trace", "0x100000000"}, 2, {"--trace", "32 bits"}},
+        {{"serve", "--trace", "-1"}, 2, {"--trace"}},
+        {{"serve", "--registry"}, 2, {"--registry"}},
+        {{"serve", "--registry", ""}, 2, {"--registry", "give a path"}},
+        {{"serve", "--no-such-thing"}, 2, {"--no-such-thing", "--help"}},
+        {{"check", "--registry", "x"}, 2, {"--registry"}},
+        {{"serve", "--help"}, 0, {"--registry", "--pty-link", "--trace-file", "--no-verifier", "SIGUSR1"}},
+        {{"--help"}, 0, {"serve", "check"}},
+        {{"--version"}, 0, {"comport 0.1"}},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(::testing::PrintToString(test.arguments));
+        ParseResult result = parseOptions(test.arguments);
+        EXPECT_FALSE(result.options);
+        EXPECT_EQ(result.exitCode, test.exitCode);
+        for (const std::string& text : test.mentions) {
+            EXPECT_NE(result.text.find(text), std::string::npos) << text << " is missing in: " << result.text;
+        }
+    }
+}
+
+TEST(Options, AreTaken) {
+    ParseResult result = parseOptions({"serve", "--registry", "r.reg", "--pty-link", "/x", "--trace", "0xFFFFFFFF",
+                                       "--trace-file", "t", "--no-verifier"});
+    ASSERT_TRUE(result.options);
+    EXPECT_EQ(result.options->command, Command::serve);
+    EXPECT_EQ(result.options->registryFile, "r.reg");
+    EXPECT_EQ(result.options->ptyLink, "/x");
+    EXPECT_EQ(result.options->traceMask, 0xFFFFFFFFu);
+    EXPECT_EQ(result.options->traceFile, "t");
+    EXPECT_FALSE(result.options->verifier);
+
+    ParseResult plain = parseOptions({"serve"});
+    ASSERT_TRUE(plain.options);
+    EXPECT_EQ(plain.options->registryFile, "comport.reg");
+    EXPECT_FALSE(plain.options->traceMask);
+    EXPECT_TRUE(plain.options->verifier);
+
+    ParseResult check = parseOptions({"check", "--trace", "7"});
+    ASSERT_TRUE(check.options);
+    EXPECT_EQ(check.options->command, Command::check);
+    EXPECT_EQ(check.options->registryFile, "") << "a check must not touch a user's registry";
+    EXPECT_EQ(check.options->traceMask, 7u);
+}
