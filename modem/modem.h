@@ -74,6 +74,7 @@ class Modem final : public usb::Device {
     // As after unplugging: no call, no bytes, the settings a new modem has. Only while nobody runs the device.
     void powerCycle();
 
+    // To look at from the thread that runs the device, or while nobody does.
     const AtInterpreter& interpreter() const { return *at_; }
     const LineCoding& lineCoding() const { return coding_; }
     std::uint16_t controlLines() const { return controlLines_; }
