@@ -103,7 +103,7 @@ struct DEVICE_PRIVATE {
     UCHAR ChunkOut;              // byte mode: a run holds bytes taken from the ring (Lock)
     ULONG WaitGeneration;        // of the stored wait request (Lock)
     ULONG CancelledGeneration;   // of the wait request whose cancel armed the timer (Lock)
-    LONG SwitchQueued;           // framing switches queued and not begun, one bit each way, interlocked
+    LONG SwitchQueued;           // framing switches queued and not begun, one bit each way (Lock)
     PIRP WakeCancelling;         // wait-wake being cancelled, kept from completing meanwhile (Lock)
     UCHAR WakeCancelDone;        // it completed meanwhile: the canceller goes on with it (Lock)
     LONG ResumeRequested;        // the D0 request for this idle notification was made, interlocked

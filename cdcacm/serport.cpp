@@ -9,7 +9,6 @@
 #include "wrsupport.h"
 
 enum : ULONG { MIN_RING_SIZE = 100, SEND_FLAG = PPP_FLAG };
-enum : ULONG { BYTE_MODE, FRAMING_REQUESTED, FRAMING, FRAMING_STOP_REQUESTED };
 
 // ---- Byte rings
 

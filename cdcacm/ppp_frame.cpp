@@ -1,0 +1,338 @@
+// The converters of framing mode, byte at a time.
+//
+// Framer, device to host:   hunt --AA--> header --good--> payload --last byte--> deliver --taken--> hunt
+//                             bad magic, sequence or length ----> resync --AA--> header
+// De-framer, host to device: in frame <--> escape; in frame --flag--> send --sent--> in frame;
+//                             too long ----> hunt --flag--> in frame
+//
+// A device frame: AA BB, then sequence (5 bits) and length of the whole frame (11 bits), high byte
+// first, then the frame's bytes without flags and escapes.
+#include "ppp_frame.h"
+
+#include "pnpadd.h"
+#include "wrsupport.h"
+
+enum : ULONG {
+    MAGIC_LO = 0xAA,
+    MAGIC_HI = 0xBB,
+    SEQUENCE_MASK = 31,
+    SEQUENCE_SHIFT = 11,
+    LENGTH_MASK = 0x7FF,
+    FCS_INIT = 0xFFFF,
+    FCS_SIZE = 2,
+};
+
+// Every byte and the FCS escaped, and two flags.
+static_assert(2 * (PPP_DEVICE_FRAME_LIMIT + (ULONG)FCS_SIZE) + 2 <= PPP_FRAMER_OUT_SIZE);
+static_assert(PPP_DEVICE_FRAME_LIMIT + PPP_HEADER_SIZE == (ULONG)LENGTH_MASK);
+
+// ---- FCS-16, x^16 + x^12 + x^5 + 1, reflected
+
+struct FCS_TABLE {
+    USHORT Entry[256];
+};
+
+static constexpr FCS_TABLE MakeFcsTable()
+{
+    FCS_TABLE Table = {};
+
+    for (ULONG Byte = 0; Byte < 256; Byte++) {
+        ULONG Fcs = Byte;
+
+        for (ULONG Bit = 0; Bit < 8; Bit++)
+            Fcs = Fcs & 1 ? Fcs >> 1 ^ 0x8408 : Fcs >> 1;
+        Table.Entry[Byte] = (USHORT)Fcs;
+    }
+    return Table;
+}
+
+static constexpr FCS_TABLE FcsTable = MakeFcsTable();
+static_assert(FcsTable.Entry[0] == 0 && FcsTable.Entry[1] == 0x1189 && FcsTable.Entry[255] == 0x0F78);
+
+USHORT CalcFcs16(USHORT Fcs, const UCHAR* Bytes, ULONG Length)
+{
+    for (ULONG N = 0; N < Length; N++)
+        Fcs = (USHORT)(Fcs >> 8 ^ FcsTable.Entry[(Fcs ^ Bytes[N]) & 0xFF]);
+    return Fcs;
+}
+
+// ---- Framer
+
+VOID PppFramerInit(PPP_FRAMER* Framer, DEVICE* Dev)
+{
+    Framer->Dev = Dev;
+    Framer->State = FRAMER_HUNT;
+    Framer->Remaining = 0;
+    Framer->ExpectedSeq = 0;
+    Framer->OutPtr = Framer->OutBuf;
+}
+
+VOID PppFramerSetSpecialChars(PPP_FRAMER* Framer, const UCHAR* Bytes, ULONG Length)
+{
+    RtlZeroMemory(Framer->EscapeMap, sizeof(Framer->EscapeMap));
+    for (ULONG N = 0; N < Length; N++)
+        Framer->EscapeMap[Bytes[N]] = 1;
+    Framer->EscapeMap[PPP_ESCAPE] = 1;
+    Framer->EscapeMap[PPP_FLAG] = 1;
+}
+
+VOID PppFramerPutChar(PPP_FRAMER* Framer, UCHAR Byte)
+{
+    if (Framer->EscapeMap[Byte] == 1) {
+        *Framer->OutPtr++ = PPP_ESCAPE;
+        *Framer->OutPtr++ = Byte ^ PPP_ESCAPE_XOR;
+        return;
+    }
+    KASSERT(Byte != PPP_ESCAPE && Byte != PPP_FLAG);
+    *Framer->OutPtr++ = Byte;
+}
+
+BOOLEAN PppFramerDeliver(PPP_FRAMER* Framer)
+{
+    SER_PORT* Port = Framer->Dev->Port.SerPort;
+
+    // Room left after a partial take: a reader has just emptied the ring.
+    do {
+        const ULONG Taken = IndicateReadBuffer(Port, Framer->OutPtr, Framer->Remaining);
+
+        Framer->OutPtr += Taken;
+        Framer->Remaining -= Taken;
+        if (Framer->Remaining == 0) {
+            Framer->State = FRAMER_HUNT;
+            return TRUE;
+        }
+        if (Taken == 0)
+            return FALSE;
+    } while (!Port->CircRcvBuf.Full);
+    return FALSE;
+}
+
+static VOID FramerHunt(PPP_FRAMER* Framer, UCHAR Byte)
+{
+    if (Byte != MAGIC_LO) {
+        if (Framer->State == FRAMER_HUNT)
+            TRACE(TRC_ERROR, "%P:%S:PppFramerIndicateChar unexpected magic_lo:%x\n", PORT_NAME(Framer->Dev), Byte);
+        Framer->State = FRAMER_RESYNC;
+        return;
+    }
+    Framer->State = FRAMER_HEADER;
+    Framer->OutPtr = Framer->Header;
+    *Framer->OutPtr++ = Byte;
+    Framer->Remaining = PPP_HEADER_SIZE - 1;
+}
+
+static VOID FramerHeaderDone(PPP_FRAMER* Framer)
+{
+    const UCHAR* Header = Framer->Header;
+    const ULONG Word = (ULONG)Header[2] << 8 | Header[3];
+    const ULONG Sequence = Word >> SEQUENCE_SHIFT;
+    const ULONG Length = Word & LENGTH_MASK;
+
+    if (Header[0] != MAGIC_LO || Header[1] != MAGIC_HI) {
+        TRACE(TRC_ERROR, "%P:%S:PppFramerIndicateChar invalid Magic:%x\n", PORT_NAME(Framer->Dev), (ULONG)Header[1] << 8 | Header[0]);
+        Framer->State = FRAMER_RESYNC;
+        return;
+    }
+    if (Sequence != (Framer->ExpectedSeq & SEQUENCE_MASK)) {
+        TRACE(TRC_ERROR, "%P:%S:PppFramerIndicateChar invalid Sequence: got:%d, exp:%d\n", PORT_NAME(Framer->Dev), Sequence,
+              Framer->ExpectedSeq & SEQUENCE_MASK);
+        Framer->ExpectedSeq = Sequence + 1;
+        Framer->State = FRAMER_RESYNC;
+        return;
+    }
+    Framer->ExpectedSeq++;
+    // A frame without bytes gives the host nothing; one shorter than its own header is nonsense.
+    if (Length <= PPP_HEADER_SIZE) {
+        Framer->State = Length == PPP_HEADER_SIZE ? FRAMER_HUNT : FRAMER_RESYNC;
+        return;
+    }
+    Framer->OutPtr = Framer->OutBuf;
+    Framer->Remaining = Length - PPP_HEADER_SIZE;
+    *Framer->OutPtr++ = PPP_FLAG;
+    Framer->Fcs = FCS_INIT;
+    Framer->State = FRAMER_PAYLOAD;
+}
+
+static VOID FramerFrameDone(PPP_FRAMER* Framer) _Requires_lock_held_(DeviceLock)
+{
+    Framer->Fcs ^= 0xFFFF;
+    PppFramerPutChar(Framer, (UCHAR)Framer->Fcs);
+    PppFramerPutChar(Framer, (UCHAR)(Framer->Fcs >> 8));
+    *Framer->OutPtr++ = PPP_FLAG;
+    Framer->Remaining = (ULONG)(Framer->OutPtr - Framer->OutBuf);
+    Framer->OutPtr = Framer->OutBuf;
+    Framer->State = FRAMER_DELIVER;
+    if (TRACE_ON(TRC_PPP)) {
+        TracePrint("%P:%S:PppFramerIndicateChar: frame length:%d\n", PORT_NAME(Framer->Dev), Framer->Remaining);
+        TraceDumpLimited(Framer->OutBuf, Framer->Remaining);
+    }
+    PppFramerDeliver(Framer);
+}
+
+ULONG PppFramerIndicateChar(PPP_FRAMER* Framer, UCHAR Byte)
+{
+    switch (Framer->State) {
+    case FRAMER_DELIVER:
+        if (!PppFramerDeliver(Framer))
+            return 0;
+        [[fallthrough]];
+    case FRAMER_HUNT:
+    case FRAMER_RESYNC:
+        FramerHunt(Framer, Byte);
+        break;
+    case FRAMER_HEADER:
+        *Framer->OutPtr++ = Byte;
+        if (--Framer->Remaining == 0)
+            FramerHeaderDone(Framer);
+        break;
+    case FRAMER_PAYLOAD:
+        PppFramerPutChar(Framer, Byte);
+        Framer->Fcs = CalcFcs16(Framer->Fcs, &Byte, 1);
+        if (--Framer->Remaining == 0)
+            FramerFrameDone(Framer);
+        break;
+    default:
+        KASSERT(0);
+    }
+    return 1;
+}
+
+ULONG PppFramerIndicateData(PPP_FRAMER* Framer, UCHAR* Data, ULONG Length)
+{
+    ULONG Consumed = 0;
+
+    while (Consumed < Length && PppFramerIndicateChar(Framer, Data[Consumed]))
+        Consumed++;
+    return Consumed;
+}
+
+// ---- De-framer
+
+VOID PppDeFramerInit(PPP_DEFRAMER* DeFramer, DEVICE* Dev)
+{
+    DeFramer->Dev = Dev;
+    DeFramer->Sequence = 0;
+    DeFramer->State = DEFRAMER_IN_FRAME;
+    DeFramer->EndPtr = DeFramer->Frame + sizeof(DeFramer->Frame);
+    DeFramer->Count = 0;
+    PppDeFramerStartFrame(DeFramer);
+}
+
+VOID PppDeFramerStartFrame(PPP_DEFRAMER* DeFramer)
+{
+    const ULONG Word = (DeFramer->Sequence & SEQUENCE_MASK) << SEQUENCE_SHIFT;
+
+    DeFramer->WritePtr = DeFramer->Frame + PPP_HEADER_SIZE;
+    DeFramer->Frame[0] = MAGIC_LO;
+    DeFramer->Frame[1] = MAGIC_HI;
+    DeFramer->Frame[2] = (UCHAR)(Word >> 8);
+    DeFramer->Frame[3] = (UCHAR)Word;
+    DeFramer->Sequence++;
+    KASSERT(DeFramer->Count == 0);
+    DeFramer->Count = 0;
+}
+
+// The discarded frame's number is the next one's.
+static VOID DeFramerDiscard(PPP_DEFRAMER* DeFramer, ULONG State)
+{
+    TRACE(TRC_ERROR, "%P:%S:PppDeFramerSendChar PPP Frame to long, discard it\n", PORT_NAME(DeFramer->Dev));
+    DeFramer->Sequence--;
+    PppDeFramerStartFrame(DeFramer);
+    DeFramer->State = State;
+}
+
+static VOID DeFramerStore(PPP_DEFRAMER* DeFramer, UCHAR Byte)
+{
+    DeFramer->State = DEFRAMER_IN_FRAME;
+    *DeFramer->WritePtr++ = Byte;
+    DeFramer->Count++;
+    if (DeFramer->WritePtr == DeFramer->EndPtr)
+        DeFramerDiscard(DeFramer, DEFRAMER_HUNT);
+}
+
+BOOLEAN PppDeFramerSubmitData(PPP_DEFRAMER* DeFramer)
+{
+    DEVICE* Dev = DeFramer->Dev;
+    UCHAR* Buffer;
+    ULONG Capacity;
+    USB_PACKET* Packet;
+
+    if (!GetWriteBuffer(Dev, &Buffer, &Capacity, &Packet))
+        return FALSE;
+    if (!SndReady(Dev)) {
+        ReturnWriteBuffer(Dev, Buffer, Packet);
+        return FALSE;
+    }
+    const ULONG Length = Capacity < DeFramer->Count ? Capacity : DeFramer->Count;
+    RtlCopyMemory(Buffer, DeFramer->WritePtr, Length);
+    if (SubmitWriteBuffer(Dev, Buffer, Length, Packet) == STATUS_UNSUCCESSFUL)
+        return FALSE;
+    DeFramer->WritePtr += Length;
+    DeFramer->Count -= Length;
+    if (DeFramer->Count == 0)
+        return TRUE;
+    TRACE(TRC_ERROR, "%P:%S:Incomplete write operation Count:%d, LengthBuffer:%d\n", PORT_NAME(Dev), DeFramer->Count, Capacity);
+    return FALSE;
+}
+
+static VOID DeFramerEndFrame(PPP_DEFRAMER* DeFramer) _Requires_lock_held_(DeviceLock)
+{
+    const ULONG Length = DeFramer->Count + PPP_HEADER_SIZE;
+
+    TRACE(TRC_PPP, "%P:%S:PppDeFramerSendChar: DeFramer->Count: %d\n", PORT_NAME(DeFramer->Dev), DeFramer->Count);
+    if (DeFramer->Count > PPP_DEVICE_FRAME_LIMIT) {
+        // Its length could not be stated. The flag that ended it begins the next frame.
+        DeFramer->Count = 0;
+        DeFramerDiscard(DeFramer, DEFRAMER_IN_FRAME);
+        return;
+    }
+    DeFramer->Frame[2] |= (UCHAR)(Length >> 8);
+    DeFramer->Frame[3] |= (UCHAR)Length;
+    DeFramer->Count = Length;
+    DeFramer->WritePtr = DeFramer->Frame;
+    if (PppDeFramerSubmitData(DeFramer))
+        PppDeFramerStartFrame(DeFramer);
+    else
+        DeFramer->State = DEFRAMER_SEND;
+}
+
+BOOLEAN PppDeFramerSendChar(PPP_DEFRAMER* DeFramer, UCHAR Byte)
+{
+    switch (DeFramer->State) {
+    case DEFRAMER_HUNT:
+        if (Byte == PPP_FLAG) {
+            PppDeFramerStartFrame(DeFramer);
+            DeFramer->State = DEFRAMER_IN_FRAME;
+        }
+        return TRUE;
+    case DEFRAMER_SEND:
+        if (!PppDeFramerSubmitData(DeFramer))
+            return FALSE;
+        PppDeFramerStartFrame(DeFramer);
+        DeFramer->State = DEFRAMER_IN_FRAME;
+        [[fallthrough]];
+    case DEFRAMER_IN_FRAME:
+        if (Byte == PPP_ESCAPE)
+            DeFramer->State = DEFRAMER_ESCAPE;
+        else if (Byte != PPP_FLAG)
+            DeFramerStore(DeFramer, Byte);
+        else if (DeFramer->Count > 0)
+            DeFramerEndFrame(DeFramer);
+        return TRUE;
+    case DEFRAMER_ESCAPE:
+        DeFramerStore(DeFramer, Byte ^ PPP_ESCAPE_XOR);
+        return TRUE;
+    default:
+        KASSERT(0);
+        return TRUE;
+    }
+}
+
+VOID PppDeFramerSubmitBuffer(PPP_DEFRAMER* DeFramer)
+{
+    if (DeFramer->State != DEFRAMER_SEND || !PppDeFramerSubmitData(DeFramer))
+        return;
+    TRACE(TRC_PPP, "%P:%S:PppDeFramerSubmitBuffer PppDeFramerSubmitData true\n", PORT_NAME(DeFramer->Dev));
+    PppDeFramerStartFrame(DeFramer);
+    DeFramer->State = DEFRAMER_IN_FRAME;
+}
