@@ -346,6 +346,9 @@ VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime) {
     CurrentTime->QuadPart = LONGLONG(unixEpoch + std::uint64_t(t.tv_sec) * 10'000'000 + std::uint64_t(t.tv_nsec) / 100);
 }
 
+// The executive keeps no time zone.
+VOID NTAPI ExSystemTimeToLocalTime(PLARGE_INTEGER SystemTime, PLARGE_INTEGER LocalTime) { *LocalTime = *SystemTime; }
+
 ULONGLONG NTAPI KeQueryInterruptTime(VOID) { return now(); }
 ULONG NTAPI KeQueryTimeIncrement(VOID) { return 10'000; }
 VOID NTAPI KeQueryTickCount(PLARGE_INTEGER CurrentCount) { CurrentCount->QuadPart = LONGLONG(now() / 10'000); }

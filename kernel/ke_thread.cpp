@@ -26,8 +26,8 @@ void Thread::start(std::string name, std::function<void()> body) {
             sim::enter(*state->processor);
         }
         state->body();
-        KeSetEvent(&state->ended, 0, FALSE);
-        // The state may be gone from here on.
+        // Nobody can run between these two in the simulation, so a joiner never waits for a thread without the baton.
+        setEvent(state->ended);
         leaveProcessor();
     });
     schedulePoint(Point::thread);

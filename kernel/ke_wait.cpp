@@ -202,6 +202,21 @@ void checkObject(const DISPATCHER_HEADER& object, const char* call) {
 
 }  // namespace
 
+LONG setEvent(KEVENT& event) {
+    LONG old;
+    Processor* woken = nullptr;
+    {
+        TinyGuard guard(dispatcherLock);
+        old = event.Header.SignalState;
+        event.Header.SignalState = 1;
+        if (!IsListEmpty(&event.Header.WaitListHead)) {
+            woken = releaseWaiters(event.Header);
+        }
+    }
+    wake(woken);
+    return old;
+}
+
 }  // namespace nt
 
 using namespace nt;
@@ -217,17 +232,7 @@ LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN Wait) {
     if (Wait) {
         verifier::checkIrqlMax("KeSetEvent with Wait", APC_LEVEL);
     }
-    LONG old;
-    Processor* woken = nullptr;
-    {
-        TinyGuard guard(dispatcherLock);
-        old = Event->Header.SignalState;
-        Event->Header.SignalState = 1;
-        if (!IsListEmpty(&Event->Header.WaitListHead)) {
-            woken = releaseWaiters(Event->Header);
-        }
-    }
-    wake(woken);
+    LONG old = setEvent(*Event);
     schedulePoint(Point::signal);
     return old;
 }

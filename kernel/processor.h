@@ -101,6 +101,9 @@ inline void lowerTo(Processor& p, KIRQL irql) {
     p.irql = irql;
 }
 
+// KeSetEvent without its checks and its scheduling point; returns the state before.
+LONG setEvent(KEVENT& event);
+
 // Puts the DPC on the queue of `p` without running it; false when it is queued already. Any core lock may be held but
 // that processor's dpcLock.
 bool queueDpc(Processor& p, KDPC& dpc, PVOID argument1, PVOID argument2);

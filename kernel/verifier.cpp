@@ -184,7 +184,7 @@ void checkFree(const void* block, std::size_t size, const char* call) {
             }
         }
     }
-    if (size < sizeof(KDPC)) {
+    if (size < sizeof(KDPC) && size < sizeof(KTIMER)) {
         return;
     }
     if (const KTIMER* timer = timerIn(block, size)) {
