@@ -120,11 +120,11 @@ NTSTATUS setValue(const RegKeyPtr& key, std::u16string_view name, ULONG type, PV
 
 // The key an Rtl call means, made when `create` is set; lock held.
 NTSTATUS keyOfPath(ULONG relativeTo, PCWSTR text, bool create, RegKeyPtr& key) {
-    std::u16string full;
-    std::u16string_view path = text ? std::u16string_view(text) : std::u16string_view();
     if (relativeTo & RTL_REGISTRY_HANDLE) {
         return keyOfHandle(const_cast<WCHAR*>(text), key);
     }
+    std::u16string full;
+    std::u16string_view path = text ? std::u16string_view(text) : std::u16string_view();
     switch (relativeTo) {
     case RTL_REGISTRY_ABSOLUTE:
         break;
