@@ -77,7 +77,7 @@ bool queueDpc(Processor& p, KDPC& dpc, PVOID argument1, PVOID argument2) {
 
 void drainDpcs(Processor& p) {
     p.draining = true;
-    DpcCall call;
+    DpcCall call{};
     for (;;) {
         schedulePoint(Point::dpc);
         bool more = takeNext(p, call);

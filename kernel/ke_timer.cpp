@@ -138,7 +138,7 @@ void checkTimer(const KTIMER& timer, const char* call) {
     }
 }
 
-bool setTimer(KTIMER& timer, std::uint64_t due, LONG period, KDPC* dpc) {
+bool setTimer(KTIMER& timer, std::uint64_t due, std::uint64_t time, LONG period, KDPC* dpc) {
     bool wake = false;
     bool wasSet;
     {
@@ -148,7 +148,7 @@ bool setTimer(KTIMER& timer, std::uint64_t due, LONG period, KDPC* dpc) {
         timer.Period = period;
         timer.DueTime.QuadPart = due;
         timer.Header.SignalState = 0;
-        bool atOnce = due <= now() && !period;
+        bool atOnce = due <= time && !period;
         if (atOnce) {
             timer.Header.SignalState = 1;
             if (dpc) {
@@ -250,9 +250,10 @@ VOID NTAPI KeInitializeTimer(PKTIMER Timer) { KeInitializeTimerEx(Timer, Notific
 BOOLEAN NTAPI KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PKDPC Dpc) {
     checkTimer(*Timer, "KeSetTimer");
     schedulePoint(Point::timer);
-    std::uint64_t due = dueFrom(DueTime);
-    if (!simulated() && DueTime.QuadPart < 0 && -DueTime.QuadPart >= LONGLONG(tick)) {
-        due -= now() % tick;
+    std::uint64_t time = now();
+    std::uint64_t due = DueTime.QuadPart < 0 ? time + std::uint64_t(-DueTime.QuadPart) : dueFrom(DueTime);
+    if (!simulated() && due >= time + tick) {
+        due -= time % tick;
     }
     // A DPC that is due at once runs here when the level falls.
     Processor& p = self();
@@ -260,7 +261,7 @@ BOOLEAN NTAPI KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PK
     if (old < DISPATCH_LEVEL) {
         p.irql = DISPATCH_LEVEL;
     }
-    bool wasSet = setTimer(*Timer, due, Period, Dpc);
+    bool wasSet = setTimer(*Timer, due, time, Period, Dpc);
     lowerTo(p, old);
     return wasSet;
 }
