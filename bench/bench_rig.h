@@ -1,0 +1,133 @@
+// What the benchmarks run on: the executive in real mode, the driver, and devices that answer at once
+// from a thread of their own.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <semaphore>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kernel/executive.h"
+#include "kernel/file.h"
+#include "tests/support/scripted_device.h"
+#include "usb/host.h"
+#include "usb/virtual_backend.h"
+
+extern "C" DRIVER_INITIALIZE DriverEntry;
+
+namespace bench {
+
+inline constexpr const char* portsClass = "{4D36E978-E325-11CE-BFC1-08002BE10318}";
+
+// Takes everything at once and, when told to pour, fills whatever the host asks for.
+class InstantDevice final : public usb::Device {
+public:
+    explicit InstantDevice(bool pours) : pours_(pours) {}
+
+    std::span<const std::uint8_t> deviceDescriptor() const override { return device_; }
+    std::span<const std::uint8_t> configurationDescriptor(std::uint8_t index) const override {
+        return index == 0 ? std::span<const std::uint8_t>(configuration_) : std::span<const std::uint8_t>();
+    }
+    std::optional<std::u16string> stringDescriptor(std::uint8_t) const override { return std::nullopt; }
+    usb::ControlReply control(const usb::SetupPacket&, std::span<std::uint8_t>) override { return usb::ControlReply::ack(); }
+    std::int32_t dataOut(std::uint8_t, std::span<const std::uint8_t> data, bool) override {
+        return static_cast<std::int32_t>(data.size());
+    }
+    std::int32_t dataIn(std::uint8_t endpoint, std::span<std::uint8_t> space) override {
+        if (endpoint != 0x81 || !pours_) {
+            return usb::dataNak;
+        }
+        std::memset(space.data(), 0x55, space.size());
+        return static_cast<std::int32_t>(space.size());
+    }
+
+private:
+    bool pours_;
+    test::Bytes device_ = test::cdcDevice();
+    test::Bytes configuration_ = test::cdcConfiguration();
+};
+
+class Rig {
+public:
+    explicit Rig(bool verifier, unsigned ports = 1, bool pours = false) {
+        nt::Options options;
+        options.mode = nt::Mode::real;
+        options.verifier = verifier;
+        executive_ = std::make_unique<nt::Executive>(options);
+        // Assertions and errors would be printed; the benchmarks are about the quiet driver.
+        bus_ = std::make_unique<usb::Bus>(*executive_);
+        if (!NT_SUCCESS(executive_->loadDriver("qvcdcacm", DriverEntry))) {
+            throw std::runtime_error("the driver does not load");
+        }
+        executive_->bindDriver("USB\\Class_02&SubClass_02", "qvcdcacm", "Ports", portsClass);
+        for (unsigned i = 0; i < ports; ++i) {
+            const std::string instance = std::to_string(1000 + i);
+            bus_->plug(std::make_shared<usb::VirtualBackend>(std::make_unique<InstantDevice>(pours), instance), instance);
+        }
+        executive_->settle();
+    }
+    ~Rig() {
+        files_.clear();
+        executive_->stop();
+    }
+
+    // Every port, opened once its modem is initialised.
+    std::vector<nt::File>& open() {
+        for (const nt::DeviceNode& node : executive_->devices()) {
+            if (node.portName.empty()) {
+                continue;
+            }
+            nt::File file;
+            while (!NT_SUCCESS(file.open("\\DosDevices\\" + node.portName))) {
+                std::this_thread::yield();
+            }
+            files_.push_back(std::move(file));
+        }
+        return files_;
+    }
+    nt::File& port() { return files_.empty() ? open().front() : files_.front(); }
+
+private:
+    std::unique_ptr<nt::Executive> executive_;
+    std::unique_ptr<usb::Bus> bus_;
+    std::vector<nt::File> files_;
+};
+
+// The yardsticks' other side: a thread that answers each wake-up with one.
+class PingPong {
+public:
+    PingPong() : thread_([this] { serve(); }) {}
+    ~PingPong() {
+        done_ = true;
+        there_.release();
+        thread_.join();
+    }
+    // Two wake-ups: the thread's and the caller's.
+    void roundTrip() {
+        there_.release();
+        back_.acquire();
+    }
+
+private:
+    void serve() {
+        for (;;) {
+            there_.acquire();
+            if (done_) {
+                return;
+            }
+            back_.release();
+        }
+    }
+    std::binary_semaphore there_{0};
+    std::binary_semaphore back_{0};
+    bool done_ = false;
+    std::thread thread_;
+};
+
+}  // namespace bench

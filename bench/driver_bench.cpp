@@ -1,0 +1,159 @@
+// The driver's data paths, each beside its yardstick. Ratios are printed by main.cpp from the medians.
+#include <benchmark/benchmark.h>
+
+#include <array>
+#include <atomic>
+#include <mutex>
+#include <vector>
+
+#include "bench/bench_rig.h"
+
+namespace {
+
+constexpr std::size_t writeSize = 4096;
+constexpr std::size_t writePiece = 2048;   // the default send ring
+constexpr std::size_t readSize = 65536;
+constexpr unsigned inFlight = 4;
+
+// A few requests kept going; the caller waits for the oldest.
+class Pipeline {
+public:
+    explicit Pipeline(std::size_t size) {
+        for (Slot& slot : slots_) {
+            slot.buffer.resize(size, 0x55);
+            slot.request.setCompletion(ended, &slot);
+        }
+    }
+    template <class Issue> void run(benchmark::State& state, Issue issue) {
+        unsigned next = 0;
+        for (Slot& slot : slots_) {
+            issue(slot.request, slot.buffer);
+        }
+        std::uint64_t bytes = 0;
+        for (auto _ : state) {
+            Slot& slot = slots_[next];
+            next = (next + 1) % inFlight;
+            slot.done.acquire();
+            bytes += slot.request.information();
+            issue(slot.request, slot.buffer);
+        }
+        state.SetBytesProcessed(static_cast<std::int64_t>(bytes));
+    }
+    void drain() {
+        for (Slot& slot : slots_) {
+            slot.done.acquire();
+        }
+    }
+
+private:
+    struct Slot {
+        nt::Request request;
+        std::vector<std::uint8_t> buffer;
+        std::binary_semaphore done{0};
+    };
+    static void ended(nt::Request&, void* context) { static_cast<Slot*>(context)->done.release(); }
+    std::array<Slot, inFlight> slots_;
+};
+
+void copyThrice(std::vector<std::uint8_t> (&buffers)[4], std::size_t size) {
+    for (int i = 0; i < 3; ++i) {
+        std::memcpy(buffers[i + 1].data(), buffers[i].data(), size);
+        benchmark::DoNotOptimize(buffers[i + 1].data());
+        benchmark::ClobberMemory();
+    }
+}
+
+void toDevice(benchmark::State& state) {
+    bench::Rig rig(true);
+    nt::File& port = rig.port();
+    Pipeline pipeline(writeSize);
+    pipeline.run(state, [&](nt::Request& request, std::vector<std::uint8_t>& buffer) {
+        port.write(request, buffer.data(), static_cast<ULONG>(buffer.size()));
+    });
+    pipeline.drain();
+}
+
+void toDeviceYardstick(benchmark::State& state) {
+    std::vector<std::uint8_t> buffers[4];
+    for (auto& buffer : buffers) {
+        buffer.resize(writePiece, 0x55);
+    }
+    bench::PingPong other;
+    for (auto _ : state) {
+        copyThrice(buffers, writePiece);
+        other.roundTrip();
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * writePiece));
+}
+
+void toApplication(benchmark::State& state) {
+    bench::Rig rig(true, 1, true);
+    nt::File& port = rig.port();
+    Pipeline pipeline(readSize);
+    pipeline.run(state, [&](nt::Request& request, std::vector<std::uint8_t>& buffer) {
+        port.read(request, buffer.data(), static_cast<ULONG>(buffer.size()));
+    });
+    pipeline.drain();
+}
+
+void toApplicationYardstick(benchmark::State& state) {
+    std::vector<std::uint8_t> buffers[4];
+    for (auto& buffer : buffers) {
+        buffer.resize(readSize, 0x55);
+    }
+    bench::PingPong other;
+    for (auto _ : state) {
+        copyThrice(buffers, readSize);
+        // One wake-up a piece: half a round trip, so one round trip for two pieces.
+        copyThrice(buffers, readSize);
+        other.roundTrip();
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * 2 * readSize));
+}
+
+// A 64-byte write from dispatch to completion. The ring takes it at once; it is drained by the device meanwhile.
+void smallWrite(benchmark::State& state) {
+    bench::Rig rig(state.range(0) != 0);
+    nt::File& port = rig.port();
+    std::array<std::uint8_t, 64> data{};
+    std::atomic<std::uint64_t> completed{0};
+    nt::Request request([](nt::Request&, void* context) { ++*static_cast<std::atomic<std::uint64_t>*>(context); }, &completed);
+    std::uint64_t issued = 0;
+    const ULONG purgeTx = SERIAL_PURGE_TXCLEAR;
+    for (auto _ : state) {
+        port.write(request, data.data(), data.size());
+        ++issued;
+        // A full ring would measure the device: it is emptied outside the measured time.
+        if (issued % 24 == 0) {
+            state.PauseTiming();
+            while (completed != issued) {
+                std::this_thread::yield();
+            }
+            port.control(IOCTL_SERIAL_PURGE, &purgeTx, sizeof(purgeTx));
+            state.ResumeTiming();
+        }
+        while (completed.load(std::memory_order_acquire) != issued) {
+        }
+    }
+}
+
+void smallWriteYardstick(benchmark::State& state) {
+    std::mutex mutex;
+    std::uint64_t count = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < 10; ++i) {
+            std::lock_guard guard(mutex);
+            benchmark::DoNotOptimize(++count);
+        }
+    }
+}
+
+BENCHMARK(toDevice)->Name("toDevice")->UseRealTime()->MeasureProcessCPUTime();
+BENCHMARK(toDeviceYardstick)->Name("toDevice/yardstick")->UseRealTime();
+BENCHMARK(toApplication)->Name("toApplication")->UseRealTime()->MeasureProcessCPUTime();
+BENCHMARK(toApplicationYardstick)->Name("toApplication/yardstick")->UseRealTime();
+BENCHMARK(smallWrite)->Name("smallWrite/checked")->Arg(1);
+BENCHMARK(smallWrite)->Name("smallWrite/unchecked")->Arg(0);
+BENCHMARK(smallWriteYardstick)->Name("smallWrite/yardstick");
+
+}  // namespace
