@@ -3,11 +3,13 @@
 #include "usb/endpoint_zero.h"
 #include "usb/hub.h"
 
+#include <algorithm>
+
 namespace usb {
 
 namespace {
 
-constexpr std::uint32_t defaultMaximumTransfer = 4u << 20;
+constexpr std::uint32_t maximumTransferLimit = 4u << 20;
 
 // A handle names the endpoint and the configuration it was opened in, so an old one is known as such.
 USBD_PIPE_HANDLE pipeHandle(std::uint32_t generation, unsigned index) {
@@ -96,8 +98,9 @@ USBD_STATUS Function::openInterface(const USB_CONFIGURATION_DESCRIPTOR& configur
         pipe.open = type == UsbdPipeTypeBulk || type == UsbdPipeTypeInterrupt;
         pipe.halted = false;
         pipe.packetSize = packetSize;
-        pipe.maximumTransfer =
-            information.MaximumTransferSize != 0 ? information.MaximumTransferSize : defaultMaximumTransfer;
+        pipe.maximumTransfer = information.MaximumTransferSize != 0
+                                   ? std::min<std::uint32_t>(information.MaximumTransferSize, maximumTransferLimit)
+                                   : maximumTransferLimit;
     }
     return USBD_STATUS_SUCCESS;
 }

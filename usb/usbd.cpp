@@ -76,7 +76,7 @@ extern "C" PURB NTAPI USBD_CreateConfigurationRequestEx(PUSB_CONFIGURATION_DESCR
         information->Protocol = descriptor.bInterfaceProtocol;
         information->NumberOfPipes = descriptor.bNumEndpoints;
         for (ULONG i = 0; i < information->NumberOfPipes; ++i) {
-            information->Pipes[i].MaximumTransferSize = PAGE_SIZE;
+            information->Pipes[i].MaximumTransferSize = USBD_DEFAULT_MAXIMUM_TRANSFER_SIZE;
         }
         entry->Interface = information;
         at += information->Length;

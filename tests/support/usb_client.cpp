@@ -35,12 +35,12 @@ NTSTATUS NTAPI pnp(PDEVICE_OBJECT device, PIRP irp) {
     const PDEVICE_OBJECT lower = extensionOf(device).lower;
     const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
     if (minor <= IRP_MN_CANCEL_STOP_DEVICE || minor == IRP_MN_SURPRISE_REMOVAL) irp->IoStatus.Status = STATUS_SUCCESS;
-    const NTSTATUS status = passDown(device, irp);
-    if (minor == IRP_MN_REMOVE_DEVICE) {
-        if (latest == lower) latest = nullptr;
-        IoDetachDevice(lower);
-        IoDeleteDevice(device);
-    }
+    if (minor != IRP_MN_REMOVE_DEVICE) return passDown(device, irp);
+    if (latest == lower) latest = nullptr;
+    IoSkipCurrentIrpStackLocation(irp);
+    IoDetachDevice(lower);
+    const NTSTATUS status = IoCallDriver(lower, irp);
+    IoDeleteDevice(device);
     return status;
 }
 
@@ -112,7 +112,11 @@ NTSTATUS ClientRequest::submit(ULONG code, PVOID argument) {
     }
     IoSetCompletionRoutine(irp_, completed, this, TRUE, TRUE, TRUE);
     submitter_ = KeGetCurrentThread();
-    const NTSTATUS status = IoCallDriver(UsbClient::lower(), irp_);
+    // The device may be removed under the call.
+    const PDEVICE_OBJECT lower = UsbClient::lower();
+    ObReferenceObject(lower);
+    const NTSTATUS status = IoCallDriver(lower, irp_);
+    ObDereferenceObject(lower);
     submitter_ = nullptr;
     return status;
 }

@@ -1,0 +1,395 @@
+// URBs against a scripted device, with nothing between the test and the bus driver but a driver that passes requests down.
+#include "tests/support/rig.h"
+#include "tests/support/usb_client.h"
+
+#include "kernel/pool.h"
+
+#include <numeric>
+
+using namespace test;
+
+namespace {
+
+RigOptions busOnly(std::uint64_t seed = 1) {
+    RigOptions options;
+    options.seed = seed;
+    options.loadDriver = false;
+    options.plug = false;
+    options.faulty = true;
+    return options;
+}
+
+// A rig, the client, a device, its configuration selected.
+struct Wire {
+    explicit Wire(std::uint64_t seed = 1, const CdcShape& shape = {}) : rig(busOnly(seed)), client(rig.executive()) {
+        rig.plug(std::make_unique<ScriptedDevice>(shape), "0001", true);
+        EXPECT_NE(UsbClient::lower(), nullptr);
+        EXPECT_EQ(UsbClient::configure(pipes), STATUS_SUCCESS);
+    }
+    TestRig rig;
+    UsbClient client;
+    ClientPipes pipes;
+};
+
+std::string text(std::size_t length, char first = 'a') {
+    std::string result(length, ' ');
+    for (std::size_t i = 0; i < length; ++i) result[i] = static_cast<char>(first + i % 26);
+    return result;
+}
+
+}  // namespace
+
+TEST(UsbTransfer, OutTransfersEndWhereAShortPacketDoes) {
+    Wire s;
+    ClientRequest request;
+    const std::vector<std::vector<std::size_t>> cases = {{1}, {63}, {64, 0}, {65}, {128, 64, 10}, {4096, 0}, {0}};
+    std::vector<std::string> expected;
+    for (const auto& transfers : cases) {
+        std::string whole;
+        for (const std::size_t length : transfers) {
+            std::string data = text(length, static_cast<char>('A' + whole.size() % 7));
+            EXPECT_EQ(request.data(s.pipes.out, false, data.data(), static_cast<ULONG>(length)).run(), STATUS_SUCCESS);
+            EXPECT_EQ(request.length(), length);
+            EXPECT_FALSE(request.completedInside);
+            whole += data;
+        }
+        expected.push_back(whole);
+    }
+    EXPECT_EQ(s.rig.device([](ScriptedDevice& d) { return d.outMessages(); }), expected);
+}
+
+TEST(UsbTransfer, InTransfersEndAtAShortPacketOrWhenFull) {
+    struct Case {
+        std::vector<std::size_t> sent;  // each ends with a short packet
+        ULONG room;
+        std::vector<ULONG> received;
+    };
+    const std::vector<Case> cases = {
+        {{10}, 4096, {10}},           {{10, 20}, 4096, {10, 20}},
+        {{64}, 4096, {64}},           {{64}, 64, {64, 0}},
+        {{200}, 66, {64, 64, 64, 8}}, {{130}, 65536, {130}},
+        {{5}, 5, {5}},                {{192}, 191, {128, 64}},
+    };
+    for (const Case& c : cases) {
+        Wire s;
+        std::string all;
+        s.rig.device([&](ScriptedDevice& d) {
+            for (const std::size_t length : c.sent) {
+                all += text(length, static_cast<char>('a' + all.size() % 5));
+                d.send(0x81, bytesOf(text(length, static_cast<char>('a' + (all.size() - length) % 5))));
+            }
+        });
+        std::string got;
+        for (const ULONG expected : c.received) {
+            std::vector<char> buffer(c.room);
+            ClientRequest request;
+            EXPECT_EQ(request.data(s.pipes.in, true, buffer.data(), c.room).run(), STATUS_SUCCESS);
+            EXPECT_EQ(request.length(), expected) << "room " << c.room;
+            got.append(buffer.data(), request.length());
+        }
+        EXPECT_EQ(got, all);
+    }
+}
+
+TEST(UsbTransfer, ANotificationOfTenBytesEndsATransferOfSixteen) {
+    Wire s;
+    std::uint8_t buffer[16];
+    s.rig.device([](ScriptedDevice& d) {
+        d.notify(serialState(3));
+        d.notify(networkConnection(true));
+        d.notify(serialState(0));
+    });
+    for (const ULONG expected : {10u, 8u, 10u}) {
+        ClientRequest request;
+        EXPECT_EQ(request.data(s.pipes.interrupt, true, buffer, sizeof buffer).run(), STATUS_SUCCESS);
+        EXPECT_EQ(request.length(), expected);
+    }
+}
+
+TEST(UsbTransfer, WhatTheDeviceDoesNotTakeStaysPendingAndIsNotLost) {
+    Wire s;
+    s.rig.device([](ScriptedDevice& d) { d.outAllowance = 130; });
+    std::string data = text(300);
+    ClientRequest request;
+    EXPECT_EQ(request.data(s.pipes.out, false, data.data(), 300).submit(), STATUS_PENDING);
+    s.rig.run(50);
+    EXPECT_FALSE(request.done());
+    EXPECT_EQ(s.rig.device([](ScriptedDevice& d) {
+        const auto taken = d.outBytes;
+        d.outAllowance = ~0ull;
+        return taken;
+    }),
+              128u);
+    EXPECT_EQ(request.wait(), STATUS_SUCCESS);
+    EXPECT_EQ(s.rig.device([](ScriptedDevice& d) { return d.outMessages(); }), std::vector<std::string>{data});
+}
+
+TEST(UsbTransfer, AShortTransferIsAnErrorUnlessItIsAllowed) {
+    Wire s;
+    char buffer[64];
+    s.rig.device([](ScriptedDevice& d) { d.sendBulk("abc"); });
+    ClientRequest request;
+    EXPECT_FALSE(NT_SUCCESS(request.data(s.pipes.in, true, buffer, sizeof buffer, false).run()));
+    EXPECT_EQ(request.usbd(), USBD_STATUS_ERROR_SHORT_TRANSFER);
+    EXPECT_EQ(request.length(), 3u);
+}
+
+TEST(UsbTransfer, BadRequestsAreRefusedAndNeverInsideTheCall) {
+    Wire s;
+    char buffer[64];
+    ClientPipes old = s.pipes;
+    ASSERT_EQ(UsbClient::configure(s.pipes), STATUS_SUCCESS);
+    using Prepare = std::function<void(ClientRequest&)>;
+    const auto transfer = [&](USBD_PIPE_HANDLE pipe, bool in, void* data, ULONG length) -> Prepare {
+        return [=](ClientRequest& r) { r.data(pipe, in, data, length); };
+    };
+    const std::vector<std::pair<Prepare, USBD_STATUS>> cases = {
+        {[](ClientRequest& r) { r.pipeRequest(0x77, nullptr); }, USBD_STATUS_INVALID_URB_FUNCTION},
+        {[&](ClientRequest& r) {
+             r.data(s.pipes.in, true, buffer, 64);
+             r.urb.UrbHeader.Length = sizeof(_URB_PIPE_REQUEST);
+         },
+         USBD_STATUS_INVALID_PARAMETER},
+        {transfer(s.pipes.in, false, buffer, 64), USBD_STATUS_INVALID_PARAMETER},
+        {transfer(s.pipes.out, true, buffer, 64), USBD_STATUS_INVALID_PARAMETER},
+        {transfer(s.pipes.in, true, nullptr, 64), USBD_STATUS_INVALID_PARAMETER},
+        {transfer(s.pipes.out, false, buffer, 1u << 24), USBD_STATUS_INVALID_PARAMETER},
+        {transfer(nullptr, true, buffer, 64), USBD_STATUS_INVALID_PIPE_HANDLE},
+        {transfer(old.in, true, buffer, 64), USBD_STATUS_INVALID_PIPE_HANDLE},
+        {transfer(buffer, true, buffer, 64), USBD_STATUS_INVALID_PIPE_HANDLE},
+        {[&](ClientRequest& r) { r.pipeRequest(URB_FUNCTION_ABORT_PIPE, old.in); }, USBD_STATUS_INVALID_PIPE_HANDLE},
+        {[&](ClientRequest& r) { r.pipeRequest(URB_FUNCTION_RESET_PIPE, old.in); }, USBD_STATUS_INVALID_PIPE_HANDLE},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        ClientRequest request;
+        cases[i].first(request);
+        EXPECT_EQ(request.submit(), STATUS_PENDING) << i;
+        EXPECT_FALSE(NT_SUCCESS(request.wait())) << i;
+        EXPECT_EQ(request.usbd(), cases[i].second) << i;
+        EXPECT_FALSE(request.completedInside) << i;
+    }
+    EXPECT_EQ(s.rig.statistics().pending, 0u);
+}
+
+TEST(UsbTransfer, AStallHaltsThePipeUntilItIsCleared) {
+    Wire s;
+    char buffer[3][64];
+    ClientRequest first, second, third, clear;
+    EXPECT_EQ(first.data(s.pipes.in, true, buffer[0], 64).submit(), STATUS_PENDING);
+    EXPECT_EQ(second.data(s.pipes.in, true, buffer[1], 64).submit(), STATUS_PENDING);
+    clear.pipeRequest(URB_FUNCTION_RESET_PIPE, s.pipes.in);
+    EXPECT_EQ(clear.run(), STATUS_DEVICE_BUSY) << "the pipe is not idle";
+    s.rig.device([](ScriptedDevice& d) { d.stallIn = 1; });
+    first.wait();
+    second.wait();
+    EXPECT_EQ(first.usbd(), USBD_STATUS_STALL_PID);
+    EXPECT_EQ(second.usbd(), USBD_STATUS_STALL_PID);
+    third.data(s.pipes.in, true, buffer[2], 64).run();
+    EXPECT_EQ(third.usbd(), USBD_STATUS_ENDPOINT_HALTED);
+    EXPECT_EQ(clear.run(), STATUS_SUCCESS);
+    s.rig.device([](ScriptedDevice& d) { d.sendBulk("again"); });
+    EXPECT_EQ(third.data(s.pipes.in, true, buffer[2], 64).run(), STATUS_SUCCESS);
+    EXPECT_EQ(std::string(buffer[2], third.length()), "again");
+    EXPECT_EQ(s.rig.device([](ScriptedDevice& d) { return d.haltsCleared; }), 1u);
+}
+
+TEST(UsbTransfer, AnAbortEndsAfterWhatItAborts) {
+    for (const std::uint64_t seed : seeds(50)) {
+        Wire s(seed);
+        char buffer[5][64];
+        std::vector<std::unique_ptr<ClientRequest>> reads;
+        for (auto& room : buffer) {
+            reads.push_back(std::make_unique<ClientRequest>());
+            reads.back()->data(s.pipes.in, true, room, 64).submit();
+        }
+        ClientRequest abort;
+        EXPECT_EQ(abort.pipeRequest(URB_FUNCTION_ABORT_PIPE, s.pipes.in).run(), STATUS_SUCCESS);
+        for (const auto& read : reads) {
+            EXPECT_TRUE(read->done());
+            EXPECT_EQ(read->usbd(), USBD_STATUS_CANCELED);
+            EXPECT_EQ(read->wait(), STATUS_CANCELLED);
+        }
+        EXPECT_EQ(abort.run(), STATUS_SUCCESS) << "nothing is pending any more";
+    }
+}
+
+TEST(UsbTransfer, ControlRequestsCarrySetupAndData) {
+    Wire s;
+    std::uint8_t coding[7] = {0x80, 0x25, 0, 0, 0, 0, 8};
+    const auto request = [&](USHORT function, UCHAR code, bool in, void* data, ULONG length, ClientRequest& r) {
+        r.urb = {};
+        auto& u = r.urb.UrbControlVendorClassRequest;
+        u.Hdr.Function = function;
+        u.Hdr.Length = sizeof u;
+        u.TransferFlags = (in ? USBD_TRANSFER_DIRECTION_IN : 0) | USBD_SHORT_TRANSFER_OK;
+        u.TransferBuffer = data;
+        u.TransferBufferLength = length;
+        u.Request = code;
+        u.Index = 0;
+        return r.run();
+    };
+    ClientRequest r;
+    EXPECT_EQ(request(URB_FUNCTION_CLASS_INTERFACE, 0x20, false, coding, 7, r), STATUS_SUCCESS);
+    std::uint8_t back[64] = {};
+    EXPECT_EQ(request(URB_FUNCTION_CLASS_INTERFACE, 0x21, true, back, sizeof back, r), STATUS_SUCCESS);
+    EXPECT_EQ(r.urb.UrbControlVendorClassRequest.TransferBufferLength, 7u);
+    EXPECT_EQ(std::memcmp(back, coding, 7), 0);
+    EXPECT_FALSE(NT_SUCCESS(request(URB_FUNCTION_CLASS_INTERFACE, 0x20, false, coding, 3, r)));
+    EXPECT_EQ(r.usbd(), USBD_STATUS_STALL_PID);
+    EXPECT_EQ(request(URB_FUNCTION_VENDOR_OTHER, 0x61, false, nullptr, 0, r), STATUS_SUCCESS) << "a stall on the default pipe is over with the next request";
+    s.rig.device([](ScriptedDevice& d) {
+        std::vector<unsigned> types;
+        for (const auto& record : d.controls) types.push_back(record.setup.requestType);
+        EXPECT_EQ(types, (std::vector<unsigned>{0x21, 0xA1, 0x21, 0x43}));
+    });
+}
+
+TEST(UsbTransfer, FaultsShowAsTheirStatuses) {
+    struct Case {
+        usb::TransferStatus status;
+        USBD_STATUS usbd;
+    };
+    const Case cases[] = {{usb::TransferStatus::stalled, USBD_STATUS_STALL_PID},
+                          {usb::TransferStatus::failed, USBD_STATUS_XACT_ERROR},
+                          {usb::TransferStatus::overrun, USBD_STATUS_DATA_OVERRUN},
+                          {usb::TransferStatus::cancelled, USBD_STATUS_CANCELED}};
+    for (const Case& c : cases) {
+        Wire s;
+        usb::Fault fault;
+        fault.status = c.status;
+        fault.endpoint = 0x01;
+        fault.nth = 2;
+        s.rig.faults().add(fault);
+        char data[10] = {};
+        for (const bool fails : {false, true}) {
+            ClientRequest request;
+            request.data(s.pipes.out, false, data, sizeof data).run();
+            EXPECT_EQ(request.usbd(), fails ? c.usbd : USBD_STATUS_SUCCESS);
+        }
+        EXPECT_EQ(s.rig.device([](ScriptedDevice& d) { return d.outBytes; }), sizeof data);
+    }
+}
+
+TEST(UsbTransfer, NothingIsAllocatedOnceTheRecordsAreThere) {
+    Wire s;
+    s.rig.device([](ScriptedDevice& d) { d.discard = true; });
+    std::vector<char> data(4096);
+    ClientRequest request;
+    request.data(s.pipes.out, false, data.data(), 4096).run();
+    const std::uint64_t before = nt::pool::allocations();
+    for (int i = 0; i < 256; ++i) {
+        ASSERT_EQ(request.data(s.pipes.out, false, data.data(), 4096).run(), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(nt::pool::allocations(), before);
+}
+
+// Races over seeds. ----------------------------------------------------------------------------------------------------
+
+TEST(UsbRace, ACancelledReadLosesNoByte) {
+    for (const std::uint64_t seed : seeds(200)) {
+        Wire s(seed);
+        char buffer[4][256];
+        std::vector<std::unique_ptr<ClientRequest>> reads;
+        for (auto& room : buffer) {
+            reads.push_back(std::make_unique<ClientRequest>());
+            reads.back()->data(s.pipes.in, true, room, sizeof room).submit();
+        }
+        nt::Thread canceller("canceller", [&] {
+            for (const auto& read : reads) read->cancel();
+        });
+        const std::string sent = "one two three four";
+        s.rig.device([](ScriptedDevice& d) { d.sendBulk("one two "); });
+        s.rig.device([](ScriptedDevice& d) { d.sendBulk("three four"); });
+        canceller.join();
+        std::string got;
+        for (std::size_t i = 0; i < reads.size(); ++i) {
+            const NTSTATUS status = reads[i]->wait();
+            EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_CANCELLED) << std::hex << status;
+            EXPECT_EQ(reads[i]->completions, 1u);
+            got.append(buffer[i], reads[i]->length());
+        }
+        while (got.size() < sent.size()) {
+            ClientRequest read;
+            ASSERT_EQ(read.data(s.pipes.in, true, buffer[0], sizeof buffer[0]).run(), STATUS_SUCCESS);
+            got.append(buffer[0], read.length());
+        }
+        EXPECT_EQ(got, sent);
+    }
+}
+
+TEST(UsbRace, ARequestCancelledBeforeItIsSentEndsAtOnce) {
+    for (const std::uint64_t seed : seeds(50)) {
+        Wire s(seed);
+        char buffer[64];
+        ClientRequest read;
+        read.data(s.pipes.in, true, buffer, sizeof buffer);
+        nt::Thread canceller("canceller", [&] { read.cancel(); });
+        read.submit();
+        canceller.join();
+        // The cancel may have come before the request was set up for sending, which clears it.
+        read.cancel();
+        EXPECT_EQ(read.wait(100), STATUS_CANCELLED);
+        EXPECT_EQ(read.completions, 1u);
+    }
+}
+
+TEST(UsbRace, EveryPendingRequestEndsOnceWhenTheDeviceIsUnplugged) {
+    for (const std::uint64_t seed : seeds(200)) {
+        Wire s(seed);
+        char buffer[5][256];
+        s.rig.device([](ScriptedDevice& d) {
+            d.holdOut = true;
+            d.onControl = [](const usb::SetupPacket&, std::span<std::uint8_t>) { return usb::ControlReply::never(); };
+        });
+        usb::PortOptions options;
+        options.ignorePrivateControls = true;
+        s.rig.bus().setOptions(s.rig.first().port, options);
+        std::vector<std::unique_ptr<ClientRequest>> all;
+        const auto next = [&]() -> ClientRequest& { return *all.emplace_back(std::make_unique<ClientRequest>()); };
+        for (int i = 0; i < 3; ++i) next().data(s.pipes.in, true, buffer[i], 256).submit();
+        next().data(s.pipes.out, false, buffer[3], 100).submit();
+        next().data(s.pipes.interrupt, true, buffer[4], 16).submit();
+        auto& control = next();
+        control.urb.UrbControlVendorClassRequest.Hdr = {sizeof(_URB_CONTROL_VENDOR_OR_CLASS_REQUEST),
+                                                        URB_FUNCTION_CLASS_DEVICE, 0, nullptr, 0};
+        control.submit();
+        next().submit(0x89312007);
+        nt::Thread sender("sender", [&] {
+            for (int i = 0; i < 5; ++i) s.rig.device([](ScriptedDevice& d) { d.sendBulk("xyz"); });
+        });
+        nt::Thread canceller("canceller", [&] { all[1]->cancel(); });
+        s.rig.unplug();
+        sender.join();
+        canceller.join();
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            ASSERT_NE(all[i]->wait(100), STATUS_TIMEOUT) << i;
+            EXPECT_EQ(all[i]->completions, 1u) << i;
+        }
+        EXPECT_EQ(s.rig.statistics().pending, 0u);
+    }
+}
+
+TEST(UsbRace, RequestsThatMeetTheUnpluggingEndOnceAndThenFailAtOnce) {
+    for (const std::uint64_t seed : seeds(100)) {
+        // The device goes by itself, in the middle of its traffic; the driver above notices nothing of it first.
+        Wire s(seed);
+        usb::Fault fault;
+        fault.action = usb::Fault::Action::leave;
+        fault.nth = 1 + static_cast<unsigned>(seed % 7);
+        s.rig.faults().add(fault);
+        char buffer[64];
+        bool gone = false;
+        for (int i = 0; i < 12 && UsbClient::lower() != nullptr; ++i) {
+            ClientRequest write;
+            write.data(s.pipes.out, false, buffer, 10).submit();
+            ASSERT_NE(write.wait(100), STATUS_TIMEOUT);
+            EXPECT_EQ(write.completions, 1u);
+            EXPECT_TRUE(gone || !write.completedInside);
+            EXPECT_TRUE(!gone || !NT_SUCCESS(write.wait()));
+            gone = gone || write.usbd() == USBD_STATUS_DEVICE_GONE;
+        }
+        EXPECT_TRUE(gone);
+        s.rig.settle();
+        EXPECT_EQ(UsbClient::lower(), nullptr) << "the device has not been removed";
+    }
+}
