@@ -252,6 +252,8 @@ void setFreeObserver(FreeObserver newObserver, void* context) {
     observer = newObserver;
 }
 
+bool repeatsAddresses() { return arenaOn; }
+
 void checkAll() {
     TinyGuard guard(lock);
     for (PLIST_ENTRY e = blocks.Flink; e != &blocks; e = e->Flink) {

@@ -22,6 +22,9 @@ std::vector<Leak> inUse();
 using FreeObserver = void (*)(void* context, const void* block, std::size_t size, ULONG tag);
 void setFreeObserver(FreeObserver observer, void* context);
 
+// Whether blocks have the same addresses in every run of a seed: in the simulation, unless a sanitizer watches malloc.
+bool repeatsAddresses();
+
 // M3: looks at every block's guard bytes. Verifier on only.
 void checkAll();
 

@@ -26,10 +26,13 @@ TEST(Pool, CountsByTagAndReportsWhatIsLeft) {
     EXPECT_STREQ(left[0].tag, "Aaaa");
     EXPECT_EQ(left[0].bytes, 30u);
     EXPECT_NE(left[0].caller, nullptr);
+    bool arena = nt::pool::repeatsAddresses();
     auto report = nt::stopCore();
     ASSERT_EQ(report.size(), 1u);
     EXPECT_NE(report[0].find("'Aaaa': 1 block(s), 30 bytes"), std::string::npos) << report[0];
-    (void)c;
+    if (!arena) {
+        ExFreePool(c);
+    }
 }
 
 TEST(Pool, ReusesMemoryAndShowsABlockBeforeItGoes) {
