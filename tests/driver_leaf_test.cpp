@@ -279,6 +279,7 @@ public:
     ~Engine() {
         KeReleaseSpinLock(&device_->Device.Lock, oldIrql_);
         DeleteSerPort(port_);
+        IoSkipCurrentIrpStackLocation(irp_);  // back to where it was made
         IoFreeIrp(irp_);
         delete device_;
     }
