@@ -43,7 +43,7 @@ struct Options {
     Mode mode = Mode::real;
     std::uint64_t seed = 0;
     bool verifier = true;
-    std::string registryFile;  // "" = in memory only
+    std::string registryFile = {};  // "" = in memory only
     DebugSink debugSink = nullptr;
     void* debugContext = nullptr;
     ErrorLogSink errorLogSink = nullptr;

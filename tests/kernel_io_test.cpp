@@ -1,0 +1,582 @@
+// Requests on their way down and up, cancellation, files and the lives of device objects, against a driver of two layers.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kernel/executive.h"
+#include "kernel/faults.h"
+#include "kernel/file.h"
+#include "kernel/pool.h"
+#include "kernel/sim.h"
+#include "kernel/thread.h"
+#include "kernel/work.h"
+
+namespace {
+
+using Dispatch = std::function<NTSTATUS(PDEVICE_OBJECT, PIRP)>;
+
+// What the test's driver does with a request, by layer and major function; anything else succeeds.
+struct Script {
+    Dispatch lower[IRP_MJ_MAXIMUM_FUNCTION + 1];
+    Dispatch upper[IRP_MJ_MAXIMUM_FUNCTION + 1];
+    std::function<NTSTATUS(PDEVICE_OBJECT, PIRP)> completion;
+    std::vector<std::string> log;
+    PDEVICE_OBJECT lowerDevice = nullptr;
+    PDEVICE_OBJECT upperDevice = nullptr;
+    LIST_ENTRY reads{};
+    KSPIN_LOCK lock{};
+};
+
+Script* script;
+
+NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0) {
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = information;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+NTSTATUS dispatch(PDEVICE_OBJECT device, PIRP irp) {
+    UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
+    const Dispatch& routine = (device == script->upperDevice ? script->upper : script->lower)[major];
+    if (routine) {
+        return routine(device, irp);
+    }
+    if (device == script->upperDevice) {
+        IoSkipCurrentIrpStackLocation(irp);
+        return IoCallDriver(script->lowerDevice, irp);
+    }
+    return complete(irp, STATUS_SUCCESS);
+}
+
+NTSTATUS completed(PDEVICE_OBJECT device, PIRP irp, PVOID) { return script->completion(device, irp); }
+
+NTSTATUS entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
+    for (auto& major : driver->MajorFunction) {
+        major = dispatch;
+    }
+    UNICODE_STRING name, link;
+    RtlInitUnicodeString(&name, u"\\Device\\Test0");
+    RtlInitUnicodeString(&link, u"\\DosDevices\\TEST");
+    NTSTATUS status = IoCreateDevice(driver, 64, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &script->lowerDevice);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    script->lowerDevice->Flags |= DO_BUFFERED_IO;
+    InitializeListHead(&script->reads);
+    KeInitializeSpinLock(&script->lock);
+    return IoCreateSymbolicLink(&link, &name);
+}
+
+void addUpper() {
+    PDEVICE_OBJECT lower = script->lowerDevice;
+    ASSERT_EQ(IoCreateDevice(lower->DriverObject, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &script->upperDevice), 0);
+    script->upperDevice->Flags |= DO_BUFFERED_IO;
+    ASSERT_EQ(IoAttachDeviceToDeviceStack(script->upperDevice, lower), lower);
+}
+
+// One system with the driver loaded. gone() takes the devices away and returns what was left behind.
+class System {
+public:
+    explicit System(std::uint64_t seed = 1) : exec_({.mode = nt::Mode::simulated, .seed = seed}) {
+        script = &script_;
+        EXPECT_EQ(exec_.loadDriver("test", entry), STATUS_SUCCESS);
+    }
+    ~System() { EXPECT_EQ(end(), ""); }
+
+    std::string end() {
+        if (ended_) {
+            return "";
+        }
+        ended_ = true;
+        UNICODE_STRING link;
+        RtlInitUnicodeString(&link, u"\\??\\TEST");
+        IoDeleteSymbolicLink(&link);
+        if (script_.upperDevice) {
+            IoDetachDevice(script_.lowerDevice);
+            IoDeleteDevice(script_.upperDevice);
+        }
+        if (script_.lowerDevice) {
+            IoDeleteDevice(script_.lowerDevice);
+        }
+        std::string left;
+        for (const std::string& line : exec_.stop().lines) {
+            left += line + "\n";
+        }
+        return left;
+    }
+    nt::Executive& exec() { return exec_; }
+
+private:
+    nt::Executive exec_;
+    Script script_;
+    bool ended_ = false;
+};
+
+NTSTATUS down(PDEVICE_OBJECT, PIRP irp, bool onSuccess = true, bool onError = true, bool onCancel = true) {
+    IoCopyCurrentIrpStackLocationToNext(irp);
+    IoSetCompletionRoutine(irp, completed, nullptr, onSuccess, onError, onCancel);
+    return IoCallDriver(script->lowerDevice, irp);
+}
+
+// Reads that wait in a list with a cancel routine, as drivers do it.
+VOID cancelRead(PDEVICE_OBJECT, PIRP irp) {
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    KIRQL irql;
+    KeAcquireSpinLock(&script->lock, &irql);
+    RemoveEntryList(&irp->Tail.Overlay.ListEntry);
+    KeReleaseSpinLock(&script->lock, irql);
+    complete(irp, STATUS_CANCELLED);
+}
+
+NTSTATUS queueRead(PDEVICE_OBJECT, PIRP irp) {
+    KIRQL irql;
+    KeAcquireSpinLock(&script->lock, &irql);
+    IoSetCancelRoutine(irp, cancelRead);
+    if (irp->Cancel && IoSetCancelRoutine(irp, nullptr)) {
+        KeReleaseSpinLock(&script->lock, irql);
+        return complete(irp, STATUS_CANCELLED);
+    }
+    IoMarkIrpPending(irp);
+    InsertTailList(&script->reads, &irp->Tail.Overlay.ListEntry);
+    KeReleaseSpinLock(&script->lock, irql);
+    return STATUS_PENDING;
+}
+
+// Completes the oldest read the cancel routine has not taken; with the lock held when asked to.
+bool completeRead(bool underLock = false) {
+    KIRQL irql;
+    KeAcquireSpinLock(&script->lock, &irql);
+    PIRP found = nullptr;
+    for (PLIST_ENTRY e = script->reads.Flink; e != &script->reads && !found; e = e->Flink) {
+        PIRP irp = CONTAINING_RECORD(e, IRP, Tail.Overlay.ListEntry);
+        if (IoSetCancelRoutine(irp, nullptr)) {
+            found = irp;
+        }
+    }
+    if (found) {
+        RemoveEntryList(&found->Tail.Overlay.ListEntry);
+        std::memcpy(found->AssociatedIrp.SystemBuffer, "data", 4);
+        if (underLock) {
+            complete(found, STATUS_SUCCESS, 4);
+        }
+    }
+    KeReleaseSpinLock(&script->lock, irql);
+    if (found && !underLock) {
+        complete(found, STATUS_SUCCESS, 4);
+    }
+    return found != nullptr;
+}
+
+struct Counter {
+    nt::Request request{done, this};
+    int calls = 0;
+    KIRQL irql = 0;
+    static void done(nt::Request&, void* context) {
+        auto self = static_cast<Counter*>(context);
+        ++self->calls;
+        self->irql = KeGetCurrentIrql();
+    }
+};
+
+TEST(KernelIo, CompletionRoutinesRunForTheOutcomesTheyAskedFor) {
+    struct {
+        bool success, error, cancel, cancelled;
+        NTSTATUS status;
+        bool called;
+    } table[] = {
+        {true, false, false, false, STATUS_SUCCESS, true},    {false, true, true, false, STATUS_SUCCESS, false},
+        {false, true, false, false, STATUS_UNSUCCESSFUL, true}, {true, false, false, false, STATUS_UNSUCCESSFUL, false},
+        {false, false, true, true, STATUS_CANCELLED, true},   {false, false, true, false, STATUS_CANCELLED, false},
+        {false, true, false, false, STATUS_BUFFER_OVERFLOW, true},
+    };
+    for (const auto& row : table) {
+        System system;
+        addUpper();
+        bool called = false;
+        script->upper[IRP_MJ_FLUSH_BUFFERS] = [&](PDEVICE_OBJECT device, PIRP irp) {
+            return down(device, irp, row.success, row.error, row.cancel);
+        };
+        script->lower[IRP_MJ_FLUSH_BUFFERS] = [&](PDEVICE_OBJECT, PIRP irp) {
+            if (row.cancelled) {
+                IoCancelIrp(irp);
+            }
+            return complete(irp, row.status);
+        };
+        script->completion = [&](PDEVICE_OBJECT device, PIRP) {
+            EXPECT_EQ(device, script->upperDevice);
+            called = true;
+            return STATUS_SUCCESS;
+        };
+        nt::File file;
+        ASSERT_EQ(file.open("\\DosDevices\\TEST"), STATUS_SUCCESS);
+        EXPECT_EQ(file.flush().status, row.status);
+        EXPECT_EQ(called, row.called);
+    }
+}
+
+TEST(KernelIo, AStoppedCompletionGoesOnWhereItStopped) {
+    System system;
+    addUpper();
+    KEVENT below;
+    KeInitializeEvent(&below, NotificationEvent, FALSE);
+    nt::Thread later;
+    script->lower[IRP_MJ_WRITE] = [&](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        later.start("later", [irp] { complete(irp, STATUS_SUCCESS, 3); });
+        return STATUS_PENDING;
+    };
+    script->completion = [&](PDEVICE_OBJECT, PIRP irp) {
+        EXPECT_TRUE(irp->PendingReturned);
+        KeSetEvent(&below, 0, FALSE);
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    };
+    script->upper[IRP_MJ_WRITE] = [&](PDEVICE_OBJECT device, PIRP irp) {
+        EXPECT_EQ(down(device, irp), STATUS_PENDING);
+        KeWaitForSingleObject(&below, Executive, KernelMode, FALSE, nullptr);
+        EXPECT_EQ(irp->IoStatus.Information, 3u);
+        return complete(irp, STATUS_SUCCESS, 2);
+    };
+    nt::File file;
+    ASSERT_EQ(file.open("\\??\\test"), STATUS_SUCCESS);
+    nt::IoResult result = file.write("abc", 3);
+    EXPECT_EQ(result.status, STATUS_SUCCESS);
+    EXPECT_EQ(result.information, 2u);
+    later.join();
+}
+
+TEST(KernelIo, BufferedOutputFollowsTheStatus) {
+    struct {
+        NTSTATUS status;
+        ULONG_PTR information;
+        const char* seen;
+    } table[] = {{STATUS_SUCCESS, 4, "data??"},
+                 {STATUS_SUCCESS, 2, "da????"},
+                 {STATUS_BUFFER_OVERFLOW, 3, "dat???"},
+                 {STATUS_UNSUCCESSFUL, 4, "??????"},
+                 {STATUS_SUCCESS, 0, "??????"}};
+    for (const auto& row : table) {
+        System system;
+        script->lower[IRP_MJ_DEVICE_CONTROL] = [&](PDEVICE_OBJECT, PIRP irp) {
+            EXPECT_EQ(std::memcmp(irp->AssociatedIrp.SystemBuffer, "in", 2), 0);
+            std::memcpy(irp->AssociatedIrp.SystemBuffer, "data", 4);
+            return complete(irp, row.status, row.information);
+        };
+        nt::File file;
+        ASSERT_EQ(file.open("\\Device\\Test0"), STATUS_SUCCESS);
+        char output[] = "??????";
+        nt::IoResult result = file.control(CTL_CODE(FILE_DEVICE_UNKNOWN, 1, METHOD_BUFFERED, 0), "in", 2, output, 6);
+        EXPECT_EQ(result.status, row.status);
+        EXPECT_STREQ(output, row.seen);
+    }
+}
+
+TEST(KernelIo, ACompletionUnderADriversLockMaySendTheNextRequest) {
+    System system;
+    script->lower[IRP_MJ_READ] = queueRead;
+    nt::File file;
+    ASSERT_EQ(file.open("\\??\\TEST"), STATUS_SUCCESS);
+    struct Again {
+        nt::File& file;
+        char buffer[4];
+        int calls = 0;
+        nt::Request request{[](nt::Request& r, void* context) {
+                                auto self = static_cast<Again*>(context);
+                                EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+                                if (++self->calls < 3) {
+                                    self->file.read(r, self->buffer, 4);
+                                }
+                            },
+                            this};
+    } again{file, {}};
+    EXPECT_EQ(file.read(again.request, again.buffer, 4), STATUS_PENDING);
+    while (completeRead(true)) {
+    }
+    EXPECT_EQ(again.calls, 3);
+}
+
+TEST(KernelIo, CancellationAndCompletionShareOutTheRequest) {
+    int cancelled = 0;
+    int ended = 0;
+    for (std::uint64_t seed = 1; seed <= 500; ++seed) {
+        System system(seed);
+        script->lower[IRP_MJ_READ] = queueRead;
+        nt::File file;
+        ASSERT_EQ(file.open("\\??\\TEST"), STATUS_SUCCESS);
+        Counter first, second;
+        char buffer[2][4];
+        file.read(first.request, buffer[0], 4);
+        nt::Thread canceller("canceller", [&] {
+            file.cancel(first.request);
+            file.cancelAll();
+        });
+        nt::Thread completer("completer", [&] {
+            completeRead();
+            completeRead();
+        });
+        file.read(second.request, buffer[1], 4);
+        canceller.join();
+        completer.join();
+        file.cancelAll();
+        for (Counter* one : {&first, &second}) {
+            ASSERT_EQ(one->calls, 1) << "seed " << seed;
+            bool wasCancelled = one->request.status() == STATUS_CANCELLED;
+            ASSERT_TRUE(wasCancelled || one->request.information() == 4) << "seed " << seed;
+            (wasCancelled ? cancelled : ended) += 1;
+        }
+    }
+    EXPECT_GT(cancelled, 50);
+    EXPECT_GT(ended, 50);
+}
+
+TEST(KernelIo, AFileClosesWhenItsLastRequestHasEnded) {
+    System system;
+    script->lower[IRP_MJ_READ] = queueRead;
+    for (UCHAR major : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
+        script->lower[major] = [major](PDEVICE_OBJECT, PIRP irp) {
+            EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+            script->log.push_back(major == IRP_MJ_CLOSE ? "close" : "cleanup");
+            return complete(irp, STATUS_SUCCESS);
+        };
+    }
+    nt::File file;
+    ASSERT_EQ(file.open("\\??\\TEST"), STATUS_SUCCESS);
+    Counter read;
+    char buffer[4];
+    file.read(read.request, buffer, 4);
+    file.close();
+    EXPECT_EQ(script->log, std::vector<std::string>{"cleanup"});
+    EXPECT_TRUE(completeRead());
+    nt::flushWork();
+    EXPECT_EQ(read.calls, 1);
+    EXPECT_EQ(script->log, (std::vector<std::string>{"cleanup", "close"}));
+    EXPECT_EQ(file.write("x", 1).status, STATUS_FILE_CLOSED);
+}
+
+TEST(KernelIo, ADeletedDeviceLivesAsLongAsSomebodyUsesIt) {
+    System system;
+    PDEVICE_OBJECT device = script->lowerDevice;
+    std::memset(device->DeviceExtension, 0x5a, 64);
+    auto intact = [device] { return static_cast<UCHAR*>(device->DeviceExtension)[63] == 0x5a; };
+    script->lower[IRP_MJ_CLOSE] = [&](PDEVICE_OBJECT, PIRP irp) {
+        EXPECT_TRUE(intact());
+        return complete(irp, STATUS_SUCCESS);
+    };
+    nt::File file;
+    ASSERT_EQ(file.open("\\??\\TEST"), STATUS_SUCCESS);
+    struct Work {
+        PIO_WORKITEM item;
+        decltype(intact)& check;
+        bool ran;
+    } work{IoAllocateWorkItem(device), intact, false};
+    IoQueueWorkItem(
+        work.item,
+        [](PDEVICE_OBJECT, PVOID context) {
+            auto w = static_cast<Work*>(context);
+            IoFreeWorkItem(w->item);
+            w->ran = true;
+            EXPECT_TRUE(w->check());
+        },
+        DelayedWorkQueue, &work);
+    IoDeleteDevice(device);
+    script->lowerDevice = nullptr;
+    nt::File second;
+    EXPECT_EQ(second.open("\\??\\TEST"), STATUS_OBJECT_NAME_NOT_FOUND);
+    nt::flushWork();
+    EXPECT_TRUE(work.ran);
+    EXPECT_EQ(file.flush().status, STATUS_SUCCESS);
+    file.close();
+}
+
+TEST(KernelIo, BuiltControlsReportThroughTheirBlockAndEvent) {
+    System system;
+    script->lower[IRP_MJ_INTERNAL_DEVICE_CONTROL] = [](PDEVICE_OBJECT, PIRP irp) {
+        std::memcpy(irp->AssociatedIrp.SystemBuffer, "abcd", 4);
+        return complete(irp, STATUS_SUCCESS, 4);
+    };
+    KEVENT event;
+    IO_STATUS_BLOCK block{};
+    char output[4] = {};
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    PIRP irp = IoBuildDeviceIoControlRequest(CTL_CODE(FILE_DEVICE_UNKNOWN, 2, METHOD_BUFFERED, 0), script->lowerDevice,
+                                             nullptr, 0, output, 4, TRUE, &event, &block);
+    ASSERT_NE(irp, nullptr);
+    IoCallDriver(script->lowerDevice, irp);
+    EXPECT_EQ(KeReadStateEvent(&event), 1);
+    EXPECT_EQ(block.Information, 4u);
+    EXPECT_EQ(std::memcmp(output, "abcd", 4), 0);
+}
+
+TEST(KernelIo, WarmRequestsAllocateNothing) {
+    System system;
+    script->lower[IRP_MJ_WRITE] = [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS, 64); };
+    nt::File file;
+    ASSERT_EQ(file.open("\\??\\TEST"), STATUS_SUCCESS);
+    char buffer[64] = {};
+    file.write(buffer, sizeof buffer);
+    std::uint64_t before = nt::pool::allocations();
+    for (int i = 0; i < 1000; ++i) {
+        file.write(buffer, sizeof buffer);
+    }
+    EXPECT_EQ(nt::pool::allocations(), before);
+}
+
+TEST(KernelIo, EveryObjectMayFailToBeMadeAndTheNextTryWorks) {
+    int failures = 0;
+    for (std::uint64_t n = 1;; ++n) {
+        nt::Executive exec({.mode = nt::Mode::simulated, .seed = n});
+        Script local;
+        script = &local;
+        nt::faults::failNth(nt::faults::Kind::objectCreate, n);
+        NTSTATUS status = exec.loadDriver("test", entry);
+        nt::faults::clear();
+        if (NT_SUCCESS(status)) {
+            UNICODE_STRING link;
+            RtlInitUnicodeString(&link, u"\\DosDevices\\TEST");
+            EXPECT_EQ(IoDeleteSymbolicLink(&link), STATUS_SUCCESS);
+            IoDeleteDevice(local.lowerDevice);
+            EXPECT_TRUE(exec.stop().clean());
+            break;
+        }
+        ++failures;
+        EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
+    }
+    EXPECT_EQ(failures, 2);
+}
+
+// What a driver must not do, and the rule that says so.
+struct Offence {
+    const char* name;
+    const char* rule;
+    NTSTATUS (*act)(PDEVICE_OBJECT device, PIRP irp);
+};
+
+const Offence offences[] = {
+    {"CompletesTwice", "I1",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         complete(irp, STATUS_SUCCESS);
+         return complete(irp, STATUS_SUCCESS);
+     }},
+    {"CompletesWithPending", "I2", [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_PENDING); }},
+    {"LeavesItsCancelRoutine", "I3",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         IoSetCancelRoutine(irp, cancelRead);
+         return complete(irp, STATUS_SUCCESS);
+     }},
+    {"ForwardsWithACancelRoutine", "I4",
+     [](PDEVICE_OBJECT device, PIRP irp) {
+         IoSetCancelRoutine(irp, cancelRead);
+         IoSkipCurrentIrpStackLocation(irp);
+         return IoCallDriver(device, irp);
+     }},
+    {"RunsOutOfLocations", "I5",
+     [](PDEVICE_OBJECT device, PIRP irp) {
+         return IoCallDriver(device, irp);
+     }},
+    {"MarksPendingAndReturnsOtherwise", "I8",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         IoMarkIrpPending(irp);
+         return complete(irp, STATUS_SUCCESS);
+     }},
+    {"ReturnsPendingUnmarked", "I8",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         complete(irp, STATUS_SUCCESS);
+         return STATUS_PENDING;
+     }},
+    {"ReturnsAnotherStatus", "I8",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         complete(irp, STATUS_SUCCESS);
+         return STATUS_UNSUCCESSFUL;
+     }},
+    {"ForgetsTheRequest", "I9", [](PDEVICE_OBJECT, PIRP) { return STATUS_SUCCESS; }},
+    {"GivesMoreThanThereIsRoom", "I15", [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS, 99); }},
+};
+
+class KernelIoOffence : public testing::TestWithParam<Offence> {};
+
+TEST_P(KernelIoOffence, StopsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto offend = [] {
+        System system;
+        script->lower[IRP_MJ_READ] = GetParam().act;
+        nt::File file;
+        file.open("\\??\\TEST");
+        char buffer[8];
+        file.read(buffer, sizeof buffer);
+    };
+    EXPECT_DEATH(offend(), std::string("\\b") + GetParam().rule + "\\b");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, KernelIoOffence, testing::ValuesIn(offences),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(KernelIoDeathTest, ARoutineMustPassThePendingMarkOn) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto offend = [] {
+        System system;
+        addUpper();
+        script->lower[IRP_MJ_READ] = queueRead;
+        script->upper[IRP_MJ_READ] = [](PDEVICE_OBJECT device, PIRP irp) { return down(device, irp); };
+        script->completion = [](PDEVICE_OBJECT, PIRP) { return STATUS_SUCCESS; };
+        nt::File file;
+        file.open("\\??\\TEST");
+        Counter read;
+        char buffer[4];
+        file.read(read.request, buffer, 4);
+        completeRead();
+    };
+    EXPECT_DEATH(offend(), "I10");
+}
+
+TEST(KernelIoDeathTest, EveryDriverStartsTheNextPowerRequestOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto offend = [] {
+        System system;
+        script->lower[IRP_MJ_POWER] = [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS); };
+        POWER_STATE state{};
+        state.DeviceState = PowerDeviceD2;
+        PoRequestPowerIrp(script->lowerDevice, IRP_MN_SET_POWER, state, nullptr, nullptr, nullptr);
+    };
+    EXPECT_DEATH(offend(), "P6");
+}
+
+TEST(KernelIo, PowerRequestsGoToTheTopAndReportBack) {
+    System system;
+    addUpper();
+    script->upperDevice->Flags |= DO_POWER_PAGABLE;
+    for (auto* layer : {&script->upper, &script->lower}) {
+        (*layer)[IRP_MJ_POWER] = [top = layer == &script->upper](PDEVICE_OBJECT, PIRP irp) {
+            script->log.push_back(top ? "upper" : "lower");
+            EXPECT_TRUE(!top || KeGetCurrentIrql() == PASSIVE_LEVEL);
+            PoStartNextPowerIrp(irp);
+            if (!top) {
+                return complete(irp, STATUS_SUCCESS, 7);
+            }
+            IoSkipCurrentIrpStackLocation(irp);
+            return PoCallDriver(script->lowerDevice, irp);
+        };
+    }
+    POWER_STATE state{};
+    state.DeviceState = PowerDeviceD2;
+    auto done = [](PDEVICE_OBJECT device, UCHAR minor, POWER_STATE s, PVOID context, PIO_STATUS_BLOCK block) {
+        EXPECT_EQ(device, script->lowerDevice);
+        EXPECT_EQ(minor, IRP_MN_SET_POWER);
+        EXPECT_EQ(s.DeviceState, PowerDeviceD2);
+        EXPECT_EQ(block->Information, 7u);
+        ++*static_cast<int*>(context);
+    };
+    int calls = 0;
+    KIRQL irql;
+    KeRaiseIrql(DISPATCH_LEVEL, &irql);
+    EXPECT_EQ(PoRequestPowerIrp(script->lowerDevice, IRP_MN_SET_POWER, state, done, &calls, nullptr), STATUS_PENDING);
+    EXPECT_EQ(calls, 0);
+    KeLowerIrql(irql);
+    nt::flushWork();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(script->log, (std::vector<std::string>{"upper", "lower"}));
+}
+
+}  // namespace
