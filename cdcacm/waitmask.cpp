@@ -69,7 +69,8 @@ NTSTATUS WaitOnMask(DEVICE* Dev, PORT_OBJ* Port, PDEVICE_OBJECT DeviceObject, PI
         CompleteWaitIrp(Port, 0);
     else
         TRACE(TRC_ASSERT, "%P:%S%S:Upper driver sends the same WaitIrp again\n", PORT_NAME(Dev), OBJECT_LETTER(DeviceObject));
-    TRACE(TRC_WAIT, "%P:%S%S:Store new wait IRP: %D\n", PORT_NAME(Dev), OBJECT_LETTER(DeviceObject), (ULONG)(ULONG_PTR)Irp);
+    TRACE(TRC_WAIT, "%P:%S%S:Store new wait IRP: %D\n",
+          PORT_NAME(Dev), OBJECT_LETTER(DeviceObject), (ULONG)(ULONG_PTR)Irp);
     if (!ArmWaitCancel(Dev, Irp)) {
         if (Port->WaitIrp == Irp) {
             Port->WaitIrp = NULL;
