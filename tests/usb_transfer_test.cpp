@@ -236,7 +236,8 @@ TEST(UsbTransfer, ControlRequestsCarrySetupAndData) {
     EXPECT_EQ(std::memcmp(back, coding, 7), 0);
     EXPECT_FALSE(NT_SUCCESS(request(URB_FUNCTION_CLASS_INTERFACE, 0x20, false, coding, 3, r)));
     EXPECT_EQ(r.usbd(), USBD_STATUS_STALL_PID);
-    EXPECT_EQ(request(URB_FUNCTION_VENDOR_OTHER, 0x61, false, nullptr, 0, r), STATUS_SUCCESS) << "a stall on the default pipe is over with the next request";
+    // A stall on the default pipe is over with the next request.
+    EXPECT_EQ(request(URB_FUNCTION_VENDOR_OTHER, 0x61, false, nullptr, 0, r), STATUS_SUCCESS);
     s.rig.device([](ScriptedDevice& d) {
         std::vector<unsigned> types;
         for (const auto& record : d.controls) types.push_back(record.setup.requestType);
