@@ -178,11 +178,10 @@ VOID NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
         verifier::stop("M2", "IoDeleteDevice", DeviceObject, "device object deleted twice");
     }
     {
+        // A PDO may go while a function driver above it has yet to detach; the attachment keeps the memory.
         TinyGuard guard(attachmentLock);
-        if (verifying() && (DeviceObject->AttachedDevice || mine.attachedTo)) {
-            verifier::stop("P3", "IoDeleteDevice", DeviceObject, "%s",
-                           DeviceObject->AttachedDevice ? "another device is still attached to this one"
-                                                        : "device deleted before it was detached");
+        if (verifying() && mine.attachedTo) {
+            verifier::stop("P3", "IoDeleteDevice", DeviceObject, "device deleted before it was detached");
         }
     }
     if (mine.name) {
@@ -203,6 +202,7 @@ PDEVICE_OBJECT NTAPI IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice, PD
     if (top->DeviceObjectExtension->deletePending || (top->Flags & DO_DEVICE_INITIALIZING)) {
         return nullptr;
     }
+    referenceDevice(top);
     setAttached(top, SourceDevice);
     SourceDevice->DeviceObjectExtension->attachedTo = top;
     SourceDevice->StackSize = static_cast<CCHAR>(top->StackSize + 1);
@@ -211,13 +211,16 @@ PDEVICE_OBJECT NTAPI IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice, PD
 }
 
 VOID NTAPI IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
-    TinyGuard guard(attachmentLock);
-    PDEVICE_OBJECT upper = TargetDevice->AttachedDevice;
-    if (!upper) {
-        verifier::stop("P3", "IoDetachDevice", TargetDevice, "nothing is attached to this device");
+    {
+        TinyGuard guard(attachmentLock);
+        PDEVICE_OBJECT upper = TargetDevice->AttachedDevice;
+        if (!upper) {
+            verifier::stop("P3", "IoDetachDevice", TargetDevice, "nothing is attached to this device");
+        }
+        upper->DeviceObjectExtension->attachedTo = nullptr;
+        setAttached(TargetDevice, nullptr);
     }
-    upper->DeviceObjectExtension->attachedTo = nullptr;
-    setAttached(TargetDevice, nullptr);
+    dereferenceDevice(TargetDevice);
 }
 
 PDEVICE_OBJECT NTAPI IoGetAttachedDevice(PDEVICE_OBJECT DeviceObject) {

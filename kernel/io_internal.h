@@ -23,8 +23,8 @@ struct IrpRecord;
 // The I/O manager's part of a device object.
 struct _DEVOBJ_EXTENSION {
     PDEVICE_OBJECT device;
-    // The creator's until IoDeleteDevice, and one for each file, work item, queued request and ObReferenceObject. The memory
-    // goes with the last.
+    // The creator's until IoDeleteDevice, and one for each file, attached device, queued work item and ObReferenceObject. The
+    // memory goes with the last.
     std::atomic<LONG> references;
     std::atomic<LONG> handles;         // files open or being opened
     std::atomic<bool> deletePending;

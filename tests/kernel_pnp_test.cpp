@@ -1,0 +1,369 @@
+// The PnP manager against a bus whose children the test plugs and unplugs, and a function driver that notes what it is sent.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kernel/executive.h"
+#include "kernel/faults.h"
+#include "kernel/file.h"
+#include "kernel/thread.h"
+
+namespace {
+
+const std::string portsClass = "{4D36E978-E325-11CE-BFC1-08002BE10318}";
+const std::string enumKey = "HKLM\\SYSTEM\\CurrentControlSet\\Enum\\";
+
+struct Child {
+    std::u16string instance;
+    PDEVICE_OBJECT pdo = nullptr;
+    bool present = true;
+};
+
+struct World {
+    PDRIVER_OBJECT busDriver = nullptr;
+    PDEVICE_OBJECT busPdo = nullptr, busFdo = nullptr, busLower = nullptr;
+    std::vector<std::unique_ptr<Child>> children;
+    std::vector<std::string> log;
+    NTSTATUS addStatus = STATUS_SUCCESS;
+    NTSTATUS startStatus = STATUS_SUCCESS;
+    NTSTATUS queryStatus = STATUS_SUCCESS;
+    std::function<void()> onStart;
+};
+
+World* world;
+
+// First word of every extension.
+enum Kind : ULONG { busKind = 1, childKind, functionKind };
+struct Extension {
+    ULONG kind;
+    PDEVICE_OBJECT lower, pdo;
+    Child* child;
+};
+
+Extension& extensionOf(PDEVICE_OBJECT device) { return *static_cast<Extension*>(device->DeviceExtension); }
+
+NTSTATUS complete(PIRP irp, NTSTATUS status) {
+    irp->IoStatus.Status = status;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+NTSTATUS passDown(PDEVICE_OBJECT device, PIRP irp) {
+    PDEVICE_OBJECT lower = extensionOf(device).lower;
+    IoSkipCurrentIrpStackLocation(irp);
+    return IoCallDriver(lower, irp);
+}
+
+NTSTATUS setEvent(PDEVICE_OBJECT, PIRP, PVOID event) {
+    KeSetEvent(static_cast<PKEVENT>(event), 0, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+PWSTR poolText(std::u16string text) {
+    text += u'\0';
+    auto copy = static_cast<PWSTR>(ExAllocatePoolWithTag(PagedPool, (text.size() + 1) * sizeof(WCHAR), 'tseT'));
+    std::copy_n(text.c_str(), text.size() + 1, copy);
+    return copy;
+}
+
+NTSTATUS busPnp(PDEVICE_OBJECT device, PIRP irp) {
+    PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    if (location->MinorFunction == IRP_MN_QUERY_DEVICE_RELATIONS) {
+        std::vector<PDEVICE_OBJECT> there;
+        for (const auto& child : world->children) {
+            if (child->present) {
+                there.push_back(child->pdo);
+            }
+        }
+        auto relations = static_cast<PDEVICE_RELATIONS>(
+            ExAllocatePoolWithTag(PagedPool, sizeof(DEVICE_RELATIONS) + there.size() * sizeof(PVOID), 'tseT'));
+        relations->Count = static_cast<ULONG>(there.size());
+        for (std::size_t i = 0; i < there.size(); ++i) {
+            ObReferenceObject(there[i]);
+            relations->Objects[i] = there[i];
+        }
+        irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(relations);
+        irp->IoStatus.Status = STATUS_SUCCESS;
+    } else if (location->MinorFunction == IRP_MN_REMOVE_DEVICE) {
+        PDEVICE_OBJECT lower = extensionOf(device).lower;
+        for (const auto& child : world->children) {
+            if (child->pdo) {
+                IoDeleteDevice(child->pdo);
+            }
+        }
+        NTSTATUS status = passDown(device, irp);
+        IoDetachDevice(lower);
+        IoDeleteDevice(device);
+        return status;
+    }
+    return passDown(device, irp);
+}
+
+NTSTATUS childPnp(PDEVICE_OBJECT device, PIRP irp) {
+    Child& child = *extensionOf(device).child;
+    PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    switch (location->MinorFunction) {
+    case IRP_MN_QUERY_ID:
+        irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(
+            location->Parameters.QueryId.IdType == BusQueryInstanceID       ? poolText(child.instance)
+            : location->Parameters.QueryId.IdType == BusQueryCompatibleIDs ? poolText(u"TEST\\Compatible")
+                                                                            : poolText(u"TEST\\Thing"));
+        return complete(irp, STATUS_SUCCESS);
+    case IRP_MN_QUERY_CAPABILITIES:
+        location->Parameters.DeviceCapabilities.Capabilities->UniqueID = 1;
+        return complete(irp, STATUS_SUCCESS);
+    case IRP_MN_REMOVE_DEVICE:
+        complete(irp, STATUS_SUCCESS);
+        if (!child.present) {
+            child.pdo = nullptr;
+            IoDeleteDevice(device);
+        }
+        return STATUS_SUCCESS;
+    case IRP_MN_QUERY_DEVICE_RELATIONS:
+    case IRP_MN_QUERY_PNP_DEVICE_STATE:
+        return complete(irp, irp->IoStatus.Status);
+    default:
+        return complete(irp, STATUS_SUCCESS);
+    }
+}
+
+NTSTATUS functionPnp(PDEVICE_OBJECT device, PIRP irp) {
+    static const char* const names[] = {"start", "queryRemove", "remove", "cancelRemove", "stop", "queryStop", "cancelStop"};
+    UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
+    PDEVICE_OBJECT lower = extensionOf(device).lower;
+    if (minor < std::size(names)) {
+        world->log.push_back(names[minor]);
+    } else if (minor == IRP_MN_SURPRISE_REMOVAL) {
+        world->log.push_back("surprise");
+    } else if (minor == IRP_MN_QUERY_CAPABILITIES) {
+        world->log.push_back("capabilities");
+    }
+    if (minor == IRP_MN_START_DEVICE) {
+        KEVENT event;
+        KeInitializeEvent(&event, NotificationEvent, FALSE);
+        IoCopyCurrentIrpStackLocationToNext(irp);
+        IoSetCompletionRoutine(irp, setEvent, &event, TRUE, TRUE, TRUE);
+        IoCallDriver(lower, irp);
+        KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+        if (world->onStart) {
+            world->onStart();
+        }
+        return complete(irp, world->startStatus);
+    }
+    if ((minor == IRP_MN_QUERY_REMOVE_DEVICE || minor == IRP_MN_QUERY_STOP_DEVICE) && !NT_SUCCESS(world->queryStatus)) {
+        return complete(irp, world->queryStatus);
+    }
+    NTSTATUS status = passDown(device, irp);
+    if (minor == IRP_MN_REMOVE_DEVICE) {
+        IoDetachDevice(lower);
+        IoDeleteDevice(device);
+    }
+    return status;
+}
+
+NTSTATUS pnp(PDEVICE_OBJECT device, PIRP irp) {
+    switch (extensionOf(device).kind) {
+    case busKind:
+        return busPnp(device, irp);
+    case childKind:
+        return childPnp(device, irp);
+    default:
+        return functionPnp(device, irp);
+    }
+}
+
+NTSTATUS succeed(PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS); }
+
+NTSTATUS attach(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo, Kind kind, PDEVICE_OBJECT* device) {
+    NTSTATUS status = IoCreateDevice(driver, sizeof(Extension), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    PDEVICE_OBJECT lower = IoAttachDeviceToDeviceStack(*device, pdo);
+    extensionOf(*device) = {kind, lower, pdo, nullptr};
+    (*device)->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS addBus(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
+    world->busDriver = driver;
+    world->busPdo = pdo;
+    return attach(driver, pdo, busKind, &world->busFdo);
+}
+
+NTSTATUS addFunction(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
+    world->log.push_back("add");
+    if (!NT_SUCCESS(world->addStatus)) {
+        return world->addStatus;
+    }
+    PDEVICE_OBJECT device;
+    return attach(driver, pdo, functionKind, &device);
+}
+
+template <PDRIVER_ADD_DEVICE Add>
+NTSTATUS entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
+    driver->DriverExtension->AddDevice = Add;
+    driver->MajorFunction[IRP_MJ_PNP] = pnp;
+    for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
+        driver->MajorFunction[major] = succeed;
+    }
+    return STATUS_SUCCESS;
+}
+
+class KernelPnp : public testing::TestWithParam<int> {
+protected:
+    KernelPnp() : exec_({.mode = nt::Mode::simulated, .seed = 7}) {
+        world = &world_;
+        exec_.loadDriver("bus", entry<addBus>);
+        exec_.loadDriver("fn", entry<addFunction>);
+        exec_.bindDriver("test\\compatible", "fn", "Ports", portsClass);
+        EXPECT_EQ(exec_.addRootDevice("bus"), STATUS_SUCCESS);
+    }
+    ~KernelPnp() override {
+        for (const std::string& line : exec_.stop().lines) {
+            ADD_FAILURE() << "left: " << line;
+        }
+    }
+
+    Child& plug(std::u16string instance) {
+        world_.children.push_back(std::make_unique<Child>(Child{std::move(instance)}));
+        Child& child = *world_.children.back();
+        EXPECT_EQ(IoCreateDevice(world_.busDriver, sizeof(Extension), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &child.pdo), 0);
+        extensionOf(child.pdo) = {childKind, nullptr, nullptr, &child};
+        child.pdo->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+        IoInvalidateDeviceRelations(world_.busPdo, BusRelations);
+        exec_.settle();
+        return child;
+    }
+    void unplug(Child& child) {
+        child.present = false;
+        IoInvalidateDeviceRelations(world_.busPdo, BusRelations);
+    }
+    std::string log() {
+        std::string all;
+        for (const std::string& word : world_.log) {
+            all += (all.empty() ? "" : " ") + word;
+        }
+        world_.log.clear();
+        return all;
+    }
+    nt::DeviceNode node(const std::string& instance) {
+        for (const nt::DeviceNode& device : exec_.devices()) {
+            if (device.instancePath == "TEST\\Thing\\" + instance) {
+                return device;
+            }
+        }
+        return {};
+    }
+
+    nt::Executive exec_;
+    World world_;
+};
+
+TEST_F(KernelPnp, ADeviceArrivesAndLeavesInOrder) {
+    Child& child = plug(u"one");
+    EXPECT_EQ(log(), "add start capabilities");
+    EXPECT_EQ(node("one").state, nt::DeviceState::started);
+    EXPECT_EQ(node("one").driverKey, portsClass + "\\0000");
+    ULONG length = 0;
+    WCHAR text[60];
+    EXPECT_EQ(IoGetDeviceProperty(child.pdo, DevicePropertyDriverKeyName, 20, text, &length), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(length, (portsClass.size() + 6) * sizeof(WCHAR));
+    EXPECT_EQ(IoGetDeviceProperty(child.pdo, DevicePropertyDriverKeyName, sizeof text, text, &length), STATUS_SUCCESS);
+    EXPECT_EQ(nt::toUtf8(text), portsClass + "\\0000");
+    unplug(child);
+    exec_.settle();
+    EXPECT_EQ(log(), "surprise remove");
+    EXPECT_EQ(child.pdo, nullptr);
+}
+
+TEST_F(KernelPnp, NamesAreFirstFreeFromCom3AndStayWithTheirDevice) {
+    Child& one = plug(u"one");
+    plug(u"two");
+    EXPECT_EQ(node("one").portName + node("two").portName, "COM3COM4");
+    unplug(one);
+    exec_.settle();
+    exec_.registry().setString(enumKey + "TEST\\Thing\\named\\Device Parameters", "PortName", "COM6");
+    plug(u"named");
+    plug(u"three");
+    plug(u"four");
+    EXPECT_EQ(node("named").portName + node("three").portName + node("four").portName, "COM6COM5COM7");
+    plug(u"one");
+    EXPECT_EQ(node("one").portName, "COM3");
+    EXPECT_EQ(node("one").driverKey, portsClass + "\\0000");
+    EXPECT_EQ(node("four").driverKey, portsClass + "\\0004");
+}
+
+TEST_F(KernelPnp, RemovalWaitsForTheLastHandleOnTheStack) {
+    GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
+    Child& child = plug(u"one");
+    UNICODE_STRING link;
+    ASSERT_EQ(IoRegisterDeviceInterface(child.pdo, &guid, nullptr, &link), STATUS_SUCCESS);
+    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
+    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_OBJECT_NAME_EXISTS);
+    nt::File file;
+    ASSERT_EQ(file.open(exec_.enabledInterfaces().at(0)), STATUS_SUCCESS);
+    EXPECT_EQ(exec_.queryRemove("test\\thing\\ONE"), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(log(), "add start capabilities queryRemove cancelRemove");
+    unplug(child);
+    exec_.settle();
+    EXPECT_EQ(log(), "surprise");
+    // The same device comes back while its former self still waits.
+    plug(u"one");
+    EXPECT_EQ(log(), "add start capabilities");
+    file.close();
+    exec_.settle();
+    EXPECT_EQ(log(), "remove");
+    EXPECT_EQ(node("one").state, nt::DeviceState::started);
+    EXPECT_EQ(IoSetDeviceInterfaceState(&link, FALSE), STATUS_SUCCESS);
+    RtlFreeUnicodeString(&link);
+}
+
+TEST_F(KernelPnp, AFailureToAddOrStartLeavesNothingAndTheNextTryWorks) {
+    world_.addStatus = STATUS_UNSUCCESSFUL;
+    plug(u"one");
+    EXPECT_EQ(log(), "add");
+    world_.addStatus = STATUS_SUCCESS;
+    world_.startStatus = STATUS_DEVICE_DATA_ERROR;
+    EXPECT_EQ(exec_.restart("TEST\\Thing\\one"), STATUS_DEVICE_DATA_ERROR);
+    EXPECT_EQ(log(), "add start remove");
+    EXPECT_EQ(node("one").state, nt::DeviceState::startFailed);
+    world_.startStatus = STATUS_SUCCESS;
+    EXPECT_EQ(exec_.startDevice("TEST\\Thing\\one"), STATUS_SUCCESS);
+    EXPECT_EQ(log(), "add start capabilities");
+}
+
+TEST_F(KernelPnp, UnpluggedWhileItStarts) {
+    world_.onStart = [this] { unplug(*world_.children[0]); };
+    plug(u"one");
+    EXPECT_EQ(log(), "add start capabilities surprise remove");
+    EXPECT_EQ(node("one").pdo, nullptr);
+    world_.onStart = nullptr;
+}
+
+TEST_F(KernelPnp, StepsByHandFollowTheStates) {
+    plug(u"one");
+    const std::string path = "TEST\\Thing\\one";
+    log();
+    EXPECT_EQ(exec_.stopDevice(path), STATUS_INVALID_DEVICE_STATE);
+    world_.queryStatus = STATUS_UNSUCCESSFUL;
+    EXPECT_EQ(exec_.queryStop(path), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(log(), "queryStop cancelStop");
+    world_.queryStatus = STATUS_SUCCESS;
+    EXPECT_EQ(exec_.queryStop(path), STATUS_SUCCESS);
+    EXPECT_EQ(exec_.queryRemove(path), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(exec_.stopDevice(path), STATUS_SUCCESS);
+    EXPECT_EQ(exec_.startDevice(path), STATUS_SUCCESS);
+    EXPECT_EQ(exec_.queryRemove(path), STATUS_SUCCESS);
+    EXPECT_EQ(exec_.cancelRemove(path), STATUS_SUCCESS);
+    EXPECT_EQ(log(), "queryStop stop start capabilities queryRemove cancelRemove");
+    EXPECT_EQ(exec_.restart(path), STATUS_SUCCESS);
+    EXPECT_EQ(log(), "queryRemove remove add start capabilities");
+    EXPECT_EQ(exec_.queryStop("TEST\\Thing\\none"), STATUS_NO_SUCH_DEVICE);
+}
+
+}  // namespace
