@@ -1,117 +1,19 @@
 // What applications get from the port: reads, writes, flushes, waits and controls, open to close.
-#include "tests/support/rig.h"
+#include "tests/support/port.h"
 
 #include "kernel/thread.h"
 
-#include <ntddser.h>
-
 namespace {
 
+using test::nowMs;
+using test::OpenPort;
+using test::Pending;
 using test::RigOptions;
 using test::ScriptedDevice;
+using test::seeded;
+using test::spin;
 using test::TestRig;
-
-std::int64_t nowMs() { return static_cast<std::int64_t>(KeQueryInterruptTime() / 10000); }
-
-// Lets others go first, without a moment of virtual time.
-void spin(std::uint64_t steps) {
-    KSPIN_LOCK lock;
-    KIRQL irql;
-    KeInitializeSpinLock(&lock);
-    while (steps-- != 0) {
-        KeAcquireSpinLock(&lock, &irql);
-        KeReleaseSpinLock(&lock, irql);
-    }
-}
-
-RigOptions seeded(std::uint64_t seed) {
-    RigOptions options;
-    options.seed = seed;
-    return options;
-}
-
-RigOptions traced(std::uint32_t mask) {
-    RigOptions options;
-    options.traceMask = mask;
-    return options;
-}
-
-// One asynchronous request, its buffer, and when it ended.
-struct Pending {
-    explicit Pending(std::size_t size = 0) : buffer(size, '\0') {}
-    static void ended(nt::Request&, void* context) {
-        auto& self = *static_cast<Pending*>(context);
-        ++self.completions;
-        self.atMs = nowMs();
-    }
-    bool done() const { return completions != 0; }
-    NTSTATUS status() const { return request.status(); }
-    ULONG information() const { return static_cast<ULONG>(request.information()); }
-    std::string text() const { return buffer.substr(0, information()); }
-
-    std::string buffer;
-    ULONG value = 0;  // output of a wait
-    unsigned completions = 0;
-    std::int64_t atMs = 0;
-    nt::Request request{ended, this};
-};
-
-// A machine with its port open and reads that wait for ever.
-struct OpenPort {
-    explicit OpenPort(const RigOptions& options = {}) : rig(options) {
-        EXPECT_EQ(rig.open(file), STATUS_SUCCESS);
-        timeouts(0, 0, 0);
-    }
-
-    NTSTATUS control(ULONG code) { return file.control(code).status; }
-    template <class Input>
-    NTSTATUS set(ULONG code, const Input& input) {
-        return file.control(code, &input, sizeof(input)).status;
-    }
-    template <class Output = ULONG>
-    Output get(ULONG code) {
-        Output output{};
-        const auto result = file.control(code, nullptr, 0, &output, sizeof(output));
-        EXPECT_EQ(result.status, STATUS_SUCCESS) << std::hex << code;
-        EXPECT_EQ(result.information, sizeof(output)) << std::hex << code;
-        return output;
-    }
-    void timeouts(ULONG interval, ULONG multiplier, ULONG constant) {
-        const SERIAL_TIMEOUTS values{interval, multiplier, constant, 0, 0};
-        EXPECT_EQ(set(IOCTL_SERIAL_SET_TIMEOUTS, values), STATUS_SUCCESS);
-    }
-    void outRing(ULONG size) {
-        const auto now = get<SERIAL_COMMPROP>(IOCTL_SERIAL_GET_PROPERTIES);
-        EXPECT_EQ(set(IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{now.CurrentRxQueue, size}), STATUS_SUCCESS);
-    }
-    NTSTATUS read(Pending& p) { return file.read(p.request, p.buffer.data(), static_cast<ULONG>(p.buffer.size())); }
-    NTSTATUS write(Pending& p) { return file.write(p.request, p.buffer.data(), static_cast<ULONG>(p.buffer.size())); }
-    NTSTATUS write(const std::string& text) { return file.write(text.data(), static_cast<ULONG>(text.size())).status; }
-    NTSTATUS wait(Pending& p) { return file.control(p.request, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &p.value, sizeof(p.value)); }
-    void send(const std::string& text) {
-        rig.device([&](ScriptedDevice& d) { d.sendBulk(text); });
-        rig.run(5);
-    }
-    void hold(bool on) {
-        rig.device([&](ScriptedDevice& d) { d.holdOut = on; });
-    }
-    std::string received() {
-        return rig.device([](ScriptedDevice& d) { return d.outText(); });
-    }
-    // The device holds one packet, the ring is full, `next` waits behind it.
-    void blockWrites(Pending& next) {
-        outRing(100);
-        hold(true);
-        EXPECT_EQ(write("packet"), STATUS_SUCCESS);
-        EXPECT_EQ(write(std::string(100, 'r')), STATUS_SUCCESS);
-        EXPECT_EQ(write(next), STATUS_PENDING);
-        rig.run(5);
-        EXPECT_FALSE(next.done());
-    }
-
-    TestRig rig;
-    nt::File file;
-};
+using test::traced;
 
 // --- Reads and writes -------------------------------------------------------------------------------------------------
 

@@ -1,0 +1,121 @@
+// An open port and its asynchronous requests, for tests that talk to the driver as an application does.
+#pragma once
+
+#include "tests/support/rig.h"
+
+#include <ntddser.h>
+
+#include <cstdint>
+#include <string>
+
+namespace test {
+
+inline std::int64_t nowMs() { return static_cast<std::int64_t>(KeQueryInterruptTime() / 10000); }
+
+// Lets others go first, without a moment of virtual time.
+inline void spin(std::uint64_t steps) {
+    KSPIN_LOCK lock;
+    KIRQL irql;
+    KeInitializeSpinLock(&lock);
+    while (steps-- != 0) {
+        KeAcquireSpinLock(&lock, &irql);
+        KeReleaseSpinLock(&lock, irql);
+    }
+}
+
+// A machine with this seed; `values` are of the device's key.
+inline RigOptions seeded(std::uint64_t seed, std::map<std::string, std::uint32_t> values = {}) {
+    RigOptions options;
+    options.seed = seed;
+    options.deviceValues = std::move(values);
+    return options;
+}
+
+inline RigOptions traced(std::uint32_t mask, std::map<std::string, std::uint32_t> values = {}) {
+    RigOptions options = seeded(1, std::move(values));
+    options.traceMask = mask;
+    return options;
+}
+
+// One asynchronous request, its buffer, and when it ended.
+struct Pending {
+    explicit Pending(std::size_t size = 0) : buffer(size, '\0') {}
+    explicit Pending(std::string data) : buffer(std::move(data)) {}
+    static void ended(nt::Request&, void* context) {
+        auto& self = *static_cast<Pending*>(context);
+        ++self.completions;
+        self.atMs = nowMs();
+    }
+    bool done() const { return completions != 0; }
+    NTSTATUS status() const { return request.status(); }
+    ULONG information() const { return static_cast<ULONG>(request.information()); }
+    std::string text() const { return buffer.substr(0, information()); }
+
+    std::string buffer;
+    ULONG value = 0;  // output of a wait
+    unsigned completions = 0;
+    std::int64_t atMs = 0;
+    nt::Request request{ended, this};
+};
+
+// A machine with its port open and reads that wait for ever.
+struct OpenPort {
+    explicit OpenPort(const RigOptions& options = {}) : rig(options) {
+        EXPECT_EQ(rig.open(file), STATUS_SUCCESS);
+        timeouts(0, 0, 0);
+    }
+
+    NTSTATUS control(ULONG code) { return file.control(code).status; }
+    NTSTATUS control(Pending& p, ULONG code) { return file.control(p.request, code, nullptr, 0, nullptr, 0); }
+    template <class Input>
+    NTSTATUS set(ULONG code, const Input& input) {
+        return file.control(code, &input, sizeof(input)).status;
+    }
+    template <class Output = ULONG>
+    Output get(ULONG code) {
+        Output output{};
+        const auto result = file.control(code, nullptr, 0, &output, sizeof(output));
+        EXPECT_EQ(result.status, STATUS_SUCCESS) << std::hex << code;
+        EXPECT_EQ(result.information, sizeof(output)) << std::hex << code;
+        return output;
+    }
+    void timeouts(ULONG interval, ULONG multiplier, ULONG constant, ULONG writeMultiplier = 0, ULONG writeConstant = 0) {
+        const SERIAL_TIMEOUTS values{interval, multiplier, constant, writeMultiplier, writeConstant};
+        EXPECT_EQ(set(IOCTL_SERIAL_SET_TIMEOUTS, values), STATUS_SUCCESS);
+    }
+    void outRing(ULONG size) {
+        const auto now = get<SERIAL_COMMPROP>(IOCTL_SERIAL_GET_PROPERTIES);
+        EXPECT_EQ(set(IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{now.CurrentRxQueue, size}), STATUS_SUCCESS);
+    }
+    NTSTATUS read(Pending& p) { return file.read(p.request, p.buffer.data(), static_cast<ULONG>(p.buffer.size())); }
+    NTSTATUS write(Pending& p) { return file.write(p.request, p.buffer.data(), static_cast<ULONG>(p.buffer.size())); }
+    NTSTATUS write(const std::string& text) { return file.write(text.data(), static_cast<ULONG>(text.size())).status; }
+    NTSTATUS wait(Pending& p) {
+        return file.control(p.request, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &p.value, sizeof(p.value));
+    }
+    void send(const std::string& text) {
+        rig.device([&](ScriptedDevice& d) { d.sendBulk(text); });
+        rig.run(5);
+    }
+    void hold(bool on) {
+        rig.device([&](ScriptedDevice& d) { d.holdOut = on; });
+    }
+    std::string received() {
+        return rig.device([](ScriptedDevice& d) { return d.outText(); });
+    }
+    // The device holds one packet, the ring is full, `next` waits behind it.
+    void blockWrites(Pending& next) {
+        outRing(100);
+        hold(true);
+        EXPECT_EQ(write("packet"), STATUS_SUCCESS);
+        EXPECT_EQ(write(std::string(100, 'r')), STATUS_SUCCESS);
+        EXPECT_EQ(write(next), STATUS_PENDING);
+        rig.run(5);
+        EXPECT_FALSE(next.done());
+    }
+
+    TestRig rig;
+    nt::File file;
+};
+
+}  // namespace test
