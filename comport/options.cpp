@@ -43,6 +43,7 @@ struct Parser {
         app.set_version_flag("--version", "comport " COMPORT_VERSION);
         app.require_subcommand(1);
         serve->add_option("--registry", options.registryFile, "Registry file, made with the defaults if there is none")
+            ->take_last()
             ->check(checkName)
             ->type_name("FILE")
             ->capture_default_str();
@@ -56,6 +57,7 @@ struct Parser {
                 ->check(checkMask)
                 ->type_name("MASK");
             command->add_option("--trace-file", options.traceFile, "Append trace lines to a file instead of stderr")
+                ->take_last()
                 ->check(checkName)
                 ->type_name("FILE");
             command->add_flag("!--no-verifier", options.verifier, "Do not check the rules of the kernel while running");
