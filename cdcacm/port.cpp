@@ -282,8 +282,12 @@ static BOOLEAN CountReinit(DEVICE* Dev)
 VOID ScheduleReinit(DEVICE* Dev)
 {
     TRACE(TRC_PROGRESS, "%P:%S:ScheduleReinit\n", PORT_NAME(Dev));
-    if (CountReinit(Dev) && !QueueWorkItem(Dev, Reinit, Dev, NULL))
-        InterlockedDecrement(&Dev->ReinitCount);
+    if (!CountReinit(Dev) || QueueWorkItem(Dev, Reinit, Dev, NULL))
+        return;
+    InterlockedDecrement(&Dev->ReinitCount);
+    // Without memory now: nobody else would try again. A DEVICE about to go sets no timer any more.
+    if (LoadShared(&Dev->Ref) != 0)
+        ArmTimerObj(&Dev->ReinitTimer);
 }
 
 VOID ReinitNow(DEVICE* Dev)
