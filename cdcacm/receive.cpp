@@ -130,8 +130,9 @@ static VOID ReadFailed(SNDRCV_PIPE* Pipe, USB_PACKET* Packet)
 
     TRACE(TRC_ERROR, "%P:%S:RcvCompletionRoutine: UrbStatus %D\n", PORT_NAME(Dev), Packet->Urb.Hdr.Status);
     TRACE(TRC_ERROR, "%P:%S:RcvCompletionRoutine: IrpStatus %D\n", PORT_NAME(Dev), Packet->Irp->IoStatus.Status);
-    const LONG Errors = InterlockedIncrement(&Pipe->ErrorCount);
+    // Counted with the look at Started: the first error in a row is the one that finds the context started.
     ACQUIRE(Dev, OldIrql);
+    const LONG Errors = InterlockedIncrement(&Pipe->ErrorCount);
     const BOOLEAN WasStarted = Pipe->Started == 1;
     StoreShared(&Pipe->Started, (UCHAR)0);
     if (Errors <= 1 && LoadShared(&Dev->DevicePowerState) == DEVICE_POWER_D0) {
