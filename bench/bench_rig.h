@@ -25,10 +25,16 @@ namespace bench {
 
 inline constexpr const char* portsClass = "{4D36E978-E325-11CE-BFC1-08002BE10318}";
 
-// Takes everything at once and, when told to pour, fills whatever the host asks for.
+enum class Answers {
+    takes,   // what the host sends, at once
+    pours,   // that, and fills whatever the host asks for
+    holds,   // nothing: the first transfer waits for ever
+};
+
+// A device that costs nothing beside the wake-up of its thread.
 class InstantDevice final : public usb::Device {
 public:
-    explicit InstantDevice(bool pours) : pours_(pours) {}
+    explicit InstantDevice(Answers answers) : answers_(answers) {}
 
     std::span<const std::uint8_t> deviceDescriptor() const override { return device_; }
     std::span<const std::uint8_t> configurationDescriptor(std::uint8_t index) const override {
@@ -37,10 +43,10 @@ public:
     std::optional<std::u16string> stringDescriptor(std::uint8_t) const override { return std::nullopt; }
     usb::ControlReply control(const usb::SetupPacket&, std::span<std::uint8_t>) override { return usb::ControlReply::ack(); }
     std::int32_t dataOut(std::uint8_t, std::span<const std::uint8_t> data, bool) override {
-        return static_cast<std::int32_t>(data.size());
+        return answers_ == Answers::holds ? usb::dataNak : static_cast<std::int32_t>(data.size());
     }
     std::int32_t dataIn(std::uint8_t endpoint, std::span<std::uint8_t> space) override {
-        if (endpoint != 0x81 || !pours_) {
+        if (endpoint != 0x81 || answers_ != Answers::pours) {
             return usb::dataNak;
         }
         std::memset(space.data(), 0x55, space.size());
@@ -48,14 +54,14 @@ public:
     }
 
 private:
-    bool pours_;
+    Answers answers_;
     test::Bytes device_ = test::cdcDevice();
     test::Bytes configuration_ = test::cdcConfiguration();
 };
 
 class Rig {
 public:
-    explicit Rig(bool verifier, unsigned ports = 1, bool pours = false) {
+    explicit Rig(bool verifier, unsigned ports = 1, Answers answers = Answers::takes) {
         nt::Options options;
         options.mode = nt::Mode::real;
         options.verifier = verifier;
@@ -68,7 +74,7 @@ public:
         executive_->bindDriver("USB\\Class_02&SubClass_02", "qvcdcacm", "Ports", portsClass);
         for (unsigned i = 0; i < ports; ++i) {
             const std::string instance = std::to_string(1000 + i);
-            bus_->plug(std::make_shared<usb::VirtualBackend>(std::make_unique<InstantDevice>(pours), instance), instance);
+            bus_->plug(std::make_shared<usb::VirtualBackend>(std::make_unique<InstantDevice>(answers), instance), instance);
         }
         executive_->settle();
     }

@@ -1,8 +1,8 @@
 // The driver's data paths, each beside its yardstick. Ratios are printed by main.cpp from the medians.
 #include <benchmark/benchmark.h>
+#include <ntplatform.h>
 
 #include <array>
-#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -87,7 +87,7 @@ void toDeviceYardstick(benchmark::State& state) {
 }
 
 void toApplication(benchmark::State& state) {
-    bench::Rig rig(true, 1, true);
+    bench::Rig rig(true, 1, bench::Answers::pours);
     nt::File& port = rig.port();
     Pipeline pipeline(readSize);
     pipeline.run(state, [&](nt::Request& request, std::vector<std::uint8_t>& buffer) {
@@ -111,30 +111,34 @@ void toApplicationYardstick(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * 2 * readSize));
 }
 
-// A 64-byte write from dispatch to completion. The ring takes it at once; it is drained by the device meanwhile.
+// A 64-byte write from dispatch to completion: the ring takes it and the request ends. The device holds the one transfer
+// on the wire, so that no other thread has a part in the figure.
 void smallWrite(benchmark::State& state) {
-    bench::Rig rig(state.range(0) != 0);
+    bench::Rig rig(state.range(0) != 0, 1, bench::Answers::holds);
     nt::File& port = rig.port();
     std::array<std::uint8_t, 64> data{};
-    std::atomic<std::uint64_t> completed{0};
-    nt::Request request([](nt::Request&, void* context) { ++*static_cast<std::atomic<std::uint64_t>*>(context); }, &completed);
-    std::uint64_t issued = 0;
+    std::uint64_t completed = 0;
+    nt::Request request([](nt::Request&, void* context) { ++*static_cast<std::uint64_t*>(context); }, &completed);
+    // A ring of 64 KiB, emptied between the batches.
+    constexpr std::uint64_t fits = 1000;
+    const SERIAL_QUEUE_SIZE rings = {65536, 65536};
+    port.control(IOCTL_SERIAL_SET_QUEUE_SIZE, &rings, sizeof(rings));
     const ULONG purgeTx = SERIAL_PURGE_TXCLEAR;
-    for (auto _ : state) {
-        port.write(request, data.data(), data.size());
-        ++issued;
-        // A full ring would measure the device: it is emptied outside the measured time.
-        if (issued % 24 == 0) {
-            state.PauseTiming();
-            while (completed != issued) {
-                std::this_thread::yield();
-            }
-            port.control(IOCTL_SERIAL_PURGE, &purgeTx, sizeof(purgeTx));
-            state.ResumeTiming();
+    std::uint64_t issued = 0;
+    while (state.KeepRunningBatch(fits)) {
+        for (std::uint64_t i = 0; i < fits; ++i) {
+            port.write(request, data.data(), data.size());
         }
-        while (completed.load(std::memory_order_acquire) != issued) {
+        issued += fits;
+        if (completed != issued) {
+            state.SkipWithError("a write did not end at once");
+            break;
         }
+        state.PauseTiming();
+        port.control(IOCTL_SERIAL_PURGE, &purgeTx, sizeof(purgeTx));
+        state.ResumeTiming();
     }
+    port.control(IOCTL_SERIAL_PURGE, &purgeTx, sizeof(purgeTx));
 }
 
 void smallWriteYardstick(benchmark::State& state) {

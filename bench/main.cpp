@@ -39,7 +39,7 @@ public:
             }
             const std::string name = run.run_name.function_name + (run.run_name.args.empty() ? "" : "/" + run.run_name.args);
             const auto bytes = run.counters.find("bytes_per_second");
-            times_[key(name)].push_back(run.GetAdjustedRealTime());
+            times_[key(name)].push_back(run.GetAdjustedCPUTime());   // of one thread: the machine may be shared
             if (bytes != run.counters.end()) {
                 rates_[key(name)].push_back(bytes->second);
             }

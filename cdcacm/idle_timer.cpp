@@ -15,7 +15,10 @@
 
 static BOOLEAN NotificationDone(const IDLE_CTX* Idle) { return KeReadStateEvent((PKEVENT)&Idle->IrpDoneEvent) != 0; }
 
-static BOOLEAN IdleDetectionOn(const IDLE_CTX* Idle) { return Idle->Interval != 0 && LoadShared(&Idle->Dev->WakeSupported) == 1; }
+static BOOLEAN IdleDetectionOn(const IDLE_CTX* Idle)
+{
+    return LoadShared(&Idle->Interval) != 0 && LoadShared(&Idle->Dev->WakeSupported) == 1;
+}
 
 VOID IdleInit(IDLE_CTX* Idle, DEVICE* Dev, ULONG IntervalMs)
 {
@@ -43,6 +46,8 @@ static VOID WaitForPower(DEVICE* Dev)
 VOID IdleActivity(IDLE_CTX* Idle)
 {
     KIRQL Irql;
+    if (!IdleDetectionOn(Idle))   // what is off stays off: every read and write comes by here
+        return;
     KeAcquireSpinLock(&Idle->IdleLock, &Irql);
     if (!IdleDetectionOn(Idle)) {
         KeReleaseSpinLock(&Idle->IdleLock, Irql);
@@ -64,6 +69,8 @@ VOID IdleActivity(IDLE_CTX* Idle)
 VOID IdleRestartTimer(IDLE_CTX* Idle)
 {
     KIRQL Irql;
+    if (!IdleDetectionOn(Idle))
+        return;
     KeAcquireSpinLock(&Idle->IdleLock, &Irql);
     if (IdleDetectionOn(Idle)) {
         Idle->IsIdle = 0;
@@ -262,7 +269,7 @@ VOID IdleStop(IDLE_CTX* Idle)
 {
     KIRQL Irql;
     KeAcquireSpinLock(&Idle->IdleLock, &Irql);
-    Idle->Interval = 0;
+    StoreShared(&Idle->Interval, (ULONG)0);
     Idle->IsIdle = 0;
     CancelTimerObj(&Idle->IdleTimer);
     KeReleaseSpinLock(&Idle->IdleLock, Irql);

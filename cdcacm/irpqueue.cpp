@@ -176,13 +176,15 @@ VOID CompleteQueue_Dpc(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1, 
     UNREFERENCED_PARAMETER(Dpc);
     UNREFERENCED_PARAMETER(SystemArgument1);
     UNREFERENCED_PARAMETER(SystemArgument2);
-    for (;;) {
+    for (BOOLEAN Last = FALSE; !Last;) {
         KeAcquireSpinLock(&Queue->Lock, &OldIrql);
         if (IsListEmpty(&Queue->Irps)) {
             KeReleaseSpinLock(&Queue->Lock, OldIrql);
             return;
         }
         PIRP Irp = CONTAINING_RECORD(RemoveHeadList(&Queue->Irps), IRP, Tail.Overlay.ListEntry);
+        // What is added from here on has queued the DPC again.
+        Last = IsListEmpty(&Queue->Irps);
         KeReleaseSpinLock(&Queue->Lock, OldIrql);
         AwaitCancelRoutine(Irp);
         Irp->Tail.Overlay.ListEntry.Flink = NULL;

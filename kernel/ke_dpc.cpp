@@ -15,6 +15,11 @@ Processor* queueOf(KDPC& dpc) {
     return static_cast<Processor*>(__atomic_load_n(&dpc.DpcData, __ATOMIC_ACQUIRE));
 }
 
+// Under dpcLock: only its readers need the atomic.
+void addDpcCount(Processor& p, int change) {
+    p.dpcCount.store(p.dpcCount.load(std::memory_order_relaxed) + static_cast<ULONG>(change), std::memory_order_relaxed);
+}
+
 void tellFlushers(Processor& p) {
     if (p.flushers.load()) {
         p.dpcDone.fetch_add(1);
@@ -30,14 +35,18 @@ struct DpcCall {
 
 // Takes the next one off the queue; false when it is empty. The one before it has ended.
 bool takeNext(Processor& p, DpcCall& call) {
+    if (!p.dpcCount.load(std::memory_order_relaxed)) {
+        p.dpcRunning.store(0, std::memory_order_release);
+        return false;
+    }
     TinyGuard guard(p.dpcLock);
     if (IsListEmpty(&p.dpcQueue)) {
-        p.dpcRunning = 0;
+        p.dpcRunning.store(0, std::memory_order_release);
         return false;
     }
     KDPC& dpc = *CONTAINING_RECORD(RemoveHeadList(&p.dpcQueue), KDPC, DpcListEntry);
-    p.dpcCount.fetch_sub(1, std::memory_order_relaxed);
-    p.dpcRunning = dpc.Ticket;
+    addDpcCount(p, -1);
+    p.dpcRunning.store(dpc.Ticket, std::memory_order_relaxed);
     call = {&dpc, dpc.DeferredRoutine, dpc.DeferredContext, dpc.SystemArgument1, dpc.SystemArgument2};
     // From here on it may be queued again, on any processor.
     __atomic_store_n(&dpc.DpcData, nullptr, __ATOMIC_RELEASE);
@@ -48,8 +57,8 @@ bool takeNext(Processor& p, DpcCall& call) {
 std::uint64_t oldest(Processor& p, std::uint64_t& last) {
     TinyGuard guard(p.dpcLock);
     last = p.dpcLast;
-    if (p.dpcRunning) {
-        return p.dpcRunning;
+    if (std::uint64_t running = p.dpcRunning.load(std::memory_order_acquire)) {
+        return running;
     }
     return IsListEmpty(&p.dpcQueue) ? 0 : CONTAINING_RECORD(p.dpcQueue.Flink, KDPC, DpcListEntry)->Ticket;
 }
@@ -71,7 +80,7 @@ bool queueDpc(Processor& p, KDPC& dpc, PVOID argument1, PVOID argument2) {
     } else {
         InsertTailList(&p.dpcQueue, &dpc.DpcListEntry);
     }
-    p.dpcCount.fetch_add(1, std::memory_order_relaxed);
+    addDpcCount(p, 1);
     return true;
 }
 
@@ -175,7 +184,7 @@ BOOLEAN NTAPI KeRemoveQueueDpc(PRKDPC Dpc) {
                 continue;
             }
             RemoveEntryList(&Dpc->DpcListEntry);
-            p->dpcCount.fetch_sub(1, std::memory_order_relaxed);
+            addDpcCount(*p, -1);
             __atomic_store_n(&Dpc->DpcData, nullptr, __ATOMIC_RELEASE);
         }
         tellFlushers(*p);

@@ -37,12 +37,12 @@ struct _KTHREAD {
     std::uint32_t delayState = 1;
     char name[32] = {};
 
-    // Its DPC queue: dpcLock, but dpcCount is read without it.
+    // Its DPC queue: written under dpcLock, dpcCount and dpcRunning are read without it. dpcRunning falls to 0 without it, too.
     nt::TinyLock dpcLock;
     std::atomic<ULONG> dpcCount{0};
     LIST_ENTRY dpcQueue = {&dpcQueue, &dpcQueue};
     std::uint64_t dpcLast = 0;     // ticket of the last one queued
-    std::uint64_t dpcRunning = 0;  // ticket of the one that runs, 0 when none does
+    std::atomic<std::uint64_t> dpcRunning{0};  // ticket of the one that runs, 0 when none does
     nt::ParkWord dpcDone{0};       // goes up when one has ended and somebody flushes
     std::atomic<ULONG> flushers{0};
 
