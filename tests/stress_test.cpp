@@ -1,0 +1,249 @@
+// Real threads on the real clock, with delays wherever threads may get ahead of each other. Made for the thread sanitizer.
+#include "tests/system_port.h"
+
+#include "kernel/faults.h"
+#include "kernel/thread.h"
+
+#include <atomic>
+
+namespace {
+
+using test::Pending;
+using test::RigOptions;
+using test::ScriptedDevice;
+using test::TestRig;
+
+constexpr unsigned rounds = 4;
+constexpr std::size_t bytesPerRound = 20'000;
+
+RigOptions realTime() {
+    RigOptions options;
+    options.mode = nt::Mode::real;
+    return options;
+}
+
+// A generator of its own for each thread.
+class Dice {
+public:
+    explicit Dice(std::uint32_t seed) : state_(seed * 747796405u + 1) {}
+    std::uint32_t roll(std::uint32_t bound) {
+        state_ ^= state_ << 13;
+        state_ ^= state_ >> 17;
+        state_ ^= state_ << 5;
+        return state_ % bound;
+    }
+
+private:
+    std::uint32_t state_;
+};
+
+// A request whose end another thread waits for.
+class Waited {
+public:
+    Waited() { KeInitializeEvent(&ended_, NotificationEvent, FALSE); }
+    template <class Issue>
+    void issue(Issue&& issue) {
+        KeClearEvent(&ended_);
+        issue(request_);
+    }
+    void await() { KeWaitForSingleObject(&ended_, Executive, KernelMode, FALSE, nullptr); }
+    nt::Request& request() { return request_; }
+
+private:
+    static void done(nt::Request&, void* context) {
+        KeSetEvent(&static_cast<Waited*>(context)->ended_, IO_NO_INCREMENT, FALSE);
+    }
+    KEVENT ended_;
+    nt::Request request_{done, this};
+};
+
+void pause(std::uint32_t ms) {
+    LARGE_INTEGER time;
+    time.QuadPart = -static_cast<LONGLONG>(ms) * 10000;
+    KeDelayExecutionThread(KernelMode, FALSE, &time);
+}
+
+// Everything an application does beside its data.
+void controls(nt::File& file, Dice dice, const std::atomic<bool>& stop) {
+    while (!stop) {
+        switch (dice.roll(6)) {
+        case 0: test::control(file, IOCTL_SERIAL_SET_DTR); break;
+        case 1: test::control(file, IOCTL_SERIAL_CLR_RTS); break;
+        case 2: test::control(file, IOCTL_SERIAL_SET_BAUD_RATE, SERIAL_BAUD_RATE{57600}); break;
+        case 3: file.flush(); break;
+        case 4: {
+            SERIAL_STATUS status;
+            file.control(IOCTL_SERIAL_GET_COMMSTATUS, nullptr, 0, &status, sizeof(status));
+            break;
+        }
+        default: test::control(file, IOCTL_SERIAL_SET_WAIT_MASK, ULONG{SERIAL_EV_RXCHAR | SERIAL_EV_TXEMPTY}); break;
+        }
+        pause(dice.roll(2));
+    }
+}
+
+// Waits for events, some of them cancelled.
+void waits(nt::File& file, Dice dice, const std::atomic<bool>& stop) {
+    while (!stop) {
+        Waited wait;
+        ULONG mask = 0;
+        wait.issue([&](nt::Request& r) { file.control(r, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &mask, sizeof(mask)); });
+        pause(dice.roll(3));
+        file.cancel(wait.request());
+        wait.await();
+    }
+}
+
+// Reads, writes and purges that are cancelled at any moment; their bytes do not matter.
+void transfers(nt::File& file, Dice dice, const std::atomic<bool>& stop) {
+    std::string out = test::noise(3000, 9), in(3000, '\0');
+    while (!stop) {
+        Waited read, write;
+        const ULONG length = 1 + dice.roll(3000);
+        read.issue([&](nt::Request& r) { file.read(r, in.data(), length); });
+        write.issue([&](nt::Request& r) { file.write(r, out.data(), length); });
+        pause(dice.roll(3));
+        if (dice.roll(4) == 0) test::control(file, IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR | SERIAL_PURGE_TXABORT});
+        if (dice.roll(8) == 0) {
+            file.cancelAll();
+        } else {
+            file.cancel(read.request());
+            file.cancel(write.request());
+        }
+        read.await();
+        write.await();
+    }
+}
+
+// Sends a stream through the echo in random pieces and checks every byte of it.
+void checkedStream(nt::File& file, std::uint32_t seed) {
+    const std::string sent = test::noise(bytesPerRound, seed);
+    nt::Thread writer("writer", [&] {
+        Dice dice(seed);
+        for (std::size_t at = 0; at < sent.size();) {
+            const auto length = static_cast<ULONG>(std::min<std::size_t>(1 + dice.roll(3000), sent.size() - at));
+            EXPECT_EQ(file.write(sent.data() + at, length).status, STATUS_SUCCESS);
+            at += length;
+        }
+    });
+    Dice dice(seed + 1);
+    std::string back, buffer(4000, '\0');
+    while (back.size() < sent.size()) {
+        const auto length = static_cast<ULONG>(std::min<std::size_t>(1 + dice.roll(4000), sent.size() - back.size()));
+        const auto result = file.read(buffer.data(), length);
+        back.append(buffer, 0, result.information);
+        if (result.status != STATUS_SUCCESS) break;
+    }
+    writer.join();
+    EXPECT_EQ(back.size(), sent.size());
+    EXPECT_TRUE(sent.starts_with(back));
+}
+
+// Takes what earlier requests left on its way through the echo.
+void drain(nt::File& file) {
+    std::string rest(4096, '\0');
+    EXPECT_EQ(test::setTimeouts(file, 0, 200, 5000), STATUS_SUCCESS);
+    while (file.read(rest.data(), static_cast<ULONG>(rest.size())).information != 0) {
+    }
+    EXPECT_EQ(test::setTimeouts(file, 0, 20'000, 20'000), STATUS_SUCCESS);
+}
+
+class Stress : public testing::Test {
+protected:
+    Stress() : rig(realTime()) {
+        rig.device([](ScriptedDevice& d) {
+            d.echo = true;
+            d.discard = true;
+        });
+        nt::faults::setDelays(true, 7);
+    }
+    ~Stress() override { nt::faults::setDelays(false); }
+    void open() { ASSERT_EQ(rig.open(file, 20'000), STATUS_SUCCESS); }
+    // Lets every thread see it and end.
+    void join(std::vector<nt::Thread>& threads) {
+        stop = true;
+        threads.clear();
+        stop = false;
+    }
+
+    TestRig rig;
+    nt::File file;
+    std::atomic<bool> stop{false};
+};
+
+TEST_F(Stress, every_byte_beside_controls_and_waits) {
+    for (unsigned round = 0; round < rounds && !HasFailure(); ++round) {
+        open();
+        drain(file);
+        std::vector<nt::Thread> threads;
+        threads.emplace_back("controls", [&] { controls(file, Dice(round + 10), stop); });
+        threads.emplace_back("waits", [&] { waits(file, Dice(round + 20), stop); });
+        checkedStream(file, round + 1);
+        join(threads);
+        file.close();
+    }
+}
+
+TEST_F(Stress, removals_under_fire) {
+    for (unsigned round = 0; round < rounds && !HasFailure(); ++round) {
+        open();
+        EXPECT_EQ(test::setTimeouts(file, 10, 0, 0), STATUS_SUCCESS);
+        std::vector<nt::Thread> threads;
+        threads.emplace_back("controls", [&] { controls(file, Dice(round + 30), stop); });
+        threads.emplace_back("transfers", [&] { transfers(file, Dice(round + 40), stop); });
+        threads.emplace_back("more transfers", [&] { transfers(file, Dice(round + 50), stop); });
+        threads.emplace_back("second opener", [&, dice = Dice(round + 60)]() mutable {
+            while (!stop) {
+                nt::File second;
+                EXPECT_FALSE(NT_SUCCESS(second.open("\\DosDevices\\" + rig.comName())));
+                pause(dice.roll(5));
+            }
+        });
+        Dice dice(round + 70);
+        for (unsigned i = 0; i < 3; ++i) {
+            pause(dice.roll(40));
+            rig.unplug();
+            pause(dice.roll(20));
+            EXPECT_TRUE(rig.bus().replug(rig.first().port));
+        }
+        pause(200);
+        join(threads);
+        rig.settle();
+        drain(file);
+        checkedStream(file, round + 100);
+        file.close();
+    }
+}
+
+// Opening and closing against the modem's coming and going; the last round must work.
+TEST_F(Stress, opens_and_closes_while_the_modem_comes_and_goes) {
+    const std::string name = "\\DosDevices\\" + rig.comName();
+    std::vector<nt::Thread> threads;
+    for (std::uint32_t i = 0; i < 2; ++i) {
+        threads.emplace_back("opener", [&, dice = Dice(i + 80)]() mutable {
+            while (!stop) {
+                nt::File mine;
+                if (NT_SUCCESS(mine.open(name))) {
+                    mine.write("x", 1);
+                    pause(dice.roll(10));
+                }
+                pause(dice.roll(3));
+            }
+        });
+    }
+    Dice dice(90);
+    for (unsigned i = 0; i < 10; ++i) {
+        pause(dice.roll(60));
+        rig.unplug();
+        pause(dice.roll(10));
+        EXPECT_TRUE(rig.bus().replug(rig.first().port));
+    }
+    join(threads);
+    rig.settle();
+    open();
+    drain(file);
+    checkedStream(file, 200);
+    file.close();
+}
+
+}  // namespace

@@ -1,0 +1,391 @@
+// Whatever may fail, fails: each allocation, request, registry access, object creation and transfer in the life of a port.
+#include "tests/system_port.h"
+
+#include "cdcacm/wdmkrnl.h"
+#include "kernel/faults.h"
+#include "kernel/thread.h"
+
+namespace {
+
+using nt::faults::Extent;
+using nt::faults::Kind;
+using test::Pending;
+using test::RigOptions;
+using test::ScriptedDevice;
+using test::TestRig;
+
+constexpr const char* portsClass = "{4d36e978-e325-11ce-bfc1-08002be10318}";
+constexpr const char* compatibleId = "USB\\Class_02&SubClass_02";
+constexpr const char* deviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Enum\\USB\\VID_1209&PID_0001\\0001\\Device Parameters";
+constexpr const char* deviceMap = "HKLM\\HARDWARE\\DEVICEMAP\\SERIALCOMM";
+// Far more than a life without a livelock takes, and longer than all waits of one together.
+constexpr std::uint64_t stepBound = 3'000'000;
+constexpr std::int64_t lifeBoundMs = 60'000;
+
+const char* nameOf(Kind kind) {
+    constexpr const char* names[] = {"allocation", "request", "registry access", "object creation", "USB request"};
+    static_assert(std::size(names) == std::size_t(Kind::count_));
+    return names[std::size_t(kind)];
+}
+
+RigOptions bare(std::uint64_t seed) {
+    RigOptions options;
+    options.seed = seed;
+    options.loadDriver = false;
+    options.plug = false;
+    return options;
+}
+
+// One life of a driver, from its loading to its unloading, with one kind of call failing. Each step may fail for that
+// reason; once the fault is gone it has to succeed.
+class Life {
+public:
+    Life(Kind kind, Extent extent, std::uint64_t n)
+        : kind_(kind), extent_(extent), n_(n),
+          rig_(bare(std::uint64_t(kind) * 1'000'000 + std::uint64_t(extent) * 100'000 + n)) {}
+
+    // True when the fault struck.
+    bool live() {
+        SCOPED_TRACE(std::string(nameOf(kind_)) + " " + std::to_string(n_) +
+                     (extent_ == Extent::once ? " fails" : " and all that follow fail"));
+        nt::sim::setMaxSteps(stepBound);
+        const std::int64_t begin = test::nowMs();
+        if (n_ == 0) {
+            nt::faults::countOnly();
+        } else {
+            nt::faults::failNth(kind_, n_, extent_);
+        }
+        load();
+        plugIn();
+        open();
+        traffic();
+        controls();
+        removalWithPortOpen();
+        close();
+        removal();
+        unload();
+        const bool struck = this->struck();
+        heal();
+        EXPECT_LT(test::nowMs() - begin, lifeBoundMs);
+        EXPECT_FALSE(rig_.traced("Memory Log")) << rig_.trace();
+        return struck;
+    }
+
+private:
+    bool struck() const { return nt::faults::failures(kind_) != 0; }
+    void heal() { nt::faults::clear(); }
+    // A step went wrong: only the fault may be the reason, and it is over now.
+    void excuse(const char* step) {
+        EXPECT_TRUE(struck()) << step << " failed without a fault\n" << rig_.trace();
+        heal();
+    }
+
+    void load() {
+        auto& executive = rig_.executive();
+        if (!NT_SUCCESS(executive.loadDriver(rig_.service(), DriverEntry))) {
+            excuse("load");
+            EXPECT_EQ(executive.loadDriver(rig_.service(), DriverEntry), STATUS_SUCCESS);
+        }
+        executive.bindDriver(compatibleId, rig_.service(), "Ports", portsClass);
+    }
+
+    void plugIn() {
+        auto device = std::make_unique<ScriptedDevice>();
+        device->echo = true;
+        backend_ = std::make_shared<usb::VirtualBackend>(std::move(device), "echo");
+        port_ = rig_.bus().plug(backend_, "0001");
+        if (port_ == 0) {
+            excuse("plug");
+            port_ = rig_.bus().plug(backend_, "0001");
+        }
+        rig_.settle();
+    }
+    void replug() {
+        if (!rig_.bus().replug(port_)) {
+            excuse("replug");
+            EXPECT_TRUE(rig_.bus().replug(port_));
+        }
+        rig_.settle();
+    }
+    std::string instance() { return rig_.bus().instancePath(port_); }
+    nt::DeviceNode node() {
+        for (const auto& device : rig_.executive().devices()) {
+            if (device.instancePath == instance()) return device;
+        }
+        return {};
+    }
+
+    NTSTATUS tryOpen() {
+        NTSTATUS status = STATUS_UNSUCCESSFUL;
+        rig_.until([&] { return NT_SUCCESS(status = file_.open("\\DosDevices\\" + node().portName)); });
+        return status;
+    }
+    void open() {
+        if (NT_SUCCESS(tryOpen())) return;
+        excuse("open");
+        replug();
+        ASSERT_EQ(tryOpen(), STATUS_SUCCESS) << rig_.trace();
+    }
+
+    void exchange(const char* step) {
+        const std::string text = test::noise(3000, ++exchanges_);
+        if (test::echoed(file_, text) == text) return;
+        excuse(step);
+        if (extent_ == Extent::fromThenOn || node().state != nt::DeviceState::started) replug();
+        // What the failed attempt left on its way comes first.
+        rig_.run(2500);
+        test::control(file_, IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR | SERIAL_PURGE_TXCLEAR});
+        rig_.run(100);
+        test::control(file_, IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR});
+        EXPECT_TRUE(test::echoed(file_, text) == text) << step << "\n" << rig_.trace();
+    }
+    void traffic() {
+        exchange("first exchange");
+        Pending flush;
+        file_.flush(flush.request);
+        if (!rig_.until([&] { return flush.done(); }, 6000)) ADD_FAILURE() << "the flush never ended";
+    }
+
+    template <class... Input>
+    void check(ULONG code, const Input&... input) {
+        if (NT_SUCCESS(test::control(file_, code, input...))) return;
+        excuse("control");
+        EXPECT_EQ(test::control(file_, code, input...), STATUS_SUCCESS) << std::hex << code;
+    }
+    void controls() {
+        check(IOCTL_SERIAL_SET_DTR);
+        check(IOCTL_SERIAL_SET_RTS);
+        check(IOCTL_SERIAL_SET_BAUD_RATE, SERIAL_BAUD_RATE{57600});
+        check(IOCTL_SERIAL_SET_LINE_CONTROL, SERIAL_LINE_CONTROL{STOP_BIT_1, NO_PARITY, 8});
+        check(IOCTL_SERIAL_SET_TIMEOUTS, SERIAL_TIMEOUTS{0, 0, 100, 0, 100});
+        check(IOCTL_SERIAL_PURGE,
+              ULONG{SERIAL_PURGE_TXABORT | SERIAL_PURGE_RXABORT | SERIAL_PURGE_TXCLEAR | SERIAL_PURGE_RXCLEAR});
+        check(IOCTL_SERIAL_CLR_DTR);
+        exchange("exchange after the controls");
+    }
+
+    void removalWithPortOpen() {
+        rig_.bus().unplug(port_);
+        rig_.settle();
+        replug();
+        rig_.run(500);
+        exchange("exchange after the return");
+    }
+
+    // A close waits for its transfers to be aborted, for which it asks every second until it gets the memory.
+    void close() {
+        bool closed = false;
+        nt::Thread healer("healer", [&] {
+            for (unsigned waited = 0; waited < 3000 && !closed; waited += 10) rig_.run(10);
+            if (!closed) heal();
+        });
+        file_.close();
+        closed = true;
+    }
+
+    void removal() {
+        auto& executive = rig_.executive();
+        if (node().state == nt::DeviceState::started) {
+            EXPECT_EQ(executive.queryRemove(instance()), STATUS_SUCCESS);
+            EXPECT_EQ(executive.removeDevice(instance()), STATUS_SUCCESS);
+        }
+        rig_.bus().unplug(port_);
+        rig_.settle();
+    }
+
+    void unload() {
+        auto& executive = rig_.executive();
+        if (!NT_SUCCESS(executive.unloadDriver(rig_.service()))) {
+            // The bus could not say that its device has left.
+            excuse("unload");
+            replug();
+            removal();
+            EXPECT_EQ(executive.unloadDriver(rig_.service()), STATUS_SUCCESS);
+        }
+    }
+
+    const Kind kind_;
+    const Extent extent_;
+    const std::uint64_t n_;
+    TestRig rig_;
+    std::shared_ptr<usb::VirtualBackend> backend_;
+    usb::PortNumber port_ = 0;
+    nt::File file_;
+    std::uint32_t exchanges_ = 0;
+};
+
+class Faults : public testing::TestWithParam<Kind> {};
+
+TEST_P(Faults, each_call_once) {
+    std::uint64_t n = 1;
+    while (Life(GetParam(), Extent::once, n).live()) {
+        ++n;
+        ASSERT_FALSE(HasFailure());
+    }
+    EXPECT_GT(n, 1u);
+    RecordProperty("places", static_cast<int>(n - 1));
+}
+
+TEST_P(Faults, from_some_call_on) {
+    Life(GetParam(), Extent::once, 0).live();
+    const std::uint64_t total = nt::faults::hits(GetParam());
+    EXPECT_GT(total, 0u);
+    for (std::uint64_t n = 1; n <= total; ++n) {
+        EXPECT_TRUE(Life(GetParam(), Extent::fromThenOn, n).live()) << n;
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Whole, Faults,
+                         testing::Values(Kind::allocation, Kind::request, Kind::registry, Kind::objectCreate, Kind::usbRequest),
+                         [](const auto& info) {
+                             std::string name = nameOf(info.param);
+                             std::replace(name.begin(), name.end(), ' ', '_');
+                             return name;
+                         });
+
+// --- The creation of a device, step by step -----------------------------------------------------------------------------
+
+// A machine whose only device has not been given to the driver's AddDevice successfully yet.
+class Creation {
+public:
+    explicit Creation(const char* className = "Ports") : rig(bare(1)) {
+        EXPECT_EQ(rig.executive().loadDriver(rig.service(), DriverEntry), STATUS_SUCCESS);
+        rig.executive().bindDriver(compatibleId, rig.service(), className, portsClass);
+    }
+    // What a failed creation must not leave, beside what the rig finds at the end.
+    void expectNothing(bool mapWritable = true) {
+        EXPECT_EQ(rig.executive().lookUp("\\Device\\qvcdcacm0"), nullptr);
+        EXPECT_EQ(rig.executive().lookUp("\\DosDevices\\COM3"), nullptr);
+        EXPECT_TRUE(!mapWritable || rig.executive().registry().valueNames(deviceMap).empty());
+        EXPECT_TRUE(rig.executive().enabledInterfaces().empty());
+    }
+    NTSTATUS create() { return rig.executive().startDevice(rig.instancePath()); }
+    void remove() {
+        EXPECT_EQ(rig.executive().queryRemove(rig.instancePath()), STATUS_SUCCESS);
+        EXPECT_EQ(rig.executive().removeDevice(rig.instancePath()), STATUS_SUCCESS);
+    }
+    TestRig rig;
+};
+
+const std::string linkText = "Cannot create symbolic link. Use Device Manager to select a free COM port for this driver.";
+
+TEST(Creation, each_step_fails_with_its_status) {
+    struct Step {
+        Kind kind;
+        const char* trace;
+        NTSTATUS status;
+        const char* logged = nullptr;
+        bool seen = false;
+    };
+    Step steps[] = {
+        {Kind::objectCreate, "PnPAddDevice IoCreateDevice failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::registry, "Pnpadd: LoadCfg failed", STATUS_UNSUCCESSFUL},
+        {Kind::registry, "PnPAddDevice GetDeviceIdentifier failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::objectCreate, "Pnpadd: CreateNumberedDeviceObject failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::allocation, "CreatePort: DPoolInit failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::allocation, "CreatePort: AddPort failed", STATUS_UNSUCCESSFUL},
+        {Kind::registry, "CreateSymbolikLink: Open PLUGPLAY_REGKEY_DEVICE failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::registry, "Get PortName failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::allocation, "Get PortName failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::objectCreate, "IoCreateSymbolicLink failed", STATUS_INSUFFICIENT_RESOURCES, linkText.c_str()},
+        {Kind::objectCreate, "IoRegisterDeviceInterface failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::registry, "Get RtlWriteRegistryValue failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::objectCreate, "IoSetDeviceInterfaceState failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::allocation, "Pnpadd: alloc IRP failed", STATUS_UNSUCCESSFUL, "Unable to allocate memory."},
+        {Kind::allocation, "Pnpadd: RcvInit failed", STATUS_INSUFFICIENT_RESOURCES},
+        {Kind::allocation, "Pnpadd: SndInit failed", STATUS_INSUFFICIENT_RESOURCES},
+    };
+    Creation machine;
+    TestRig& rig = machine.rig;
+    rig.plug(std::make_unique<ScriptedDevice>(), "0001");
+    machine.remove();
+    for (const Kind kind : {Kind::allocation, Kind::registry, Kind::objectCreate}) {
+        for (const Extent extent : {Extent::once, Extent::fromThenOn}) {
+            for (std::uint64_t n = 1;; ++n) {
+                SCOPED_TRACE(std::string(nameOf(kind)) + " " + std::to_string(n));
+                const auto logged = rig.executive().errorLog().size();
+                rig.clearTrace();
+                nt::faults::failNth(kind, n, extent);
+                const NTSTATUS status = machine.create();
+                const bool struck = nt::faults::failures(kind) != 0;
+                nt::faults::clear();
+                if (NT_SUCCESS(status)) {
+                    machine.remove();
+                    if (!struck) break;
+                    continue;
+                }
+                ASSERT_TRUE(struck) << std::hex << status;
+                machine.expectNothing(extent == Extent::once);
+                for (Step& step : steps) {
+                    if (step.kind != kind || !rig.traced(step.trace)) continue;
+                    step.seen = true;
+                    EXPECT_EQ(status, step.status) << step.trace;
+                    const auto log = rig.executive().errorLog();
+                    EXPECT_TRUE(step.logged == nullptr || extent != Extent::once ||
+                                (log.size() == logged + 1 && log.back().strings == std::vector<std::string>{step.logged}))
+                        << step.trace;
+                }
+            }
+        }
+    }
+    for (const Step& step : steps) EXPECT_TRUE(step.seen) << step.trace;
+}
+
+TEST(Creation, a_name_that_does_not_fit) {
+    for (const std::size_t length : {108u, 109u}) {
+        Creation machine;
+        auto& executive = machine.rig.executive();
+        executive.registry().setString(deviceKey, "PortName", std::string(length, 'C'));
+        machine.rig.plug(std::make_unique<ScriptedDevice>(), "0001");
+        if (length == 108) {
+            EXPECT_NE(executive.lookUp("\\DosDevices\\" + std::string(length, 'C')), nullptr);
+            EXPECT_TRUE(executive.errorLog().empty());
+            continue;
+        }
+        machine.expectNothing();
+        EXPECT_EQ(static_cast<ULONG>(machine.create()), 0xC0000033u);
+        const auto log = executive.errorLog();
+        ASSERT_EQ(log.size(), 2u);
+        EXPECT_EQ(static_cast<ULONG>(log[1].errorCode), 0xC0000033u);
+        EXPECT_EQ(static_cast<ULONG>(log[1].finalStatus), 0xC0000033u);
+        EXPECT_EQ(log[1].uniqueErrorValue, 0xEBEBEBEBu);
+        EXPECT_EQ(log[1].strings, std::vector<std::string>{linkText});
+        executive.registry().setString(deviceKey, "PortName", "COM3");
+        EXPECT_EQ(machine.create(), STATUS_SUCCESS);
+    }
+}
+
+TEST(Creation, a_missing_name) {
+    Creation machine("Modem");  // nobody gives such a device a name
+    machine.rig.plug(std::make_unique<ScriptedDevice>(), "0001");
+    machine.expectNothing();
+    EXPECT_EQ(machine.create(), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_TRUE(machine.rig.executive().errorLog().empty());
+    machine.rig.executive().registry().setString(deviceKey, "PortName", "COM3");
+    EXPECT_EQ(machine.create(), STATUS_SUCCESS);
+    EXPECT_NE(machine.rig.executive().lookUp("\\DosDevices\\COM3"), nullptr);
+}
+
+TEST(Creation, a_name_that_is_taken) {
+    Creation machine;
+    TestRig& rig = machine.rig;
+    rig.plug(std::make_unique<ScriptedDevice>(), "0001");
+    std::string second = deviceKey;
+    second.replace(second.rfind("0001\\"), 4, "0002");
+    rig.executive().registry().setString(second, "PortName", "COM3");
+    const auto other = rig.plug(std::make_unique<ScriptedDevice>(), "0002");
+    const auto log = rig.executive().errorLog();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].errorCode, STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(log[0].strings, std::vector<std::string>{linkText});
+    EXPECT_EQ(rig.executive().lookUp("\\Device\\qvcdcacm1"), nullptr);
+    rig.unplug();
+    rig.settle();
+    EXPECT_EQ(rig.executive().startDevice(rig.bus().instancePath(other.port)), STATUS_SUCCESS);
+    nt::File file;
+    rig.until([&] { return NT_SUCCESS(file.open("\\DosDevices\\COM3")); });
+    EXPECT_TRUE(file.isOpen());
+}
+
+}  // namespace

@@ -1,0 +1,115 @@
+// What the system tests share: asynchronous requests that remember their end, and data whose every byte tells its place.
+#pragma once
+
+#include "tests/support/rig.h"
+
+#include "kernel/sim.h"
+
+#include <ntddser.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+
+namespace test {
+
+inline std::int64_t nowMs() { return static_cast<std::int64_t>(KeQueryInterruptTime() / 10000); }
+
+// Lets others go first, without a moment of virtual time.
+inline void letOthersRun(std::uint64_t steps) {
+    KSPIN_LOCK lock;
+    KIRQL irql;
+    KeInitializeSpinLock(&lock);
+    while (steps-- != 0) {
+        KeAcquireSpinLock(&lock, &irql);
+        KeReleaseSpinLock(&lock, irql);
+    }
+}
+
+// Some scheduling steps or some milliseconds, as the run's own generator says.
+inline void waitAtRandom(TestRig& rig, std::uint64_t maxSteps, std::uint32_t maxMs) {
+    if (nt::sim::random(2) == 0) {
+        letOthersRun(nt::sim::random(maxSteps));
+    } else {
+        rig.run(static_cast<std::uint32_t>(nt::sim::random(maxMs + 1)));
+    }
+}
+
+// Bytes without a period, so that a lost, repeated or swapped piece shows.
+inline std::string noise(std::size_t length, std::uint32_t seed = 1) {
+    std::string text(length, '\0');
+    std::uint32_t state = seed * 2654435761u + 1;
+    for (char& c : text) {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        c = static_cast<char>(state >> 11);
+    }
+    return text;
+}
+
+// True when `received` is `sent` with at most one piece missing.
+inline bool hasOneGapAtMost(const std::string& received, const std::string& sent) {
+    if (received.size() > sent.size()) return false;
+    const auto same = std::mismatch(received.begin(), received.end(), sent.begin()).first - received.begin();
+    return std::equal(received.begin() + same, received.end(), sent.end() - (received.end() - (received.begin() + same)));
+}
+
+// One asynchronous request with its buffer.
+struct Pending {
+    explicit Pending(std::size_t size = 0) : buffer(size, '\0') {}
+    explicit Pending(std::string data) : buffer(std::move(data)) {}
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+
+    static void ended(nt::Request&, void* context) {
+        auto& self = *static_cast<Pending*>(context);
+        ++self.completions;
+        self.endedMs = nowMs();
+    }
+    void read(nt::File& file) { file.read(request, buffer.data(), static_cast<ULONG>(buffer.size())); }
+    void write(nt::File& file) { file.write(request, buffer.data(), static_cast<ULONG>(buffer.size())); }
+    bool done() const { return completions != 0; }
+    NTSTATUS status() const { return request.status(); }
+    std::string text() const { return buffer.substr(0, request.information()); }
+
+    std::string buffer;
+    ULONG mask = 0;  // output of a wait
+    unsigned completions = 0;
+    std::int64_t endedMs = 0;
+    nt::Request request{ended, this};
+};
+
+inline NTSTATUS control(nt::File& file, ULONG code) { return file.control(code).status; }
+
+template <class Input>
+NTSTATUS control(nt::File& file, ULONG code, const Input& input) {
+    return file.control(code, &input, sizeof(input)).status;
+}
+
+// Read: interval, and a whole; write: a whole. 0 waits for ever.
+inline NTSTATUS setTimeouts(nt::File& file, ULONG intervalMs, ULONG readMs, ULONG writeMs) {
+    return control(file, IOCTL_SERIAL_SET_TIMEOUTS, SERIAL_TIMEOUTS{intervalMs, 0, readMs, 0, writeMs});
+}
+
+// Sends `text` through an echoing device and takes what comes back until it stays away for `silenceMs`.
+inline std::string echoed(nt::File& file, const std::string& text, ULONG silenceMs = 300) {
+    std::string back;
+    std::string buffer(4096, '\0');
+    Pending write(text);
+    if (!NT_SUCCESS(setTimeouts(file, 0, silenceMs, 2000))) return back;
+    write.write(file);
+    while (back.size() < text.size()) {
+        const auto wanted = static_cast<ULONG>(std::min(buffer.size(), text.size() - back.size()));
+        const auto result = file.read(buffer.data(), wanted);
+        back.append(buffer, 0, result.information);
+        if (result.status != STATUS_SUCCESS) break;
+    }
+    file.cancel(write.request);
+    LARGE_INTEGER step;
+    step.QuadPart = -10000;
+    while (!write.done()) KeDelayExecutionThread(KernelMode, FALSE, &step);
+    return back;
+}
+
+}  // namespace test

@@ -1,0 +1,177 @@
+// The machine as a whole: a run is a function of its seed, a warm data path allocates nothing, many ports live side by side.
+#include "tests/system_port.h"
+
+#include "kernel/pool.h"
+
+#include <cctype>
+
+namespace {
+
+using test::Pending;
+using test::RigOptions;
+using test::ScriptedDevice;
+using test::TestRig;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool addressesRepeat = false;
+#else
+constexpr bool addressesRepeat = true;
+#endif
+
+// Replaces what looks like an address.
+std::string withoutAddresses(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size();) {
+        std::size_t end = i;
+        while (end < text.size() && std::isxdigit(static_cast<unsigned char>(text[end]))) ++end;
+        out += end - i >= 7 ? "(address)" : text.substr(i, end - i);
+        if (end < text.size()) out += text[end++];
+        i = end;
+    }
+    return out;
+}
+
+struct Record {
+    std::string trace;
+    std::uint64_t history = 0;
+};
+
+// Everything of a port's life that draws on the scheduler, with every trace on.
+Record runOf(std::uint64_t seed) {
+    RigOptions options;
+    options.seed = seed;
+    options.traceMask = 0xFFFFFFFF;
+    Record record;
+    {
+        TestRig rig(options);
+        rig.device([](ScriptedDevice& d) { d.echo = true; });
+        nt::File file;
+        EXPECT_EQ(rig.open(file), STATUS_SUCCESS);
+        const std::string text = test::noise(5000);
+        EXPECT_TRUE(test::echoed(file, text) == text);
+        EXPECT_EQ(test::control(file, IOCTL_SERIAL_SET_DTR), STATUS_SUCCESS);
+        Pending read(100);
+        read.read(file);
+        test::waitAtRandom(rig, 500, 5);
+        rig.unplug();
+        test::waitAtRandom(rig, 500, 5);
+        rig.replug();
+        rig.run(500);
+        EXPECT_TRUE(test::echoed(file, text).size() <= text.size());
+        file.close();
+        record.history = nt::sim::historyHash();
+        EXPECT_TRUE(rig.stop().clean());
+        record.trace = rig.trace();
+    }
+    if (!addressesRepeat) record.trace = withoutAddresses(record.trace);
+    return record;
+}
+
+TEST(WholeRun, same_seed_same_trace) {
+    std::vector<Record> all;
+    for (const auto seed : test::seeds(3)) {
+        all.push_back(runOf(seed));
+        const Record again = runOf(seed);
+        EXPECT_GT(again.trace.size(), 10000u);
+        EXPECT_EQ(all.back().history, again.history);
+        const auto differ = std::mismatch(again.trace.begin(), again.trace.end(), all.back().trace.begin(), all.back().trace.end());
+        EXPECT_TRUE(again.trace == all.back().trace)
+            << "seed " << seed << ": " << std::string(differ.first, std::min(differ.first + 200, again.trace.end())) << "\ninstead of "
+            << std::string(differ.second, std::min(differ.second + 200, all.back().trace.end()));
+        if (all.size() > 1) {
+            EXPECT_NE(all[all.size() - 2].history, all.back().history);
+            EXPECT_FALSE(all[all.size() - 2].trace == all.back().trace);
+        }
+    }
+}
+
+// Writes in pieces that overlap, so that requests wait; every byte arrives.
+void writeMuch(TestRig& rig, nt::File& file, unsigned rounds) {
+    std::array<Pending, 4> writes{Pending(4096), Pending(1000), Pending(64), Pending(4095)};
+    const auto taken = [&] { return rig.device([](ScriptedDevice& d) { return d.outBytes; }); };
+    std::uint64_t expected = taken();
+    for (unsigned round = 0; round < rounds; ++round) {
+        for (auto& write : writes) {
+            ASSERT_TRUE(rig.until([&] { return round == 0 || write.done(); }));
+            write.completions = 0;
+            write.write(file);
+            expected += write.buffer.size();
+        }
+    }
+    for (auto& write : writes) ASSERT_TRUE(rig.until([&] { return write.done(); }));
+    EXPECT_TRUE(rig.until([&] { return taken() == expected; }));
+}
+
+void readMuch(TestRig& rig, nt::File& file, std::uint64_t& at, std::size_t total) {
+    rig.device([&](ScriptedDevice& d) { d.pour = total; });
+    Pending read(5000);
+    for (std::size_t got = 0; got < total;) {
+        read.completions = 0;
+        read.read(file);
+        if (!rig.until([&] { return read.done(); })) {
+            file.cancelAll();
+            rig.run(1);
+            FAIL() << "the read hangs at " << at;
+        }
+        ASSERT_TRUE(NT_SUCCESS(read.status()));
+        for (ULONG_PTR i = 0; i < read.request.information(); ++i) {
+            ASSERT_EQ(static_cast<std::uint8_t>(read.buffer[i]), ScriptedDevice::pattern(at)) << at;
+            ++at;
+        }
+        got += read.request.information();
+    }
+}
+
+TEST(WholeRun, warm_data_path_allocates_nothing) {
+    TestRig rig;
+    rig.device([](ScriptedDevice& d) { d.discard = true; });
+    nt::File file;
+    ASSERT_EQ(rig.open(file), STATUS_SUCCESS);
+    std::uint64_t at = 0;
+    ASSERT_EQ(test::setTimeouts(file, 20, 0, 0), STATUS_SUCCESS);
+    writeMuch(rig, file, 10);
+    // The odd byte makes the last packet a short one, which ends the transfer.
+    readMuch(rig, file, at, 100'001);
+    const auto before = nt::pool::allocations();
+    writeMuch(rig, file, 110);
+    EXPECT_EQ(nt::pool::allocations(), before);
+    readMuch(rig, file, at, 1'000'001);
+    EXPECT_EQ(nt::pool::allocations(), before);
+}
+
+TEST(WholeRun, hundred_ports_and_no_more) {
+    constexpr unsigned portCount = 100;
+    RigOptions options;
+    options.plug = false;
+    TestRig rig(options);
+    std::vector<test::Plugged> plugged;
+    std::vector<nt::File> files(portCount);
+    for (unsigned i = 0; i <= portCount; ++i) {
+        auto device = std::make_unique<ScriptedDevice>();
+        device->echo = true;
+        plugged.push_back(rig.plug(std::move(device), std::to_string(1000 + i)));
+    }
+    EXPECT_TRUE(rig.traced("Pnpadd: CreateNumberedDeviceObject failed (C0000035)"));
+    EXPECT_EQ(rig.executive().startDevice(rig.bus().instancePath(plugged.back().port)), STATUS_OBJECT_NAME_COLLISION);
+    for (unsigned i = 0; i < portCount; ++i) {
+        const std::string name = "\\DosDevices\\COM" + std::to_string(3 + i);
+        rig.until([&] { return NT_SUCCESS(files[i].open(name)); });
+        ASSERT_TRUE(files[i].isOpen()) << name;
+    }
+    for (const unsigned i : {0u, 42u, portCount - 1}) {
+        const std::string text = test::noise(500, i);
+        EXPECT_TRUE(test::echoed(files[i], text) == text) << i;
+    }
+    // A number that is free again goes to the next one.
+    files[42].close();
+    rig.bus().unplug(plugged[42].port);
+    rig.settle();
+    EXPECT_EQ(rig.executive().lookUp("\\Device\\qvcdcacm42"), nullptr);
+    EXPECT_EQ(rig.executive().startDevice(rig.bus().instancePath(plugged.back().port)), STATUS_SUCCESS);
+    EXPECT_NE(rig.executive().lookUp("\\Device\\qvcdcacm42"), nullptr);
+    files.clear();
+    EXPECT_TRUE(rig.stop().clean());
+    EXPECT_FALSE(rig.traced("Memory Log"));
+}
+
+}  // namespace
