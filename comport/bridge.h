@@ -104,7 +104,7 @@ public:
     static constexpr std::size_t readSlots = 4;
     static constexpr std::size_t readBytes = 16384;
     static constexpr std::size_t writeSlots = 8;
-    static constexpr std::size_t writeBytes = 4096;
+    static constexpr std::size_t writeBytes = 16384;
     static constexpr std::int64_t retryMs = 100;
     static constexpr std::int64_t drainLimitMs = 30000;
 

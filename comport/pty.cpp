@@ -10,10 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace comport {
 
 namespace {
+
+constexpr std::size_t fullRead = 4000;  // what a read gives when there is more: a page less a little
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -129,7 +132,7 @@ bool Pty::admitAll() {
     return slave.valid() && ::ioctl(slave.get(), TIOCNXCL) == 0;
 }
 
-TerminalInput Pty::read(std::span<std::uint8_t> space) {
+TerminalInput Pty::readOnce(std::span<std::uint8_t> space) {
     if (space.empty() && !(pollNow(master_.get(), POLLPRI) & POLLPRI)) {
         return {};
     }
@@ -161,6 +164,28 @@ TerminalInput Pty::read(std::span<std::uint8_t> space) {
         events |= changedSettings;
     }
     return {TerminalInput::Kind::event, 0, events};
+}
+
+// The kernel gives at most a page at a time. A full one means that more may wait: a large write then reaches the port in
+// one request, not in many that each wake somebody.
+TerminalInput Pty::read(std::span<std::uint8_t> space) {
+    if (pendingEvents_ != 0) {
+        return {TerminalInput::Kind::event, 0, std::exchange(pendingEvents_, 0)};
+    }
+    TerminalInput input = readOnce(space);
+    std::size_t last = input.length;
+    while (input.kind == TerminalInput::Kind::data && last >= fullRead && space.size() - input.length >= fullRead) {
+        TerminalInput more = readOnce(space.subspan(input.length));
+        if (more.kind == TerminalInput::Kind::event) {
+            pendingEvents_ = more.events;
+        }
+        if (more.kind != TerminalInput::Kind::data) {
+            break;   // closed is seen again
+        }
+        last = more.length;
+        input.length += last;
+    }
+    return input;
 }
 
 std::size_t Pty::waiting() {

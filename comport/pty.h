@@ -46,11 +46,13 @@ private:
     void putLink();
     UniqueFd openSlave() const;
     void keepEvents();
+    TerminalInput readOnce(std::span<std::uint8_t> space);
 
     std::filesystem::path link_;
     UniqueFd master_;
     UniqueFd holder_;
     std::string path_;
+    unsigned pendingEvents_ = 0;  // came behind data that had to be handed on first
 };
 
 }  // namespace comport
