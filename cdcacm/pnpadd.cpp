@@ -372,7 +372,7 @@ static NTSTATUS ReuseDevice(DEVICE* Dev, ATT_OBJ* Att, PDEVICE_OBJECT Pdo)
         return Status;
     }
     Dev->ReinitRetries = 1;
-    TraceIncRef(Dev, Dev->Ref, __FILE_NAME__, __LINE__);   // taken by the search
+    TraceIncRef(Dev, LoadShared(&Dev->Ref), __FILE_NAME__, __LINE__);   // taken by the search
     IncRefAtt(Att);
     if (Dev->OpenCount > 0)
         SendOpenNotification(Dev);
