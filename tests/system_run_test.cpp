@@ -74,10 +74,9 @@ TEST(WholeRun, same_seed_same_trace) {
         const Record again = runOf(seed);
         EXPECT_GT(again.trace.size(), 10000u);
         EXPECT_EQ(all.back().history, again.history);
-        const auto differ = std::mismatch(again.trace.begin(), again.trace.end(), all.back().trace.begin(), all.back().trace.end());
-        EXPECT_TRUE(again.trace == all.back().trace)
-            << "seed " << seed << ": " << std::string(differ.first, std::min(differ.first + 200, again.trace.end())) << "\ninstead of "
-            << std::string(differ.second, std::min(differ.second + 200, all.back().trace.end()));
+        const std::string &one = all.back().trace, &two = again.trace;
+        const auto same = std::mismatch(one.begin(), one.end(), two.begin(), two.end()).first - one.begin();
+        EXPECT_TRUE(one == two) << "seed " << seed << ": " << one.substr(same, 200) << "\ninstead of " << two.substr(same, 200);
         if (all.size() > 1) {
             EXPECT_NE(all[all.size() - 2].history, all.back().history);
             EXPECT_FALSE(all[all.size() - 2].trace == all.back().trace);
