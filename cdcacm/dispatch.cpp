@@ -34,14 +34,12 @@ static PIO_STACK_LOCATION StackLocation(PIRP Irp)
 
 NTSTATUS WithDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, ENTRY_ROUTINE* Entry)
 {
-    DEVICE* Dev;
-    PORT_OBJ* Port;
-    GetDevice(DeviceObject, &Dev, &Port);
+    DEVICE* Dev = EnterDevice(DeviceObject);
     if (Dev == NULL)
         return FinishIrp(Irp, STATUS_UNSUCCESSFUL);
+    PORT_OBJ* Port = &Dev->Port;
     KASSERT(PTRVALID(Dev,DEVICE));
     KASSERT(PTRVALID(Port,PORT_OBJ));
-    RundownEnter(Dev);
     const NTSTATUS Status = Entry(Dev, Port, DeviceObject, Irp);
     RundownLeave(Dev);
     return Status;
@@ -596,12 +594,9 @@ static PDEVICE_OBJECT ReferenceLower(PDEVICE_OBJECT DeviceObject, DEVICE* Dev)
 
 NTSTATUS DispatchSystemControl(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
-    DEVICE* Dev;
-    GetDevice(DeviceObject, &Dev, NULL);
+    DEVICE* Dev = EnterDevice(DeviceObject);
     const WCHAR* Name = Dev != NULL ? PORT_NAME(Dev) : KTEXT("COM?");
     const WCHAR* Letter = OBJECT_LETTER(DeviceObject);
-    if (Dev != NULL)
-        RundownEnter(Dev);
     TRACE(TRC_OPEN, "%P:%S%S:DispatchSystemControl[\n", Name, Letter);
     NTSTATUS Status = STATUS_UNSUCCESSFUL;
     const PDEVICE_OBJECT Lower = ReferenceLower(DeviceObject, Dev);

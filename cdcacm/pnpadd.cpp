@@ -21,8 +21,14 @@ static const ULONG NoMemoryEvent = 0xE0070003;
 // Set whenever a DEVICE has left DeviceList; cleared by a search that found one on its way out.
 static KEVENT DeviceDeletedEvent;
 
+// Guards the Dev of every attachment; innermost. An attachment that shows a DEVICE holds a reference on it: whoever
+// finds one under this lock finds it alive. Nothing else keeps it, as a start that fails is followed by the removal
+// whatever handles are open or being opened.
+static KSPIN_LOCK AttachmentLock;
+
 VOID InitDeviceList()
 {
+    KeInitializeSpinLock(&AttachmentLock);
     InitializeListHead(&DeviceList);
     KeInitializeMutex(&DeviceListMutex, 0);
     KeInitializeEvent(&DeviceDeletedEvent, NotificationEvent, FALSE);
@@ -52,6 +58,43 @@ VOID GetDevice(PDEVICE_OBJECT DeviceObject, DEVICE** Dev, PORT_OBJ** Port)
         *Dev = Found;
     if (Port != NULL)
         *Port = Found != NULL ? &Found->Port : NULL;
+}
+
+static VOID SetAttachedDevice(ATT_OBJ* Att, DEVICE* Dev)
+{
+    KIRQL Irql;
+    KeAcquireSpinLock(&AttachmentLock, &Irql);
+    StoreShared(&Att->Dev, Dev);
+    KeReleaseSpinLock(&AttachmentLock, Irql);
+}
+
+// The data device object is its DEVICE's own memory, which the request's hold on the object keeps: no lock, and
+// entering the rundown of a DEVICE already deleted changes nothing.
+DEVICE* EnterDevice(PDEVICE_OBJECT DeviceObject)
+{
+    DEVICE* Dev;
+    KIRQL Irql;
+    if (*(const ULONG*)DeviceObject->DeviceExtension == DEVICE_TYPE_DATA) {
+        GetDevice(DeviceObject, &Dev, NULL);
+        RundownEnter(Dev);
+        return Dev;
+    }
+    KeAcquireSpinLock(&AttachmentLock, &Irql);
+    GetDevice(DeviceObject, &Dev, NULL);
+    if (Dev != NULL)
+        RundownEnter(Dev);
+    KeReleaseSpinLock(&AttachmentLock, Irql);
+    return Dev;
+}
+
+DEVICE* ReferenceDevice(PDEVICE_OBJECT DeviceObject)
+{
+    DEVICE* Dev = EnterDevice(DeviceObject);
+    if (Dev == NULL)
+        return NULL;
+    const BOOLEAN Referenced = TryRef(&Dev->Ref);
+    RundownLeave(Dev);
+    return Referenced ? Dev : NULL;
 }
 
 static VOID InitName(UNICODE_STRING* Name, WCHAR* Buffer, USHORT Capacity)
@@ -300,6 +343,7 @@ VOID DeleteDevice(PDEVICE_OBJECT DevObj)
 
 VOID DeleteAttDevice(ATT_OBJ* Att)
 {
+    SetAttachedDevice(Att, NULL);
     if (Att->LowerDevObj != NULL)
         IoDetachDevice(Att->LowerDevObj);
     Att->LowerDevObj = NULL;
@@ -355,7 +399,7 @@ static NTSTATUS ReuseDevice(DEVICE* Dev, ATT_OBJ* Att, PDEVICE_OBJECT Pdo)
     if (Att->LowerDevObj->StackSize > Dev->StackSize)
         return STATUS_UNSUCCESSFUL;
     const PDEVICE_OBJECT OldPdo = Dev->Pdo;
-    StoreShared(&Att->Dev, Dev);
+    SetAttachedDevice(Att, Dev);
     SetLower(Dev, Att->LowerDevObj);
     Dev->Pdo = Pdo;
     StoreShared(&Dev->DevicePowerState, (ULONG)PowerDeviceD0);
@@ -368,7 +412,7 @@ static NTSTATUS ReuseDevice(DEVICE* Dev, ATT_OBJ* Att, PDEVICE_OBJECT Pdo)
         SetLower(Dev, NULL);
         Dev->Pdo = OldPdo;
         KeSetEvent(&PrivateOf(Dev)->Gone, IO_NO_INCREMENT, FALSE);
-        StoreShared(&Att->Dev, (DEVICE*)NULL);
+        SetAttachedDevice(Att, NULL);
         return Status;
     }
     Dev->ReinitRetries = 1;
@@ -465,13 +509,10 @@ static NTSTATUS InitPipes(DEVICE* Dev)
     return Status;
 }
 
-// Everything of a new DEVICE that can fail, in order.
+// What requests cannot do without comes before; the rest of a new DEVICE that can fail, in order.
 static NTSTATUS BuildDevice(DEVICE* Dev)
 {
-    NTSTATUS Status = InitWorker(Dev, Dev->Port.DeviceObject);
-    if (!NT_SUCCESS(Status))
-        return Status;
-    Status = CreatePort(Dev, &Dev->Port);
+    NTSTATUS Status = CreatePort(Dev, &Dev->Port);
     if (!NT_SUCCESS(Status)) {
         TRACE(TRC_ERROR, "%P:Pnpadd: CreateDataPort failed (%D)\n", Status);
         return Status;
@@ -514,12 +555,14 @@ static NTSTATUS CreateDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Pdo, AT
     Dev->Tag = DEVICE_TAG;
     InitUsbDev(Dev, &Dev->Usb);
     Dev->Cfg = *Cfg;
-    // Requests may come as soon as the flags say so, and they find the record only through Att->Dev.
+    Status = InitWorker(Dev, DevObj);
+    // From here on requests may come, by the name and through the attachment; the rundown counts them.
     SetObjectFlags(DevObj);
-    StoreShared(&Att->Dev, Dev);
-    Status = BuildDevice(Dev);
+    SetAttachedDevice(Att, Dev);
+    if (NT_SUCCESS(Status))
+        Status = BuildDevice(Dev);
     if (!NT_SUCCESS(Status)) {
-        StoreShared(&Att->Dev, (DEVICE*)NULL);
+        SetAttachedDevice(Att, NULL);
         DeleteDevice(DevObj);
         DeleteAttDevice(Att);
         return Status;

@@ -21,7 +21,7 @@
 struct ATT_OBJ {
     ULONG Type;                    // ATT_OBJ_TYPE
     PDEVICE_OBJECT DevObj;
-    DEVICE* Dev;                   // null while the DEVICE is being built or taken down
+    DEVICE* Dev;                   // null while the DEVICE is being built or taken down (AttachmentLock)
     PDEVICE_OBJECT LowerDevObj;    // null once detached (written under Lock)
     UCHAR SurpriseRemoved;
     LONG volatile RefAtt;          // interlocked
@@ -137,3 +137,8 @@ VOID DeleteDevice(PDEVICE_OBJECT DevObj) _IRQL_requires_max_(PASSIVE_LEVEL);
 VOID DeleteAttDevice(ATT_OBJ* Att) _IRQL_requires_max_(PASSIVE_LEVEL);
 // Both null when the device object belongs to no DEVICE yet or any more. Each out pointer may be null.
 VOID GetDevice(PDEVICE_OBJECT DeviceObject, DEVICE** Dev, PORT_OBJ** Port);
+// The same in one step with what keeps the DEVICE, for requests that no open handle stands behind: a removal may be
+// on its way. Null as above, or once the DEVICE is being deleted.
+// Up to DISPATCH_LEVEL; the caller leaves the rundown, or drops the (untraced) reference.
+DEVICE* EnterDevice(PDEVICE_OBJECT DeviceObject) _IRQL_requires_max_(DISPATCH_LEVEL);
+DEVICE* ReferenceDevice(PDEVICE_OBJECT DeviceObject) _IRQL_requires_max_(DISPATCH_LEVEL);

@@ -290,13 +290,12 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     PNP_REQUEST Request = {NULL, DeviceObject, NULL, OBJECT_LETTER(DeviceObject), Irp};
     const UCHAR Minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
     NTSTATUS Status;
-    GetDevice(DeviceObject, &Request.Dev, NULL);
-    DEVICE* Dev = Request.Dev;
+    DEVICE* Dev = Request.Dev = ReferenceDevice(DeviceObject);
     if (Dev == NULL)
         return PassWithoutDevice(DeviceObject, Irp);
     KASSERT(PTRVALID(Dev,DEVICE));
     TRACE(TRC_PNP, "%P:%S%S:[DispatchPnp MinorFunction: %B\n", PORT_NAME(Dev), Request.Letter, Minor);
-    IncRef(Dev);
+    TraceIncRef(Dev, LoadShared(&Dev->Ref), __FILE_NAME__, __LINE__);
     // Removal deletes the attachment before the request goes down.
     ObReferenceObject(DeviceObject);
     if ((Minor == IRP_MN_SURPRISE_REMOVAL || Minor == IRP_MN_REMOVE_DEVICE) && !AttachmentSuperseded(Dev, DeviceObject))

@@ -367,13 +367,12 @@ static NTSTATUS HandlePower(DEVICE* Dev, PDEVICE_OBJECT DeviceObject, PDEVICE_OB
 
 NTSTATUS DispatchPower(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
-    DEVICE* Dev;
+    DEVICE* Dev = ReferenceDevice(DeviceObject);
     NTSTATUS Status;
-    GetDevice(DeviceObject, &Dev, NULL);
     const PDEVICE_OBJECT Lower = LowerOf(DeviceObject);
     if (Dev == NULL)
         return Lower != NULL ? PassDownPowerIrp(Lower, Irp, NULL, NULL) : FailPowerIrp(Irp, STATUS_DEVICE_REMOVED);
-    IncRef(Dev);
+    TraceIncRef(Dev, LoadShared(&Dev->Ref), __FILE_NAME__, __LINE__);
     if (TRACE_ON(TRC_PNP))
         TracePowerIrp(Dev, OBJECT_LETTER(DeviceObject), IoGetCurrentIrpStackLocation(Irp));
     if (Lower == NULL)

@@ -118,4 +118,48 @@ struct OpenPort {
     nt::File file;
 };
 
+// Device power requests to the first device's stack, as its power policy owner would make them.
+class PortPower {
+public:
+    explicit PortPower(TestRig& rig) {
+        for (const auto& node : rig.executive().devices()) {
+            if (node.instancePath == rig.instancePath()) pdo_ = node.pdo;
+        }
+        ObReferenceObject(pdo_);
+    }
+    ~PortPower() { release(); }
+    PortPower(const PortPower&) = delete;
+    PortPower& operator=(const PortPower&) = delete;
+
+    // Must be called before the device may go for good.
+    void release() {
+        if (pdo_ != nullptr) ObDereferenceObject(pdo_);
+        pdo_ = nullptr;
+    }
+    PDEVICE_OBJECT pdo() const { return pdo_; }
+    // Waits for the request's end; its status.
+    NTSTATUS set(DEVICE_POWER_STATE deviceState) {
+        Call call;
+        KeInitializeEvent(&call.done, NotificationEvent, FALSE);
+        POWER_STATE state;
+        state.DeviceState = deviceState;
+        EXPECT_EQ(PoRequestPowerIrp(pdo_, IRP_MN_SET_POWER, state, ended, &call, nullptr), STATUS_PENDING);
+        KeWaitForSingleObject(&call.done, Executive, KernelMode, FALSE, nullptr);
+        return call.status;
+    }
+
+private:
+    struct Call {
+        KEVENT done;
+        NTSTATUS status = STATUS_PENDING;
+    };
+    static VOID NTAPI ended(PDEVICE_OBJECT, UCHAR, POWER_STATE, PVOID context, PIO_STATUS_BLOCK result) {
+        auto& call = *static_cast<Call*>(context);
+        call.status = result->Status;
+        KeSetEvent(&call.done, IO_NO_INCREMENT, FALSE);
+    }
+
+    PDEVICE_OBJECT pdo_ = nullptr;
+};
+
 }  // namespace test
