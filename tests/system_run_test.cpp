@@ -18,13 +18,13 @@ constexpr bool addressesRepeat = false;
 constexpr bool addressesRepeat = true;
 #endif
 
-// Replaces what looks like an address.
+// Whatever might be an address or a part of one, numbers among them, becomes a mark.
 std::string withoutAddresses(const std::string& text) {
     std::string out;
     for (std::size_t i = 0; i < text.size();) {
         std::size_t end = i;
         while (end < text.size() && std::isxdigit(static_cast<unsigned char>(text[end]))) ++end;
-        out += end - i >= 7 ? "(address)" : text.substr(i, end - i);
+        if (end != i) out += '#';
         if (end < text.size()) out += text[end++];
         i = end;
     }
