@@ -79,7 +79,7 @@ TEST(DriverLifecycle, port_deleted_while_its_last_requests_end) {
         m.rig.unplug();
         m.rig.settle();
         nt::Thread closer("closer", [&] { m.file.close(); });
-        spin(seed % 20);
+        spin(seed % 60);
         m.file.cancelAll();
         closer.join();
         m.rig.settle();
@@ -90,7 +90,7 @@ TEST(DriverLifecycle, port_deleted_while_its_last_requests_end) {
 
 // Whoever tries the name or the interface while the device goes gets a handle that works or an error.
 TEST(DriverLifecycle, opens_race_removal) {
-    overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
+    overSeeds(100, {}, [](Modem& m, std::uint64_t) {
         m.file.close();
         const auto links = m.rig.executive().enabledInterfaces();
         ASSERT_EQ(links.size(), 1u);
@@ -98,13 +98,14 @@ TEST(DriverLifecycle, opens_race_removal) {
         std::vector<nt::Thread> openers;
         for (const auto& path : {name, links[0]}) {
             openers.emplace_back("opener", [path] {
-                for (int i = 0; i < 20; ++i) {
+                for (int i = 0; i < 25; ++i) {
                     nt::File file;
-                    if (NT_SUCCESS(file.open(path))) file.write("x", 1);
+                    if (NT_SUCCESS(file.open(path)) && i % 2) file.write("x", 1);
+                    spin(nt::sim::random(20));
                 }
             });
         }
-        spin(seed * 7 % 300);
+        spin(nt::sim::random(400));
         m.rig.unplug();
         m.rig.settle();
         openers.clear();
@@ -142,11 +143,11 @@ TEST(DriverLifecycle, opens_race_a_failing_start) {
 
 // The modem is back while the last handle on it goes: the port goes on or is made anew, never half of each.
 TEST(DriverLifecycle, last_close_races_return) {
-    overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
+    overSeeds(150, {}, [](Modem& m, std::uint64_t) {
         m.rig.unplug();
         m.rig.settle();
         nt::Thread closer("closer", [&] {
-            spin(seed * 11 % 150);
+            spin(nt::sim::random(900));
             m.file.close();
         });
         m.rig.replug();
@@ -272,14 +273,14 @@ TEST(DriverLifecycle, power_up_races_last_close) {
 }
 
 TEST(DriverLifecycle, removal_races_power_up) {
-    overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
+    overSeeds(100, {}, [](Modem& m, std::uint64_t) {
         m.power.set(PowerDeviceD2);
         nt::Thread waker("waker", [&] { m.power.set(PowerDeviceD0); });
         nt::Thread closer("closer", [&] {
-            spin(seed * 5 % 120);
+            spin(nt::sim::random(700));
             m.file.close();
         });
-        spin(seed * 3 % 70);
+        spin(nt::sim::random(150));
         m.rig.unplug();
         m.rig.settle();
         waker.join();
