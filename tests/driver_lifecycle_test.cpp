@@ -160,6 +160,74 @@ TEST(DriverLifecycle, last_close_races_return) {
     });
 }
 
+// Holds back whoever wants one of the driver's mutexes, so that a test decides in which order they go on.
+class Held {
+public:
+    explicit Held(KMUTEX& mutex) : mutex_(mutex) {
+        KeWaitForSingleObject(&mutex_, Executive, KernelMode, FALSE, nullptr);
+    }
+    ~Held() { KeReleaseMutex(&mutex_, FALSE); }
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+
+private:
+    KMUTEX& mutex_;
+};
+
+// The return is the first in line for the list of devices when the last reference falls.
+TEST(DriverLifecycle, return_meets_a_port_about_to_be_deleted) {
+    overSeeds(10, {}, [](Modem& m, std::uint64_t) {
+        m.rig.unplug();
+        m.rig.settle();
+        nt::Thread plugger, closer;
+        {
+            Held list(DeviceListMutex);
+            plugger.start("plugger", [&] { m.rig.replug(); });
+            m.rig.run(10);
+            closer.start("closer", [&] { m.file.close(); });
+            m.rig.run(1500);
+        }
+        plugger.join();
+        closer.join();
+        nt::File again;
+        ASSERT_EQ(m.rig.open(again), STATUS_SUCCESS);
+        m.file = std::move(again);
+        m.expectAlive();
+    });
+}
+
+// The open is already inside the driver when the removal drops the last reference, or takes its turn after the open.
+TEST(DriverLifecycle, open_waits_behind_the_removal) {
+    unsigned refused = 0;
+    overSeeds(20, {}, [&](Modem& m, std::uint64_t) {
+        const std::string name = "\\DosDevices\\" + m.rig.comName(), path = m.rig.instancePath();
+        m.file.close();
+        m.rig.run(10);
+        EXPECT_EQ(m.rig.executive().queryRemove(path), STATUS_SUCCESS);
+        nt::Thread remover, opener;
+        nt::File file;
+        NTSTATUS status = STATUS_PENDING;
+        {
+            Held device(m.record().Mutex);
+            remover.start("remover", [&] { m.rig.executive().removeDevice(path); });
+            m.rig.run(10);
+            opener.start("opener", [&] { status = file.open(name); });
+            m.rig.run(10);
+        }
+        remover.join();
+        opener.join();
+        if (status == STATUS_UNSUCCESSFUL) {
+            ++refused;
+        } else {
+            EXPECT_EQ(status, STATUS_SUCCESS);
+            EXPECT_GE(m.record().OpenCount, 1);
+            file.close();
+        }
+        m.expectDeleted();
+    });
+    EXPECT_TRUE(test::seeds(2).size() == 1 || refused > 0);
+}
+
 // --- Restart ----------------------------------------------------------------------------------------------------------
 
 // Bytes on the way in both directions when the device is stopped, started, removed.
