@@ -56,6 +56,8 @@ void FrontEnd::makeTerminal() {
                           "cannot watch the terminal (raise fs.inotify.max_user_instances)"));
     checked(::inotify_add_watch(users_.native_handle(), pty_->path().c_str(), IN_OPEN | IN_CLOSE),
             "cannot watch the terminal (raise fs.inotify.max_user_watches)");
+    // Not before: an opener that comes at once would not be seen.
+    pty_->publish();
 }
 
 std::int64_t FrontEnd::nowMs() const {
@@ -74,6 +76,7 @@ void FrontEnd::wake(void* context) {
 void FrontEnd::run() {
     waitForWakes();
     watchUsers();
+    step();   // somebody may have found the terminal already
     loop_.run();
 }
 

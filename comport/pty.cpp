@@ -38,7 +38,6 @@ Pty::Pty(std::filesystem::path link) : link_(std::move(link)) {
     }
     path_ = name;
     makeRaw();
-    putLink();
     read({});  // the event of that
 }
 
@@ -82,7 +81,7 @@ void Pty::keepEvents() {
     }
 }
 
-void Pty::putLink() {
+void Pty::publish() {
     std::error_code error;
     auto there = std::filesystem::symlink_status(link_, error);
     if (std::filesystem::exists(there) && !std::filesystem::is_symlink(there)) {

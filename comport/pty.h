@@ -11,13 +11,15 @@ namespace comport {
 
 class Pty : public Terminal {
 public:
-    // Opens a raw terminal and puts a symbolic link to it at `link` (replacing a link, nothing else). Throws std::runtime_error
-    // with a sentence that says what is wrong.
+    // Opens a raw terminal. Throws std::runtime_error with a sentence that says what is wrong, as does publish().
     explicit Pty(std::filesystem::path link);
     // Removes the link if it is still this terminal's.
     ~Pty() override;
     Pty(const Pty&) = delete;
     Pty& operator=(const Pty&) = delete;
+
+    // Puts the symbolic link in place (replacing a link, nothing else): from now on applications find the terminal.
+    void publish();
 
     int master() const { return master_.get(); }
     const std::string& path() const { return path_; }
@@ -43,7 +45,6 @@ public:
 
 private:
     void makeRaw();
-    void putLink();
     UniqueFd openSlave() const;
     void keepEvents();
     TerminalInput readOnce(std::span<std::uint8_t> space);
