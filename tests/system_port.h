@@ -1,11 +1,9 @@
-// What the system tests share: asynchronous requests that remember their end, and data whose every byte tells its place.
+// What the system tests share beside tests/support/port.h: data whose every byte tells its place, and what is done with it.
 #pragma once
 
-#include "tests/support/rig.h"
+#include "tests/support/port.h"
 
 #include "kernel/sim.h"
-
-#include <ntddser.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -13,23 +11,10 @@
 
 namespace test {
 
-inline std::int64_t nowMs() { return static_cast<std::int64_t>(KeQueryInterruptTime() / 10000); }
-
-// Lets others go first, without a moment of virtual time.
-inline void letOthersRun(std::uint64_t steps) {
-    KSPIN_LOCK lock;
-    KIRQL irql;
-    KeInitializeSpinLock(&lock);
-    while (steps-- != 0) {
-        KeAcquireSpinLock(&lock, &irql);
-        KeReleaseSpinLock(&lock, irql);
-    }
-}
-
 // Some scheduling steps or some milliseconds, as the run's own generator says.
 inline void waitAtRandom(TestRig& rig, std::uint64_t maxSteps, std::uint32_t maxMs) {
     if (nt::sim::random(2) == 0) {
-        letOthersRun(nt::sim::random(maxSteps));
+        spin(nt::sim::random(maxSteps));
     } else {
         rig.run(static_cast<std::uint32_t>(nt::sim::random(maxMs + 1)));
     }
@@ -54,31 +39,6 @@ inline bool hasOneGapAtMost(const std::string& received, const std::string& sent
     const auto same = std::mismatch(received.begin(), received.end(), sent.begin()).first - received.begin();
     return std::equal(received.begin() + same, received.end(), sent.end() - (received.end() - (received.begin() + same)));
 }
-
-// One asynchronous request with its buffer.
-struct Pending {
-    explicit Pending(std::size_t size = 0) : buffer(size, '\0') {}
-    explicit Pending(std::string data) : buffer(std::move(data)) {}
-    Pending(const Pending&) = delete;
-    Pending& operator=(const Pending&) = delete;
-
-    static void ended(nt::Request&, void* context) {
-        auto& self = *static_cast<Pending*>(context);
-        ++self.completions;
-        self.endedMs = nowMs();
-    }
-    void read(nt::File& file) { file.read(request, buffer.data(), static_cast<ULONG>(buffer.size())); }
-    void write(nt::File& file) { file.write(request, buffer.data(), static_cast<ULONG>(buffer.size())); }
-    bool done() const { return completions != 0; }
-    NTSTATUS status() const { return request.status(); }
-    std::string text() const { return buffer.substr(0, request.information()); }
-
-    std::string buffer;
-    ULONG mask = 0;  // output of a wait
-    unsigned completions = 0;
-    std::int64_t endedMs = 0;
-    nt::Request request{ended, this};
-};
 
 inline NTSTATUS control(nt::File& file, ULONG code) { return file.control(code).status; }
 

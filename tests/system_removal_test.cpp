@@ -121,7 +121,7 @@ struct Flight {
             writes.back()->write(file);
         }
         EXPECT_EQ(test::control(file, IOCTL_SERIAL_SET_WAIT_MASK, ULONG{SERIAL_EV_BREAK}), STATUS_SUCCESS);
-        file.control(wait.request, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &wait.mask, sizeof(wait.mask));
+        file.control(wait.request, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &wait.value, sizeof(wait.value));
         file.flush(flush.request);
         flushedAtMs = test::nowMs();
     }
@@ -130,7 +130,7 @@ struct Flight {
         const std::int64_t unplugged = test::nowMs();
         rig.unplug();
         EXPECT_TRUE(rig.until([&] { return wait.done(); })) << "the wait hangs";
-        EXPECT_LE(wait.endedMs, unplugged + slackMs);
+        EXPECT_LE(wait.atMs, unplugged + slackMs);
         EXPECT_EQ(static_cast<ULONG>(wait.status()), 0xC00002B6u);
         rig.run(static_cast<std::uint32_t>(nt::sim::random(300)));
         reader.poll();
@@ -159,7 +159,7 @@ struct Flight {
         EXPECT_TRUE(test::hasOneGapAtMost(received(rig), out));
         EXPECT_TRUE(test::hasOneGapAtMost(reader.text, in));
         EXPECT_TRUE(rig.until([&] { return flush.done(); }, flushMs + slackMs)) << "the flush hangs";
-        EXPECT_LE(flush.endedMs, flushedAtMs + flushMs + slackMs);
+        EXPECT_LE(flush.atMs, flushedAtMs + flushMs + slackMs);
         EXPECT_EQ(flush.status(), STATUS_SUCCESS);
     }
 
@@ -274,10 +274,10 @@ TEST(Removal, close_races_the_return) {
         m.rig.unplug();
         m.rig.settle();
         nt::Thread closer("closer", [&] {
-            test::letOthersRun(nt::sim::random(300));
+            test::spin(nt::sim::random(300));
             m.file.close();
         });
-        test::letOthersRun(nt::sim::random(300));
+        test::spin(nt::sim::random(300));
         EXPECT_TRUE(m.rig.bus().replug(m.rig.first().port));
         closer.join();
         m.rig.settle();

@@ -46,6 +46,8 @@ struct Pending {
         ++self.completions;
         self.atMs = nowMs();
     }
+    NTSTATUS read(nt::File& file) { return file.read(request, buffer.data(), static_cast<ULONG>(buffer.size())); }
+    NTSTATUS write(nt::File& file) { return file.write(request, buffer.data(), static_cast<ULONG>(buffer.size())); }
     bool done() const { return completions != 0; }
     NTSTATUS status() const { return request.status(); }
     ULONG information() const { return static_cast<ULONG>(request.information()); }
@@ -87,8 +89,8 @@ struct OpenPort {
         const auto now = get<SERIAL_COMMPROP>(IOCTL_SERIAL_GET_PROPERTIES);
         EXPECT_EQ(set(IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{now.CurrentRxQueue, size}), STATUS_SUCCESS);
     }
-    NTSTATUS read(Pending& p) { return file.read(p.request, p.buffer.data(), static_cast<ULONG>(p.buffer.size())); }
-    NTSTATUS write(Pending& p) { return file.write(p.request, p.buffer.data(), static_cast<ULONG>(p.buffer.size())); }
+    NTSTATUS read(Pending& p) { return p.read(file); }
+    NTSTATUS write(Pending& p) { return p.write(file); }
     NTSTATUS write(const std::string& text) { return file.write(text.data(), static_cast<ULONG>(text.size())).status; }
     NTSTATUS wait(Pending& p) {
         return file.control(p.request, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &p.value, sizeof(p.value));
