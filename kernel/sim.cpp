@@ -12,6 +12,8 @@
 // who could signal what the threads wait for: the run stops with a report.
 #include "kernel/sim.h"
 
+#include <sched.h>
+
 #include <algorithm>
 
 #include "kernel/timer.h"
@@ -52,6 +54,33 @@ void remember(std::uint64_t value) { state.history = (state.history ^ value) * 0
     }
     verifier::stop(rule, "simulation", nullptr, "%s", text);
 }
+
+// One thread runs at a time: on one processor the baton changes hands without waking another. Threads started meanwhile
+// stay there, too.
+class OneProcessor {
+public:
+    void take() {
+        cpu_set_t one;
+        int here = sched_getcpu();
+        if (here < 0 || sched_getaffinity(0, sizeof before_, &before_) != 0) {
+            return;
+        }
+        CPU_ZERO(&one);
+        CPU_SET(here, &one);
+        taken_ = sched_setaffinity(0, sizeof one, &one) == 0;
+    }
+    void release() {
+        if (taken_) {
+            sched_setaffinity(0, sizeof before_, &before_);
+        }
+        taken_ = false;
+    }
+
+private:
+    cpu_set_t before_;
+    bool taken_ = false;
+};
+OneProcessor oneProcessor;
 
 Processor* pickReady() {
     std::size_t count = 0;
@@ -137,9 +166,13 @@ void start(std::uint64_t seed, std::uint64_t firstTime) {
     Processor& p = self();
     p.simState = SimState::running;
     state.threads.push_back(&p);
+    oneProcessor.take();
 }
 
-void stop() { state.threads.clear(); }
+void stop() {
+    oneProcessor.release();
+    state.threads.clear();
+}
 
 void point(Point point) {
     Processor& p = self();
