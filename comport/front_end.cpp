@@ -67,6 +67,10 @@ std::int64_t FrontEnd::nowMs() const {
 
 void FrontEnd::wake(void* context) {
     FrontEnd& self = *static_cast<FrontEnd*>(context);
+    if (std::this_thread::get_id() == self.loopThread_.load(std::memory_order_relaxed)) {
+        self.again_ = true;
+        return;
+    }
     if (!self.woken_.exchange(true)) {
         std::uint64_t one = 1;
         [[maybe_unused]] ssize_t written = ::write(self.wakes_.native_handle(), &one, sizeof(one));
@@ -74,6 +78,7 @@ void FrontEnd::wake(void* context) {
 }
 
 void FrontEnd::run() {
+    loopThread_ = std::this_thread::get_id();
     waitForWakes();
     watchUsers();
     step();   // somebody may have found the terminal already
@@ -123,7 +128,19 @@ void FrontEnd::takeUserEvents() {
     }
 }
 
+// What ends inside a step is looked at in the next one, at once; other descriptors get their turn now and then.
 void FrontEnd::step() {
+    int rounds = 0;
+    do {
+        again_ = false;
+        stepOnce();
+    } while (again_ && ++rounds < stepRounds && !loop_.stopped());
+    if (again_ && !loop_.stopped()) {
+        asio::post(loop_, [this] { step(); });
+    }
+}
+
+void FrontEnd::stepOnce() {
     std::int64_t now = nowMs();
     if (arrived_.exchange(false)) {
         bridge_->modemArrived(now);

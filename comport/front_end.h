@@ -36,11 +36,13 @@ public:
 
 private:
     static constexpr std::int64_t holdAgainMs = 100;
+    static constexpr int stepRounds = 64;
 
     void run();
     void makeTerminal();
     static void wake(void* self);
     void step();
+    void stepOnce();
     void watchUsers();
     void takeUserEvents();
     void beginSession(std::int64_t now);
@@ -64,6 +66,8 @@ private:
     std::atomic<bool> woken_{false};    // wakes_ has been written and not yet been read
     std::atomic<bool> arrived_{false};  // modemArrived() was called
     std::atomic<bool> stopping_{false};
+    std::atomic<std::thread::id> loopThread_{};
+    bool again_ = false;  // something ended during a step; the loop's thread only
     bool inputArmed_ = false;
     bool eventsArmed_ = false;
     bool spaceArmed_ = false;

@@ -33,6 +33,7 @@ void VirtualBackend::Queue::remove(Transfer* transfer) {
 VirtualBackend::VirtualBackend(std::unique_ptr<Device> device, std::string location, Speed speed)
     : device_(std::move(device)), location_(std::move(location)), speed_(speed), zero_(*device_) {
     KeInitializeEvent(&event_, SynchronizationEvent, FALSE);
+    KeInitializeDpc(&wakeDpc_, wakeThread, this);
     KeInitializeSpinLock(&lock_);
     KeInitializeMutex(&deviceMutex_, 0);
     device_->setWake([this] { kick(); });
@@ -69,6 +70,7 @@ void VirtualBackend::stop() {
     }
     kick();
     thread_.join();
+    KeFlushQueuedDpcs();
 }
 
 void VirtualBackend::submit(Transfer* transfer) {
@@ -82,7 +84,16 @@ void VirtualBackend::submit(Transfer* transfer) {
         inbox_.push(transfer);
         wake = newRound();
     }
-    if (wake) KeSetEvent(&event_, 0, FALSE);
+    if (wake) wakeLater();
+}
+
+// Callers hold locks that the thread will want at once: it is woken when this processor has let go of all of them.
+void VirtualBackend::wakeLater() {
+    KeInsertQueueDpc(&wakeDpc_, nullptr, nullptr);
+}
+
+void VirtualBackend::wakeThread(PKDPC, PVOID context, PVOID, PVOID) {
+    KeSetEvent(&static_cast<VirtualBackend*>(context)->event_, 0, FALSE);
 }
 
 void VirtualBackend::cancel(Transfer* transfer) {
@@ -93,7 +104,7 @@ void VirtualBackend::cancel(Transfer* transfer) {
         cancels_ = true;
         wake = newRound();
     }
-    if (wake) KeSetEvent(&event_, 0, FALSE);
+    if (wake) wakeLater();
 }
 
 bool VirtualBackend::resetPort() {

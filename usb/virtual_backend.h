@@ -88,6 +88,8 @@ private:
     void sleep();
     void kick();
     bool newRound();  // lock_ held
+    void wakeLater();
+    static KDEFERRED_ROUTINE wakeThread;
 
     const std::unique_ptr<Device> device_;
     const std::string location_;
@@ -95,6 +97,7 @@ private:
     BackendEvents* events_ = nullptr;  // set before the thread starts
     nt::Thread thread_;
     KEVENT event_;
+    KDPC wakeDpc_;
 
     // Guarded by lock_.
     KSPIN_LOCK lock_;
