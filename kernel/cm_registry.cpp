@@ -48,8 +48,8 @@ RegKeyPtr RegistryStore::findOrCreate(const RegKeyPtr& from, const RegPath& path
     return key;
 }
 
-void RegistryStore::remove(const RegKeyPtr& key) {
-    RegKeyPtr keep = key;
+// By value: the caller's may be the parent's own pointer, which goes first.
+void RegistryStore::remove(RegKeyPtr key) {
     if (RegKey* parent = key->parent) {
         parent->children.erase(upcase(key->name));
     }

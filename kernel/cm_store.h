@@ -46,7 +46,7 @@ struct RegistryStore {
     // All of these: lock held.
     RegKeyPtr find(const RegKeyPtr& from, const RegPath& path) const;
     RegKeyPtr findOrCreate(const RegKeyPtr& from, const RegPath& path);
-    void remove(const RegKeyPtr& key);
+    void remove(RegKeyPtr key);
     void setValue(const RegKeyPtr& key, std::u16string_view name, RegistryValue value);
     bool removeValue(const RegKeyPtr& key, std::u16string_view name);
     const RegNamedValue* value(const RegKeyPtr& key, std::u16string_view name) const;
