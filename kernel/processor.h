@@ -61,6 +61,7 @@ struct _KTHREAD {
     nt::SimState simState = nt::SimState::none;
     bool simIdle = false;
     std::uint64_t simDeadline = 0;
+    std::uint64_t simPriority = 0;
     const void* simObject = nullptr;
     const char* simWhat = nullptr;
 };

@@ -8,6 +8,10 @@
 //                                       v
 //                                     dead
 //
+// Half of the seeds choose evenly among the ready threads. The others leave threads behind for long: each thread has a
+// random priority, the highest ready one runs, and now and then the running one falls below all others. So whoever polls
+// lets everybody else go first in the end.
+//
 // When nobody is ready the clock jumps to the next deadline or timer. When there is none of these either, nobody is left
 // who could signal what the threads wait for: the run stops with a report.
 #include "kernel/sim.h"
@@ -31,8 +35,12 @@ struct State {
     std::uint64_t steps = 0;
     std::uint64_t maxSteps = 0;
     std::uint64_t history = 0;
+    std::uint64_t fallsOnceIn = 0;  // decisions, on average; 0 = no priorities
+    std::uint64_t lowest = 0;       // the next priority to fall to
 };
 State state;
+
+constexpr std::uint64_t firstPriorities = std::uint64_t(1) << 63;  // of a thread that never fell: this and above
 
 std::uint64_t draw() {
     std::uint64_t z = state.generator += 0x9e3779b97f4a7c15;
@@ -82,6 +90,27 @@ private:
 };
 OneProcessor oneProcessor;
 
+Processor* highestReady() {
+    Processor* highest = nullptr;
+    for (Processor* p : state.threads) {
+        if (p->simState == SimState::ready && (!highest || p->simPriority > highest->simPriority)) {
+            highest = p;
+        }
+    }
+    return highest;
+}
+
+void perhapsFall(Processor& p) {
+    if (state.fallsOnceIn && draw() % state.fallsOnceIn == 0) {
+        p.simPriority = state.lowest--;
+    }
+}
+
+void join(Processor& p) {
+    p.simPriority = state.fallsOnceIn ? draw() | firstPriorities : 0;
+    state.threads.push_back(&p);
+}
+
 Processor* pickReady() {
     std::size_t count = 0;
     for (Processor* p : state.threads) {
@@ -89,6 +118,9 @@ Processor* pickReady() {
     }
     if (!count) {
         return nullptr;
+    }
+    if (state.fallsOnceIn) {
+        return highestReady();
     }
     std::size_t nth = count == 1 ? 0 : draw() % count;
     for (Processor* p : state.threads) {
@@ -163,9 +195,11 @@ void start(std::uint64_t seed, std::uint64_t firstTime) {
     state.generator = seed * 0xd1342543de82ef95 + 1;
     state.clock = firstTime;
     state.history = 0xcbf29ce484222325;
+    state.lowest = firstPriorities - 1;
+    state.fallsOnceIn = draw() % 2 ? std::uint64_t(40) << 2 * (draw() % 4) : 0;
     Processor& p = self();
     p.simState = SimState::running;
-    state.threads.push_back(&p);
+    join(p);
     oneProcessor.take();
 }
 
@@ -180,6 +214,7 @@ void point(Point point) {
     if (state.maxSteps && state.steps > state.maxSteps) {
         report("livelock", "the bound on scheduling points is exceeded");
     }
+    perhapsFall(p);
     p.simState = SimState::ready;
     Processor* next = pickReady();
     remember(std::uint64_t(point) << 32 | next->id);
@@ -191,6 +226,7 @@ bool block(const void* object, const char* what, std::uint64_t deadline, bool id
     if (deadline && deadline <= state.clock) {
         return false;
     }
+    perhapsFall(p);
     p.simState = SimState::blocked;
     p.simObject = object;
     p.simWhat = what;
@@ -222,7 +258,7 @@ void readyAll(const void* object) {
 
 void add(Processor& p) {
     p.simState = SimState::ready;
-    state.threads.push_back(&p);
+    join(p);
 }
 
 void enter(Processor& p) { sleepOnToken(p, 0); }

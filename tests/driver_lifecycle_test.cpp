@@ -88,6 +88,43 @@ TEST(DriverLifecycle, port_deleted_while_its_last_requests_end) {
     });
 }
 
+// Keeps others from a spin lock of the driver until they have come to stand before it.
+class HeldLock {
+public:
+    explicit HeldLock(KSPIN_LOCK& lock) : lock_(lock) { KeAcquireSpinLock(&lock_, &irql_); }
+    ~HeldLock() { KeReleaseSpinLock(&lock_, irql_); }
+    HeldLock(const HeldLock&) = delete;
+    HeldLock& operator=(const HeldLock&) = delete;
+
+private:
+    KSPIN_LOCK& lock_;
+    KIRQL irql_;
+};
+
+// The read that is being cancelled ends with the handle, and the port with both: the cancellation comes to its end first.
+TEST(DriverLifecycle, last_close_meets_a_cancellation) {
+    overSeeds(100, {}, [](Modem& m, std::uint64_t) {
+        Pending read(5);
+        m.read(read);
+        m.rig.unplug();
+        m.rig.settle();
+        DEVICE& device = m.record();
+        nt::Thread closer, canceller;
+        {
+            HeldLock lock(device.Lock);
+            canceller.start("canceller", [&] { m.file.cancel(read.request); });
+            spin(60);
+            closer.start("closer", [&] { m.file.close(); });
+            spin(100);
+        }
+        canceller.join();
+        closer.join();
+        m.rig.settle();
+        EXPECT_EQ(read.completions, 1u);
+        m.expectDeleted();
+    });
+}
+
 // Whoever tries the name or the interface while the device goes gets a handle that works or an error.
 TEST(DriverLifecycle, opens_race_removal) {
     overSeeds(100, {}, [](Modem& m, std::uint64_t) {

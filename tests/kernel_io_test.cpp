@@ -68,7 +68,11 @@ NTSTATUS entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     script->lowerDevice->Flags |= DO_BUFFERED_IO;
     InitializeListHead(&script->reads);
     KeInitializeSpinLock(&script->lock);
-    return IoCreateSymbolicLink(&link, &name);
+    status = IoCreateSymbolicLink(&link, &name);
+    if (!NT_SUCCESS(status)) {
+        IoDeleteDevice(script->lowerDevice);
+    }
+    return status;
 }
 
 void addUpper() {

@@ -91,6 +91,59 @@ TEST(Simulation, ReachesEveryInterleaving) {
     EXPECT_EQ(orders.size(), 6u);
 }
 
+struct Race {
+    std::uint64_t longestGap = 0;  // decisions in a row that passed a thread by which could run
+    std::uint64_t hash = 0;
+};
+
+// Two threads that never wait, and a third that measures how long it is left behind.
+Race leftBehind(std::uint64_t seed) {
+    Race race;
+    CoreScope core(seed);
+    auto busy = [] {
+        for (int i = 0; i < 5000; i++) nt::schedulePoint(nt::Point::other);
+    };
+    auto measure = [&] {
+        for (int i = 0; i < 5000; i++) {
+            std::uint64_t before = nt::sim::steps();
+            nt::schedulePoint(nt::Point::other);
+            race.longestGap = std::max(race.longestGap, nt::sim::steps() - before);
+        }
+    };
+    runThreads({busy, measure, busy});
+    race.hash = nt::sim::historyHash();
+    return race;
+}
+
+// Some schedules are even, some leave one thread standing for thousands of steps, and both repeat.
+TEST(Simulation, LeavesThreadsBehind) {
+    unsigned even = 0, uneven = 0;
+    for (std::uint64_t seed = 1; seed <= 30; seed++) {
+        Race first = leftBehind(seed);
+        Race second = leftBehind(seed);
+        EXPECT_EQ(first.hash, second.hash) << "seed " << seed;
+        even += first.longestGap < 100;
+        uneven += first.longestGap > 2000;
+    }
+    EXPECT_GE(even, 5u);
+    EXPECT_GE(uneven, 3u);
+}
+
+// Who polls for another's work lets it happen, whatever the priorities.
+TEST(Simulation, PollersGiveWay) {
+    forSeeds(60, [] {
+        int done = 0;
+        auto poller = [&] {
+            while (!done) nt::schedulePoint(nt::Point::other);
+        };
+        auto worker = [&] {
+            for (int i = 0; i < 30; i++) nt::schedulePoint(nt::Point::other);
+            done = 1;
+        };
+        runThreads({poller, poller, worker, poller});
+    });
+}
+
 TEST(SimulationDeathTest, NamesWhoWaitsForWhat) {
     EXPECT_DEATH(
         {

@@ -87,11 +87,12 @@ const Breach breaches[] = {
      [] {
          KIRQL old;
          KeAcquireSpinLock(&lockA, &old);
-         runThreads({[] {
+         nt::Thread other("other", [] {
              KIRQL mine;
              KeRaiseIrql(DISPATCH_LEVEL, &mine);
              KeReleaseSpinLock(&lockA, mine);
-         }});
+         });
+         for (;;) nt::schedulePoint(nt::Point::other);
      }},
     {"L3", "ReleasedUnheld", [] { KeReleaseSpinLock(&lockA, PASSIVE_LEVEL); }},
     {"L4", "WrongLevelRestored",
