@@ -38,6 +38,9 @@ int serve(const comport::Options& options) {
     std::string link = server.link();
     std::printf("%s is served at %s\nTry: picocom %s   (type ATI, Enter; leave with Ctrl-A Ctrl-X)\n",
                 server.portName().c_str(), link.c_str(), link.c_str());
+    for (const std::string& url : server.urls()) {
+        std::printf("and at %s\n", url.c_str());
+    }
     std::fflush(stdout);
     runUntilStopped(server);
     std::vector<std::string> left = server.stop();

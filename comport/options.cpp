@@ -26,6 +26,33 @@ std::string checkMask(const std::string& text) {
     return parseMask(text) ? "" : "'" + text + "' is not a mask; give 32 bits as a number, 0x3 for example";
 }
 
+// "PORT", "ADDRESS:PORT" or "[ADDRESS]:PORT".
+std::optional<NetAddress> parseAddress(const std::string& text) {
+    NetAddress address;
+    std::size_t colon = text.rfind(':');
+    std::string port = text;
+    if (colon != std::string::npos) {
+        address.host = text.substr(0, colon);
+        port = text.substr(colon + 1);
+        bool bracketed = address.host.size() > 2 && address.host.front() == '[' && address.host.back() == ']';
+        if (bracketed) {
+            address.host = address.host.substr(1, address.host.size() - 2);
+        }
+        if (address.host.empty() || (!bracketed && address.host.find(':') != std::string::npos)) {
+            return std::nullopt;
+        }
+    }
+    auto [stop, error] = std::from_chars(port.data(), port.data() + port.size(), address.port);
+    if (error != std::errc() || stop != port.data() + port.size()) {
+        return std::nullopt;
+    }
+    return address;
+}
+
+std::string checkAddress(const std::string& text) {
+    return parseAddress(text) ? "" : "'" + text + "' is not an address; give [ADDR:]PORT, 2217 or [::1]:2217 for example";
+}
+
 std::string checkName(const std::string& text) {
     return text.empty() ? "the name is empty; give a path" : "";
 }
@@ -37,6 +64,8 @@ struct Parser {
         "check", "Try everything: dial, 10 MB through the modem's echo, unplug, plug in, go on.");
     Options options;
     std::string mask;
+    std::string rfc2217;
+    std::string tcp;
 
     Parser() {
         options.registryFile = "comport.reg";
@@ -51,6 +80,15 @@ struct Parser {
                           "Path of the link to the terminal [named after the port, in XDG_RUNTIME_DIR or /tmp]")
             ->check(checkName)
             ->type_name("PATH");
+        serve->add_option("--rfc2217", rfc2217, "Serve the port to RFC 2217 clients there, on the loopback address unless told")
+            ->take_last()
+            ->check(checkAddress)
+            ->type_name("[ADDR:]PORT");
+        serve->add_option("--tcp", tcp, "Serve the port's bytes, and nothing else, there")
+            ->take_last()
+            ->check(checkAddress)
+            ->type_name("[ADDR:]PORT");
+        serve->add_flag("--kick", options.kick, "A new network client ends the one before it, instead of being told that the port is in use");
         serve->footer("SIGUSR1 unplugs the virtual modem, SIGUSR2 plugs it in again.");
         for (CLI::App* command : {serve, check}) {
             command->add_option("--trace", mask, "Trace categories of the driver, kept in the registry as TraceMask [3]")
@@ -70,6 +108,12 @@ struct Parser {
         if (check->parsed()) {
             options.command = Command::check;
             options.registryFile.clear();
+        }
+        if (!rfc2217.empty()) {
+            options.rfc2217 = parseAddress(rfc2217);
+        }
+        if (!tcp.empty()) {
+            options.tcp = parseAddress(tcp);
         }
         if (!mask.empty()) {
             options.traceMask = parseMask(mask);

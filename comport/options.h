@@ -8,12 +8,20 @@
 
 namespace comport {
 
+struct NetAddress {
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 0;  // 0: any free one
+};
+
 enum class Command { serve, check };
 
 struct Options {
     Command command = Command::serve;
     std::string registryFile;  // "" = in memory
     std::string ptyLink;       // "" = named after the port
+    std::optional<NetAddress> rfc2217;  // serve it there
+    std::optional<NetAddress> tcp;      // raw bytes
+    bool kick = false;                  // a new network client ends the one before it
     std::optional<std::uint32_t> traceMask;
     std::string traceFile;     // "" = stderr
     bool verifier = true;

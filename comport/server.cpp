@@ -80,7 +80,22 @@ void Server::boot(const Options& options) {
     // On disk from now on, whatever becomes of the process.
     executive_->registry().save();
     frontEnd_ = std::make_unique<FrontEnd>(
-        portName_, options.ptyLink.empty() ? defaultLink(portName_) : std::filesystem::path(options.ptyLink));
+        portName_, lease_, options.ptyLink.empty() ? defaultLink(portName_) : std::filesystem::path(options.ptyLink));
+    auto listen = [&](NetProtocol protocol, const std::optional<NetAddress>& address) {
+        if (address) {
+            netServers_.push_back(std::make_unique<NetServer>(portName_, lease_, protocol, *address, options.kick));
+        }
+    };
+    listen(NetProtocol::rfc2217, options.rfc2217);
+    listen(NetProtocol::raw, options.tcp);
+}
+
+std::vector<std::string> Server::urls() const {
+    std::vector<std::string> urls;
+    for (const std::unique_ptr<NetServer>& server : netServers_) {
+        urls.push_back(server->url());
+    }
+    return urls;
 }
 
 void Server::unplug() {
@@ -100,12 +115,16 @@ void Server::plugIn() {
     pluggedIn_ = bus_->replug(usbPort_);
     executive_->settle();
     frontEnd_->modemArrived();
+    for (std::unique_ptr<NetServer>& server : netServers_) {
+        server->modemArrived();
+    }
 }
 
 std::vector<std::string> Server::stop() {
     if (!executive_) {
         return {};
     }
+    netServers_.clear();
     frontEnd_.reset();
     std::vector<std::string> left = executive_->stop().lines;
     backend_.reset();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "comport/front_end.h"
+#include "comport/net_server.h"
 #include "comport/options.h"
 #include "kernel/executive.h"
 #include "modem/modem.h"
@@ -25,6 +26,8 @@ public:
 
     const std::string& portName() const { return portName_; }
     std::string link() const { return frontEnd_->link().string(); }
+    // Where network clients find the port.
+    std::vector<std::string> urls() const;
 
     // The modem leaves and comes back, switched off in between. Back when the driver knows. Any thread, one at a time.
     void unplug();
@@ -45,7 +48,9 @@ private:
     usb::PortNumber usbPort_ = 0;
     bool pluggedIn_ = false;
     std::string portName_;
+    PortLease lease_;
     std::unique_ptr<FrontEnd> frontEnd_;
+    std::vector<std::unique_ptr<NetServer>> netServers_;
 };
 
 }  // namespace comport
