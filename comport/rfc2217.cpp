@@ -92,10 +92,9 @@ void Connection::takeEvent(const telnet_event_t& event) {
             takeOption(bytesOf(event.sub.buffer, event.sub.size));
         }
         break;
-    // The rest of an endless subnegotiation would come as data, and a compressed stream may unfold without bounds.
+    // A warning is a subnegotiation that is malformed or has no end (the code that would tell which is not to be relied on);
+    // the rest of it would come as data. A compressed stream may unfold without bounds.
     case TELNET_EV_WARNING:
-        broken_ = event.error.errcode == TELNET_EOVERFLOW || event.error.errcode == TELNET_ENOMEM;
-        break;
     case TELNET_EV_ERROR:
     case TELNET_EV_COMPRESS: broken_ = true; break;
     default: break;

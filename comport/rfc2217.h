@@ -2,7 +2,7 @@
 // answers, notifications and data are appended to an output that somebody else sends.
 //
 //   negotiating --the client agrees to the option--> negotiated (the modem lines are told at once, and at every change)
-//   any --a subnegotiation without an end, or compression--> broken: the connection is to be closed
+//   any --a malformed or endless subnegotiation, or compression--> broken: the connection is to be closed
 //
 // Answered here: negotiation, signature, masks, suspend and resume. Everything else is a Request: the handler
 // carries it out in its turn and acknowledges it with the value that is in force then.
