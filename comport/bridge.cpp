@@ -193,6 +193,7 @@ void Bridge::issueReads(std::int64_t nowMs) {
         Transfer& slot = readSlot(readTail_);
         slot.offset = 0;
         slot.length = readBytes;
+        slot.heldBack = false;
         slot.markInFlight();
         ++readTail_;
         port_.read(slot);
@@ -220,6 +221,9 @@ void Bridge::pumpUp(std::int64_t nowMs) {
             std::size_t taken = terminal_.write(rest);
             if (taken == 0) {
                 wantsSpace_ = true;
+                if (!std::exchange(slot.heldBack, true)) {
+                    port_.readHeldBack();
+                }
                 return;
             }
             slot.offset += taken;

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "comport/check.h"
+#include "comport/client.h"
 #include "comport/options.h"
 #include "comport/server.h"
 
@@ -60,8 +61,11 @@ int main(int argc, char** argv) {
         return parsed.exitCode;
     }
     try {
-        return parsed.options->command == comport::Command::check ? comport::runCheck(*parsed.options)
-                                                                  : serve(*parsed.options);
+        switch (parsed.options->command) {
+        case comport::Command::serve: return serve(*parsed.options);
+        case comport::Command::check: return comport::runCheck(*parsed.options);
+        default: return comport::runClient(*parsed.options);
+        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "comport: %s\n", error.what());
         return 1;

@@ -13,7 +13,8 @@ struct NetAddress {
     std::uint16_t port = 0;  // 0: any free one
 };
 
-enum class Command { serve, check };
+enum class Command { serve, check, list, status, ctl };
+enum class ModemKind { modem, loopback };
 
 struct Options {
     Command command = Command::serve;
@@ -25,7 +26,15 @@ struct Options {
     std::optional<std::uint32_t> traceMask;
     std::string traceFile;     // "" = stderr
     bool verifier = true;
+    ModemKind modem = ModemKind::modem;
+    std::string controlPath;   // "" = the usual place
+    bool json = false;         // list, status: the reply as it is
+    std::string port;          // status, ctl: "" = all, or the only one
+    std::vector<std::string> words;  // ctl: what to do
 };
+
+// Decimal, or hexadecimal with 0x.
+std::optional<std::uint32_t> parseMask(const std::string& text);
 
 // Either options, or a text to print and the exit code that goes with it (0: to stdout, for help and version; 2: to stderr).
 struct ParseResult {

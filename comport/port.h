@@ -83,6 +83,7 @@ struct Transfer {
     std::size_t length = 0;          // bytes of data that are meant to move
     bool inFlight = false;           // the owner's view: issued, end not seen yet
     bool discard = false;            // nobody wants the rest
+    bool heldBack = false;           // a read whose bytes the terminal has refused once
 
     std::atomic<bool> ended{false};  // set last by whoever ends it; the two below are valid then
     NTSTATUS status = 0;
@@ -120,6 +121,8 @@ public:
     virtual void query(Transfer& transfer, ULONG code) = 0;
     // Takes effect before it returns.
     virtual void purge(ULONG mask) = 0;
+    // The terminal is full: a read is not issued again before it took the bytes of the last.
+    virtual void readHeldBack() {}
 };
 
 }  // namespace comport

@@ -21,13 +21,16 @@ bool PortFile::open() {
         return false;
     }
     bool opened = NT_SUCCESS(file_.open(name_));
-    if (!opened) {
+    if (opened) {
+        lease_.lend(file_);
+    } else {
         lease_.give(this);
     }
     return opened;
 }
 
 void PortFile::close() {
+    lease_.withdraw();
     file_.close();
     lease_.give(this);
 }
@@ -70,6 +73,10 @@ void PortFile::control(Transfer& transfer, ULONG code) {
 
 void PortFile::query(Transfer& transfer, ULONG code) {
     file_.control(prepare(transfer), code, nullptr, 0, transfer.data.data(), static_cast<ULONG>(transfer.length));
+}
+
+void PortFile::readHeldBack() {
+    lease_.heldBackReads.fetch_add(1, std::memory_order_relaxed);
 }
 
 void PortFile::purge(ULONG mask) {

@@ -31,6 +31,7 @@ public:
     void control(Transfer& transfer, ULONG code) override;
     void query(Transfer& transfer, ULONG code) override;
     void purge(ULONG mask) override;
+    void readHeldBack() override;
 
 private:
     // Fits the executive's completion; the transfer holds its request.
