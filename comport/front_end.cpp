@@ -200,6 +200,9 @@ void FrontEnd::endSession() {
 void FrontEnd::renewTerminal() {
     try {
         makeTerminal();
+        // The watch on the old one has ended with it.
+        watchUsers();
+        wake(this);
     } catch (const std::runtime_error& error) {
         std::fprintf(stderr, "comport: %s\n", error.what());
     }
