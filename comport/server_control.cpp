@@ -1,6 +1,6 @@
 // What a running server tells of its port and does with its modem when list, status and ctl ask.
 //
-// The driver admits one opener, so settings, lines and queues of an open port are asked through the handle of the front end that
+// The driver admits one opener, so settings, DTR, RTS and queues of an open port are asked through the handle of the front end that
 // has it (PortLease); the modem's own view of them is always there. Bytes and resets are the bus's counts.
 #include "comport/server.h"
 
@@ -37,11 +37,8 @@ std::optional<OpenPort> askOpen(nt::File& file) {
     SERIAL_LINE_CONTROL line = {};
     SERIAL_STATUS queues = {};
     ULONG dtrRts = 0;
-    ULONG modemStatus = 0;
     bool answered = query(file, IOCTL_SERIAL_GET_BAUD_RATE, rate) && query(file, IOCTL_SERIAL_GET_LINE_CONTROL, line) &&
-                    query(file, IOCTL_SERIAL_GET_COMMSTATUS, queues) && query(file, IOCTL_SERIAL_GET_DTRRTS, dtrRts) &&
-                    // Whoever has the port compares lines itself: the change bits that this takes are nobody's.
-                    query(file, IOCTL_SERIAL_GET_MODEMSTATUS, modemStatus);
+                    query(file, IOCTL_SERIAL_GET_COMMSTATUS, queues) && query(file, IOCTL_SERIAL_GET_DTRRTS, dtrRts);
     if (!answered) {
         return std::nullopt;
     }
@@ -51,7 +48,6 @@ std::optional<OpenPort> askOpen(nt::File& file) {
     open.parity = line.Parity;
     open.stopBits = line.StopBits;
     open.dtrRts = dtrRts;
-    open.modemStatus = modemStatus;
     open.inQueue = queues.AmountInInQueue;
     open.outQueue = queues.AmountInOutQueue;
     return open;
@@ -63,6 +59,19 @@ modem::Modem& telephone(modem::AcmDevice& device) {
         throw std::runtime_error("the loop plug has no telephone line");
     }
     return *modem;
+}
+
+// The modem's lines in the bits of GET_MODEMSTATUS. Asked at the port, that would take the change bits from whoever has it open.
+std::uint32_t modemStatusOf(const PortStatus& status) {
+    constexpr std::pair<modem::LineName, std::uint32_t> bits[] = {{modem::LineName::clearToSend, SERIAL_MSR_CTS},
+                                                                  {modem::LineName::ready, SERIAL_MSR_DSR},
+                                                                  {modem::LineName::ring, SERIAL_MSR_RI},
+                                                                  {modem::LineName::carrier, SERIAL_MSR_DCD}};
+    std::uint32_t value = 0;
+    for (const auto& [line, bit] : bits) {
+        value |= status.lines[static_cast<std::size_t>(line)].level ? bit : 0;
+    }
+    return value;
 }
 
 }  // namespace
@@ -83,6 +92,9 @@ std::vector<PortStatus> Server::ports() {
     }
     lease_.withFile([&](nt::File& file) { status.open = askOpen(file); });
     describeModem(status);
+    if (status.open && pluggedIn_) {
+        status.open->modemStatus = modemStatusOf(status);
+    }
     status.counters = counters();
     return {status};
 }
