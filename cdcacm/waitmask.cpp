@@ -58,13 +58,13 @@ static BOOLEAN ArmWaitCancel(DEVICE* Dev, PIRP Irp) _Requires_lock_held_(DeviceL
 
 NTSTATUS WaitOnMask(DEVICE* Dev, PORT_OBJ* Port, PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
-    if (PrivateOf(Dev)->CleanedUp)
-        return STATUS_CANCELLED;
     if (Port->SerPort->Settings.WaitMask == 0) {
         TRACE(TRC_ERROR, "%P:%S%S:IOCTL_SERIAL_WAIT_ON_MASK: failing request, WaitMask==zero\n", PORT_NAME(Dev),
               OBJECT_LETTER(DeviceObject));
         return STATUS_INVALID_PARAMETER;
     }
+    if (PrivateOf(Dev)->CleanedUp)
+        return STATUS_CANCELLED;
     if (Port->WaitIrp != Irp)
         CompleteWaitIrp(Port, 0);
     else

@@ -13,30 +13,16 @@ std::span<const std::uint8_t> bytesOf(const auto& record) {
     return {reinterpret_cast<const std::uint8_t*>(&record), sizeof(record)};
 }
 
-// The caller has seen `ended`: the transfer is the caller's again.
-bool seeEnd(Transfer& transfer) {
-    if (!transfer.inFlight || !transfer.ended.load(std::memory_order_acquire)) {
-        return false;
-    }
-    transfer.inFlight = false;
-    return true;
-}
-
-void markInFlight(Transfer& transfer) {
-    transfer.ended.store(false, std::memory_order_relaxed);
-    transfer.inFlight = true;
-}
-
 }  // namespace
 
-Bridge::Bridge(Terminal& terminal, Port& port) : terminal_(terminal), port_(port) {
+Bridge::Bridge(Terminal& terminal, Port& port) : terminal_(terminal), port_(port), watch_(port, terminal) {
     for (Transfer& transfer : reads_) {
         transfer.data.resize(readBytes);
     }
     for (Transfer& transfer : writes_) {
         transfer.data.resize(writeBytes);
     }
-    control_.data.resize(sizeof(Step::input));
+    control_.data.resize(sizeof(PortControl::data));
 }
 
 template <class Visit>
@@ -45,6 +31,7 @@ void Bridge::forEachTransfer(Visit visit) {
     std::ranges::for_each(writes_, visit);
     visit(flush_);
     visit(control_);
+    watch_.forEachTransfer(visit);
 }
 
 // ---- the session ----
@@ -58,8 +45,7 @@ void Bridge::terminalOpened(std::int64_t nowMs) {
 void Bridge::modemArrived(std::int64_t nowMs) {
     retryAtMs_ = nowMs;
     if (state_ == State::running || state_ == State::draining) {
-        addLineSteps(applied_);
-        addModemLineSteps(applied_.baud != 0);
+        renewPort();
     }
 }
 
@@ -92,11 +78,10 @@ void Bridge::beginRunning() {
     addStep(IOCTL_SERIAL_SET_TIMEOUTS, bytesOf(timeouts));
     port_.purge(SERIAL_PURGE_RXCLEAR | SERIAL_PURGE_TXCLEAR);
     terminal_.discardWritten();
-    applied_ = lastSettings_ = terminal_.settings();
-    addLineSteps(applied_);
-    if (applied_.baud != 0) {
-        addModemLineSteps(true);
+    if (!terminal_.hasRequests()) {
+        applied_ = lastSettings_ = terminal_.settings();
     }
+    renewPort();
     state_ = State::running;
 }
 
@@ -124,6 +109,9 @@ void Bridge::pump(std::int64_t nowMs) {
             pumpUp(nowMs);
         }
         pumpDown(nowMs);
+        if (!watch_.pump(portUsable(nowMs))) {
+            portFailed(nowMs);
+        }
         bool givenUp = (hungUp_ || state_ == State::draining) && (nowMs >= drainEndMs_ || !portUsable(nowMs));
         if (givenUp) {
             abandon();
@@ -142,10 +130,13 @@ std::int64_t Bridge::deadlineMs() const {
     case State::running:
     case State::draining: {
         std::int64_t deadline = hungUp_ || state_ == State::draining ? drainEndMs_ : -1;
-        bool retrying = retryAtMs_ > nowMs_;
-        if (retrying && (deadline < 0 || retryAtMs_ < deadline)) {
-            deadline = retryAtMs_;
-        }
+        auto atLatest = [&](bool counts, std::int64_t time) {
+            if (counts && (deadline < 0 || time < deadline)) {
+                deadline = time;
+            }
+        };
+        atLatest(retryAtMs_ > nowMs_, retryAtMs_);
+        atLatest(requestWaits_, requestLimitMs_);
         return deadline;
     }
     default: return -1;
@@ -177,7 +168,7 @@ void Bridge::closePort() {
 void Bridge::finishClosing() {
     bool outstanding = false;
     forEachTransfer([&](Transfer& transfer) {
-        seeEnd(transfer);
+        transfer.seeEnd();
         outstanding |= transfer.inFlight;
     });
     if (outstanding) {
@@ -189,7 +180,8 @@ void Bridge::finishClosing() {
     position_ = 0;
     markers_.clear();
     steps_.clear();
-    flushed_ = hungUp_ = false;
+    flushed_ = flushStale_ = hungUp_ = false;
+    requestWaits_ = requestRuns_ = false;
     retryAtMs_ = 0;
     state_ = State::idle;
 }
@@ -201,7 +193,8 @@ void Bridge::issueReads(std::int64_t nowMs) {
         Transfer& slot = readSlot(readTail_);
         slot.offset = 0;
         slot.length = readBytes;
-        markInFlight(slot);
+        slot.heldBack = false;
+        slot.markInFlight();
         ++readTail_;
         port_.read(slot);
         // A port that is gone says so at once; asking on would never end.
@@ -214,7 +207,7 @@ void Bridge::issueReads(std::int64_t nowMs) {
 void Bridge::pumpUp(std::int64_t nowMs) {
     while (readHead_ != readTail_) {
         Transfer& slot = readSlot(readHead_);
-        if (seeEnd(slot)) {
+        if (slot.seeEnd()) {
             slot.length = slot.moved;
             if (NT_ERROR(slot.status)) {
                 portFailed(nowMs);
@@ -228,6 +221,9 @@ void Bridge::pumpUp(std::int64_t nowMs) {
             std::size_t taken = terminal_.write(rest);
             if (taken == 0) {
                 wantsSpace_ = true;
+                if (!std::exchange(slot.heldBack, true)) {
+                    port_.readHeldBack();
+                }
                 return;
             }
             slot.offset += taken;
@@ -245,7 +241,9 @@ void Bridge::pumpDown(std::int64_t nowMs) {
     issueWrites(nowMs);
     bool more = true;
     while (more && state_ == State::running) {
-        bool held = !portUsable(nowMs) || writeTail_ - writeHead_ == writeSlots || !stepsEnded() || !barrierPassed();
+        bool ready = requestPassed() && stepsEnded() && barrierPassed();
+        bool held = !ready || writeTail_ - writeHead_ == writeSlots ||
+                    (!portUsable(nowMs) && !terminal_.hasRequests());
         if (held) {
             TerminalInput input = terminal_.read({});
             if (input.kind == TerminalInput::Kind::event) {
@@ -266,7 +264,7 @@ void Bridge::endWrites(std::int64_t nowMs) {
     bool allSeen = true;
     for (std::uint64_t index = writeHead_; index != writeNext_; ++index) {
         Transfer& slot = writeSlot(index);
-        if (seeEnd(slot)) {
+        if (slot.seeEnd()) {
             slot.offset += slot.moved;
             if (slot.discard) {
                 slot.offset = slot.length;
@@ -294,7 +292,7 @@ void Bridge::issueWrites(std::int64_t nowMs) {
             endWrites(nowMs);
             continue;
         }
-        markInFlight(slot);
+        slot.markInFlight();
         port_.write(slot);
         // Nothing may go out behind one that is refused, should the modem come back this moment.
         if (slot.ended.load(std::memory_order_acquire) && NT_ERROR(slot.status)) {
@@ -321,6 +319,7 @@ bool Bridge::readTerminal(std::int64_t nowMs) {
         issueWrites(nowMs);
         return true;
     case TerminalInput::Kind::event: takeEvents(input.events); return true;
+    case TerminalInput::Kind::request: takeRequest(input.inOrder); return true;
     case TerminalInput::Kind::closed:
         state_ = State::draining;
         markers_.clear();
@@ -343,7 +342,7 @@ void Bridge::takeEvents(unsigned events) {
         port_.purge(SERIAL_PURGE_RXCLEAR);
         for (std::uint64_t index = readHead_; index != readTail_; ++index) {
             Transfer& slot = readSlot(index);
-            if (seeEnd(slot)) {
+            if (slot.seeEnd()) {
                 slot.length = slot.moved;
             }
             if (!slot.inFlight) {
@@ -396,26 +395,64 @@ bool Bridge::flushEnded() {
     if (flushed_) {
         return true;
     }
-    if (seeEnd(flush_)) {
-        flushed_ = true;
-        return true;
+    if (flush_.seeEnd()) {
+        flushed_ = !std::exchange(flushStale_, false);
+        if (flushed_) {
+            return true;
+        }
     }
     if (!flush_.inFlight) {
-        markInFlight(flush_);
+        flush_.markInFlight();
         port_.flush(flush_);
-        if (seeEnd(flush_)) {
+        if (flush_.seeEnd()) {
             flushed_ = true;
         }
     }
     return flushed_;
 }
 
+void Bridge::takeRequest(bool inOrder) {
+    requestWaits_ = inOrder;
+    requestRuns_ = !inOrder;
+    requestLimitMs_ = nowMs_ + orderLimitMs;
+}
+
+// False while the request waits for what is ahead of it. A modem that takes nothing, or is away, is not waited for.
+bool Bridge::requestPassed() {
+    if (!requestWaits_) {
+        return true;
+    }
+    bool waits = portUsable(nowMs_) && nowMs_ < requestLimitMs_;
+    if (waits && (!writesEnded() || !flushEnded())) {
+        return false;
+    }
+    flushStale_ = flush_.inFlight;
+    flushed_ = false;
+    requestWaits_ = false;
+    requestRuns_ = true;
+    return true;
+}
+
 // ---- controls, one at a time ----
 
 void Bridge::addStep(ULONG code, std::span<const std::uint8_t> input) {
-    Step step = {code, {}, input.size()};
-    std::ranges::copy(input, step.input.begin());
+    PortControl step = {code, false, {}, input.size()};
+    std::ranges::copy(input, step.data.begin());
     steps_.push_back(step);
+}
+
+// What an open port, or a new modem behind it, has to be told first.
+void Bridge::renewPort() {
+    if (terminal_.hasRequests()) {
+        terminal_.portRenewed();
+        requestRuns_ = true;
+        return;
+    }
+    addLineSteps(applied_);
+    // Nobody is told to hang up who was not connected.
+    if (applied_.baud != 0 || readTail_ != 0) {
+        addModemLineSteps(applied_.baud != 0);
+    }
 }
 
 void Bridge::addLineSteps(const LineSettings& settings) {
@@ -446,22 +483,39 @@ void Bridge::applySettings(const LineSettings& settings) {
 }
 
 // A control that fails is not tried again: the driver keeps what was asked for, and a modem that comes back is told anew.
+// A control that fails is not tried again: the driver keeps what was asked for, and a modem that comes back is told anew.
+bool Bridge::nextStep() {
+    stepIsRequest_ = steps_.empty();
+    if (!stepIsRequest_) {
+        step_ = steps_.front();
+        steps_.pop_front();
+        return true;
+    }
+    requestRuns_ = requestRuns_ && terminal_.nextControl(step_);
+    return requestRuns_;
+}
+
 bool Bridge::stepsEnded() {
     for (;;) {
-        seeEnd(control_);
+        if (control_.seeEnd() && stepIsRequest_) {
+            std::copy_n(control_.data.begin(), step_.data.size(), step_.data.begin());
+            terminal_.controlEnded(step_, control_.status);
+        }
         if (control_.inFlight) {
             return false;
         }
-        if (steps_.empty()) {
+        if (!nextStep()) {
             return true;
         }
-        Step step = steps_.front();
-        steps_.pop_front();
-        std::ranges::copy(std::span(step.input).first(step.length), control_.data.begin());
+        std::ranges::copy(step_.data, control_.data.begin());
         control_.offset = 0;
-        control_.length = step.length;
-        markInFlight(control_);
-        port_.control(control_, step.code);
+        control_.length = step_.length;
+        control_.markInFlight();
+        if (step_.query) {
+            port_.query(control_, step_.code);
+        } else {
+            port_.control(control_, step_.code);
+        }
     }
 }
 

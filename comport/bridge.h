@@ -13,91 +13,23 @@
 // A read or write that fails (the modem was unplugged) takes the port out of use until a retry succeeds; the rest of
 // a failed write is issued again in its place.
 //
+// A terminal with requests (a network client) has them in its stream: one that is carried out in order waits as a change of
+// settings does, though orderLimitMs at most, the others go ahead of unsent bytes. Nothing is read behind a request
+// before it has ended.
+//
 // All calls but Transfer completions belong to one thread.
 #pragma once
 
-#include <wdm.h>
-
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <span>
-#include <vector>
 
-#include "kernel/file.h"
+#include "comport/line_watch.h"
+#include "comport/port.h"
 
 namespace comport {
-
-struct LineSettings {
-    std::uint32_t baud = 115200;  // 0: hung up, DTR and RTS down
-    bool twoStopBits = false;
-
-    bool operator==(const LineSettings&) const = default;
-};
-
-// What an application did to its terminal beside writing.
-enum TerminalEvent : unsigned {
-    flushedInput = 1,      // it threw away what it had not read
-    flushedOutput = 2,     // it threw away what it had written and we had not read
-    changedSettings = 4,   // perhaps; compare
-};
-
-struct TerminalInput {
-    enum class Kind { data, event, none, closed };
-    Kind kind = Kind::none;
-    std::size_t length = 0;  // data: bytes
-    unsigned events = 0;     // event: TerminalEvent bits
-};
-
-class Terminal {
-public:
-    virtual ~Terminal() = default;
-    // Events come ahead of the data that was written after them. `closed` comes after the last data. Without
-    // space only an event is looked for.
-    virtual TerminalInput read(std::span<std::uint8_t> space) = 0;
-    // Bytes that wait to be read.
-    virtual std::size_t waiting() = 0;
-    // Returns the bytes taken; 0 when it is full.
-    virtual std::size_t write(std::span<const std::uint8_t> bytes) = 0;
-    virtual LineSettings settings() = 0;
-    // Throws away bytes that were written and not yet read by an application.
-    virtual void discardWritten() = 0;
-};
-
-// One asynchronous request at the port. The owner issues it, anyone may end it, the owner sees it at its next pump.
-struct Transfer {
-    nt::Request request;             // the port's, and so is the next
-    class PortFile* port = nullptr;
-    std::vector<std::uint8_t> data;  // untouched by the owner while in flight
-    std::size_t offset = 0;          // bytes of data that have moved
-    std::size_t length = 0;          // bytes of data that are meant to move
-    bool inFlight = false;           // the owner's view: issued, end not seen yet
-    bool discard = false;            // nobody wants the rest
-
-    std::atomic<bool> ended{false};  // set last by whoever ends it; the two below are valid then
-    NTSTATUS status = 0;
-    std::size_t moved = 0;
-};
-
-class Port {
-public:
-    virtual ~Port() = default;
-    // False: not now (no modem, or in use).
-    virtual bool open() = 0;
-    // Ends all requests of the handle; their ends may be seen later.
-    virtual void close() = 0;
-    // Each moves data[offset .. length) and ends the transfer exactly once.
-    virtual void read(Transfer& transfer) = 0;
-    virtual void write(Transfer& transfer) = 0;
-    // Ends when everything taken has left the port, or after the driver's own time limit.
-    virtual void flush(Transfer& transfer) = 0;
-    // data[0 .. length) is the input.
-    virtual void control(Transfer& transfer, ULONG code) = 0;
-    // Takes effect before it returns.
-    virtual void purge(ULONG mask) = 0;
-};
 
 class Bridge {
 public:
@@ -107,6 +39,7 @@ public:
     static constexpr std::size_t writeBytes = 16384;
     static constexpr std::int64_t retryMs = 100;
     static constexpr std::int64_t drainLimitMs = 30000;
+    static constexpr std::int64_t orderLimitMs = 1000;  // for a request; clients wait three seconds for an answer
 
     enum class State { idle, opening, running, draining, closing };
 
@@ -137,12 +70,6 @@ private:
         std::uint64_t position;  // the settings change after this many bytes read from the terminal
         LineSettings settings;
     };
-    struct Step {
-        ULONG code;
-        std::array<std::uint8_t, 20> input;
-        std::size_t length;
-    };
-
     void tryOpen(std::int64_t nowMs);
     void beginRunning();
     void emptyTerminal();
@@ -159,12 +86,16 @@ private:
     void takeEvents(unsigned events);
     bool barrierPassed();
     bool flushEnded();
+    void takeRequest(bool inOrder);
+    bool requestPassed();
 
     void addStep(ULONG code, std::span<const std::uint8_t> input = {});
     void addLineSteps(const LineSettings& settings);
     void addModemLineSteps(bool up);
     void applySettings(const LineSettings& settings);
+    void renewPort();
     bool stepsEnded();
+    bool nextStep();
 
     void pumpDraining();
     void closePort();
@@ -203,11 +134,19 @@ private:
     std::deque<Marker> markers_;  // in the order of their positions
     LineSettings lastSettings_;   // the newest seen, applied or in markers_
     bool flushed_ = false;        // the flush ahead of the first marker, or of the close, has ended
+    bool flushStale_ = false;     // the one in flight is for something that did not wait for it
     Transfer flush_;
 
-    std::deque<Step> steps_;  // controls still to be carried out, one at a time
+    bool requestWaits_ = false;   // for what is ahead of it
+    bool requestRuns_ = false;    // its controls are carried out, behind steps_
+    std::int64_t requestLimitMs_ = 0;
+
+    std::deque<PortControl> steps_;  // controls still to be carried out, one at a time
+    PortControl step_;               // the one in control_
+    bool stepIsRequest_ = false;
     Transfer control_;
     LineSettings applied_;
+    LineWatch watch_;
 };
 
 }  // namespace comport

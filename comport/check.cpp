@@ -1,7 +1,10 @@
 #include "comport/check.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <termios.h>
 
 #include <algorithm>
@@ -175,6 +178,64 @@ void tryEverything(Server& server) {
     echoCall(application, checkBytes / 10, 2);
 }
 
+// A network client: it waits for each answer, as they all do.
+class NetClient {
+public:
+    explicit NetClient(const std::string& url) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+            throw std::runtime_error("cannot connect to " + url + ": " + std::strerror(errno));
+        }
+    }
+
+    // Sends the bytes and waits for `answer` in what comes, from where the last answer ended.
+    bool ask(std::string_view bytes, std::string_view answer) {
+        if (::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size())) {
+            return false;
+        }
+        for (std::size_t at = 0; (at = seen_.find(answer)) == std::string::npos;) {
+            char buffer[512];
+            pollfd entry = {fd_.get(), POLLIN, 0};
+            ssize_t length = ::poll(&entry, 1, patienceMs) > 0 ? ::recv(fd_.get(), buffer, sizeof(buffer), 0) : 0;
+            if (length <= 0) {
+                return false;
+            }
+            seen_.append(buffer, static_cast<std::size_t>(length));
+        }
+        seen_.erase(0, seen_.find(answer) + answer.size());
+        return true;
+    }
+
+    // A request of the COM port option, and the value it is to be answered with.
+    bool request(std::uint8_t command, const std::string& value, const std::string& inForce) {
+        auto option = [](int code, const std::string& text) {
+            return "\xFF\xFA\x2C" + std::string(1, static_cast<char>(code)) + text + "\xFF\xF0";
+        };
+        return ask(option(command, value), option(command + 100, inForce));
+    }
+
+private:
+    UniqueFd fd_;
+    std::string seen_;
+};
+
+void tryNetwork(const std::string& url) {
+    using namespace std::string_literals;
+    NetClient client(url);
+    require(client.ask("\xFF\xFB\x2C", "\xFF\xFA\x2C\x6B"), "a network client is told the modem lines");
+    bool set = client.request(1, "\0\1\xC2\0"s, "\0\1\xC2\0"s) && client.request(2, "\x08", "\x08") &&
+               client.request(3, "\x01", "\x01") && client.request(4, "\x01", "\x01");
+    require(set, "it sets 115200 8N1");
+    bool toggled = client.request(5, "\x09", "\x09") && client.request(5, "\x08", "\x08") &&
+                   client.request(5, "\x0C", "\x0C") && client.request(5, "\x0B", "\x0B");
+    require(toggled, "it drops and raises DTR and RTS");
+    require(client.ask("AT\r", "OK"), "the modem answers it");
+    require(client.ask("ATD" + echoNumber() + "\r", "\xFF\xFA\x2C\x6B"), "it dials, and is told of the carrier");
+}
+
 std::filesystem::path temporaryDirectory() {
     std::string name = (std::filesystem::temp_directory_path() / "comport-XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) {
@@ -189,12 +250,14 @@ int runCheck(const Options& given) {
     Options options = given;
     std::filesystem::path directory = temporaryDirectory();
     options.ptyLink = (directory / "port").string();
+    options.rfc2217 = NetAddress{};
     int exitCode = 0;
     {
         Server server(options);
         std::printf("%s on %s\n", server.portName().c_str(), server.link().c_str());
         try {
             tryEverything(server);
+            tryNetwork(server.urls().front());
         } catch (const std::runtime_error& error) {
             std::printf("  FAILED: %s\n", error.what());
             exitCode = 1;

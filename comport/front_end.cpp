@@ -22,13 +22,13 @@ int checked(int fd, const char* what) {
 
 }  // namespace
 
-FrontEnd::FrontEnd(const std::string& portName, const std::filesystem::path& link)
+FrontEnd::FrontEnd(const std::string& portName, PortLease& lease, const std::filesystem::path& link)
     : link_(link),
       wakes_(loop_, checked(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "cannot make an event descriptor")),
       users_(loop_),
       master_(loop_),
       timer_(loop_),
-      port_(portName, wake, this) {
+      port_(portName, lease, wake, this) {
     makeTerminal();
     thread_ = std::thread([this] { run(); });
 }
@@ -164,8 +164,22 @@ void FrontEnd::stepOnce() {
             endSession();
         }
     }
+    watchBusy(now);
     armTerminal();
     armTimer();
+}
+
+// A terminal cannot refuse; it hangs up.
+void FrontEnd::watchBusy(std::int64_t now) {
+    if (bridge_->state() != Bridge::State::opening || !port_.busy()) {
+        busyAtMs_ = -1;
+    } else if (busyAtMs_ < 0) {
+        busyAtMs_ = now + busyAfterMs;
+    } else if (now >= busyAtMs_) {
+        busyAtMs_ = holdAtMs_ = -1;
+        bridge_->abandon();
+        renewTerminal();
+    }
 }
 
 // Bytes of somebody who has left already count as a session, too.
@@ -197,14 +211,21 @@ void FrontEnd::watchHangUp(std::int64_t now) {
 void FrontEnd::endSession() {
     holdAtMs_ = -1;
     if (!pty_->admitAll()) {
-        try {
-            makeTerminal();
-        } catch (const std::runtime_error& error) {
-            std::fprintf(stderr, "comport: %s\n", error.what());
-        }
+        renewTerminal();
     }
     // Somebody may have opened it in the meantime.
     wake(this);
+}
+
+void FrontEnd::renewTerminal() {
+    try {
+        makeTerminal();
+        // The watch on the old one has ended with it.
+        watchUsers();
+        wake(this);
+    } catch (const std::runtime_error& error) {
+        std::fprintf(stderr, "comport: %s\n", error.what());
+    }
 }
 
 void FrontEnd::armTerminal() {

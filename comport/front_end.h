@@ -24,7 +24,7 @@ namespace comport {
 class FrontEnd {
 public:
     // Makes the terminal and its link; throws std::runtime_error with a sentence. The executive must be running in real mode.
-    FrontEnd(const std::string& portName, const std::filesystem::path& link);
+    FrontEnd(const std::string& portName, PortLease& lease, const std::filesystem::path& link);
     // Ends the session, closes the port, joins the thread, removes the link.
     ~FrontEnd();
     FrontEnd(const FrontEnd&) = delete;
@@ -37,9 +37,11 @@ public:
 private:
     static constexpr std::int64_t holdAgainMs = 100;
     static constexpr int stepRounds = 64;
+    static constexpr std::int64_t busyAfterMs = 1500;  // somebody else's close may take a second
 
     void run();
     void makeTerminal();
+    void renewTerminal();
     static void wake(void* self);
     void step();
     void stepOnce();
@@ -47,6 +49,7 @@ private:
     void takeUserEvents();
     void beginSession(std::int64_t now);
     void watchHangUp(std::int64_t now);
+    void watchBusy(std::int64_t now);
     void endSession();
     void waitForWakes();
     void armTerminal();
@@ -73,6 +76,7 @@ private:
     bool spaceArmed_ = false;
     bool hungUp_ = false;          // as last seen
     std::int64_t holdAtMs_ = -1;   // when to hold the terminal again; -1: not
+    std::int64_t busyAtMs_ = -1;   // when to hang up on who waits for a port that a network client has
     std::int64_t timerAtMs_ = -1;  // what timer_ is set to
     std::thread thread_;
 };

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "comport/check.h"
+#include "comport/client.h"
 #include "comport/options.h"
 #include "comport/server.h"
 
@@ -38,6 +39,9 @@ int serve(const comport::Options& options) {
     std::string link = server.link();
     std::printf("%s is served at %s\nTry: picocom %s   (type ATI, Enter; leave with Ctrl-A Ctrl-X)\n",
                 server.portName().c_str(), link.c_str(), link.c_str());
+    for (const std::string& url : server.urls()) {
+        std::printf("and at %s\n", url.c_str());
+    }
     std::fflush(stdout);
     runUntilStopped(server);
     std::vector<std::string> left = server.stop();
@@ -57,8 +61,11 @@ int main(int argc, char** argv) {
         return parsed.exitCode;
     }
     try {
-        return parsed.options->command == comport::Command::check ? comport::runCheck(*parsed.options)
-                                                                  : serve(*parsed.options);
+        switch (parsed.options->command) {
+        case comport::Command::serve: return serve(*parsed.options);
+        case comport::Command::check: return comport::runCheck(*parsed.options);
+        default: return comport::runClient(*parsed.options);
+        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "comport: %s\n", error.what());
         return 1;

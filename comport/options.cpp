@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <map>
+
+#include "comport/control.h"
 
 namespace comport {
 
-namespace {
-
-// Decimal, or hexadecimal with 0x.
 std::optional<std::uint32_t> parseMask(const std::string& text) {
     bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
     const char* begin = text.data() + (hexadecimal ? 2 : 0);
@@ -22,8 +22,37 @@ std::optional<std::uint32_t> parseMask(const std::string& text) {
     return value;
 }
 
+namespace {
+
 std::string checkMask(const std::string& text) {
     return parseMask(text) ? "" : "'" + text + "' is not a mask; give 32 bits as a number, 0x3 for example";
+}
+
+// "PORT", "ADDRESS:PORT" or "[ADDRESS]:PORT".
+std::optional<NetAddress> parseAddress(const std::string& text) {
+    NetAddress address;
+    std::size_t colon = text.rfind(':');
+    std::string port = text;
+    if (colon != std::string::npos) {
+        address.host = text.substr(0, colon);
+        port = text.substr(colon + 1);
+        bool bracketed = address.host.size() > 2 && address.host.front() == '[' && address.host.back() == ']';
+        if (bracketed) {
+            address.host = address.host.substr(1, address.host.size() - 2);
+        }
+        if (address.host.empty() || (!bracketed && address.host.find(':') != std::string::npos)) {
+            return std::nullopt;
+        }
+    }
+    auto [stop, error] = std::from_chars(port.data(), port.data() + port.size(), address.port);
+    if (error != std::errc() || stop != port.data() + port.size()) {
+        return std::nullopt;
+    }
+    return address;
+}
+
+std::string checkAddress(const std::string& text) {
+    return parseAddress(text) ? "" : "'" + text + "' is not an address; give [ADDR:]PORT, 2217 or [::1]:2217 for example";
 }
 
 std::string checkName(const std::string& text) {
@@ -35,8 +64,13 @@ struct Parser {
     CLI::App* serve = app.add_subcommand("serve", "Serve the virtual modem's port until SIGINT or SIGTERM.");
     CLI::App* check = app.add_subcommand(
         "check", "Try everything: dial, 10 MB through the modem's echo, unplug, plug in, go on.");
+    CLI::App* list = app.add_subcommand("list", "Show the ports of a running server.");
+    CLI::App* status = app.add_subcommand("status", "Show settings, lines, queues and counters of a running server's ports.");
+    CLI::App* ctl = app.add_subcommand("ctl", "Pull the lines of a running server's modem, ring it, unplug it.");
     Options options;
     std::string mask;
+    std::string rfc2217;
+    std::string tcp;
 
     Parser() {
         options.registryFile = "comport.reg";
@@ -51,7 +85,21 @@ struct Parser {
                           "Path of the link to the terminal [named after the port, in XDG_RUNTIME_DIR or /tmp]")
             ->check(checkName)
             ->type_name("PATH");
+        serve->add_option("--rfc2217", rfc2217, "Serve the port to RFC 2217 clients there, on the loopback address unless told")
+            ->take_last()
+            ->check(checkAddress)
+            ->type_name("[ADDR:]PORT");
+        serve->add_option("--tcp", tcp, "Serve the port's bytes, and nothing else, there")
+            ->take_last()
+            ->check(checkAddress)
+            ->type_name("[ADDR:]PORT");
+        serve->add_flag("--kick", options.kick, "A new network client ends the one before it, instead of being told that the port is in use");
         serve->footer("SIGUSR1 unplugs the virtual modem, SIGUSR2 plugs it in again.");
+        serve->add_option("--modem", options.modem, "What is plugged in: modem, or loopback, a wired loop plug [modem]")
+            ->transform(CLI::CheckedTransformer(
+                std::map<std::string, ModemKind>{{"modem", ModemKind::modem}, {"loopback", ModemKind::loopback}}))
+            ->type_name("KIND");
+        addControlOptions();
         for (CLI::App* command : {serve, check}) {
             command->add_option("--trace", mask, "Trace categories of the driver, kept in the registry as TraceMask [3]")
                 ->check(checkMask)
@@ -64,12 +112,48 @@ struct Parser {
         }
     }
 
+    void addControlOptions() {
+        for (CLI::App* command : {serve, list, status, ctl}) {
+            command->add_option("--control", options.controlPath,
+                                "Path of the socket for list, status and ctl [in XDG_RUNTIME_DIR or /tmp/comport-UID]")
+                ->take_last()
+                ->check(checkName)
+                ->type_name("PATH");
+        }
+        for (CLI::App* command : {list, status}) {
+            command->add_flag("--json", options.json, "Print the server's reply as it is");
+        }
+        status->add_option("port", options.port, "The port, COM3 for example [all]")->type_name("PORT");
+        ctl->add_option("--port", options.port, "The port [the only one]")->take_last()->type_name("PORT");
+        ctl->add_option("order", options.words, "What to do, see below")->required()->type_name("WORDS");
+        ctl->footer(std::string(orderHelp()));
+    }
+
+    // The command that was given, null when none was.
+    CLI::App* given() const {
+        std::vector<CLI::App*> commands = app.get_subcommands();
+        return commands.empty() ? nullptr : commands.front();
+    }
+
     ParseResult parse(std::vector<std::string> arguments) {
         std::ranges::reverse(arguments);
         app.parse(arguments);
         if (check->parsed()) {
             options.command = Command::check;
             options.registryFile.clear();
+        }
+        const std::pair<CLI::App*, Command> clients[] = {
+            {list, Command::list}, {status, Command::status}, {ctl, Command::ctl}};
+        for (const auto& [command, value] : clients) {
+            if (command->parsed()) {
+                options.command = value;
+            }
+        }
+        if (!rfc2217.empty()) {
+            options.rfc2217 = parseAddress(rfc2217);
+        }
+        if (!tcp.empty()) {
+            options.tcp = parseAddress(tcp);
         }
         if (!mask.empty()) {
             options.traceMask = parseMask(mask);
@@ -85,9 +169,8 @@ ParseResult parseOptions(const std::vector<std::string>& arguments) {
     try {
         return parser.parse(arguments);
     } catch (const CLI::CallForHelp&) {
-        bool ofCommand = parser.serve->parsed() || parser.check->parsed();
-        CLI::App* subject = parser.check->parsed() ? parser.check : parser.serve;
-        return {std::nullopt, ofCommand ? subject->help() : parser.app.help(), 0};
+        const CLI::App* command = parser.given();
+        return {std::nullopt, command != nullptr ? command->help() : parser.app.help(), 0};
     } catch (const CLI::CallForVersion& version) {
         return {std::nullopt, std::string(version.what()) + "\n", 0};
     } catch (const CLI::ParseError& error) {

@@ -8,16 +8,33 @@
 
 namespace comport {
 
-enum class Command { serve, check };
+struct NetAddress {
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 0;  // 0: any free one
+};
+
+enum class Command { serve, check, list, status, ctl };
+enum class ModemKind { modem, loopback };
 
 struct Options {
     Command command = Command::serve;
     std::string registryFile;  // "" = in memory
     std::string ptyLink;       // "" = named after the port
+    std::optional<NetAddress> rfc2217;  // serve it there
+    std::optional<NetAddress> tcp;      // raw bytes
+    bool kick = false;                  // a new network client ends the one before it
     std::optional<std::uint32_t> traceMask;
     std::string traceFile;     // "" = stderr
     bool verifier = true;
+    ModemKind modem = ModemKind::modem;
+    std::string controlPath;   // "" = the usual place
+    bool json = false;         // list, status: the reply as it is
+    std::string port;          // status, ctl: "" = all, or the only one
+    std::vector<std::string> words;  // ctl: what to do
 };
+
+// Decimal, or hexadecimal with 0x.
+std::optional<std::uint32_t> parseMask(const std::string& text);
 
 // Either options, or a text to print and the exit code that goes with it (0: to stdout, for help and version; 2: to stderr).
 struct ParseResult {

@@ -7,8 +7,8 @@
 
 namespace comport {
 
-PortFile::PortFile(std::string portName, Wake wake, void* context)
-    : name_("\\DosDevices\\" + std::move(portName)), wake_(wake), context_(context) {}
+PortFile::PortFile(std::string portName, PortLease& lease, Wake wake, void* context)
+    : name_("\\DosDevices\\" + std::move(portName)), lease_(lease), wake_(wake), context_(context) {}
 
 PortFile::~PortFile() {
     while (callsInside_.load(std::memory_order_acquire) != 0) {
@@ -17,11 +17,22 @@ PortFile::~PortFile() {
 }
 
 bool PortFile::open() {
-    return NT_SUCCESS(file_.open(name_));
+    if (!lease_.take(this)) {
+        return false;
+    }
+    bool opened = NT_SUCCESS(file_.open(name_));
+    if (opened) {
+        lease_.lend(file_);
+    } else {
+        lease_.give(this);
+    }
+    return opened;
 }
 
 void PortFile::close() {
+    lease_.withdraw();
     file_.close();
+    lease_.give(this);
 }
 
 void PortFile::ended(nt::Request& request, void* context) {
@@ -58,6 +69,14 @@ void PortFile::flush(Transfer& transfer) {
 
 void PortFile::control(Transfer& transfer, ULONG code) {
     file_.control(prepare(transfer), code, transfer.data.data(), static_cast<ULONG>(transfer.length), nullptr, 0);
+}
+
+void PortFile::query(Transfer& transfer, ULONG code) {
+    file_.control(prepare(transfer), code, nullptr, 0, transfer.data.data(), static_cast<ULONG>(transfer.length));
+}
+
+void PortFile::readHeldBack() {
+    lease_.heldBackReads.fetch_add(1, std::memory_order_relaxed);
 }
 
 void PortFile::purge(ULONG mask) {

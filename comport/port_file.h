@@ -3,7 +3,8 @@
 
 #include <string>
 
-#include "comport/bridge.h"
+#include "comport/port.h"
+#include "comport/port_lease.h"
 #include "kernel/file.h"
 
 namespace comport {
@@ -13,7 +14,11 @@ public:
     // `wake` is called when a transfer has ended, from any thread, at up to DISPATCH_LEVEL.
     using Wake = void (*)(void* context);
 
-    PortFile(std::string portName, Wake wake, void* context);
+    // The port is opened only while `lease` can be had.
+    PortFile(std::string portName, PortLease& lease, Wake wake, void* context);
+
+    // Another front end has the port.
+    bool busy() const { return lease_.heldByOther(this); }
 
     // Waits for wakes still running; all transfers must have ended.
     ~PortFile() override;
@@ -24,7 +29,9 @@ public:
     void write(Transfer& transfer) override;
     void flush(Transfer& transfer) override;
     void control(Transfer& transfer, ULONG code) override;
+    void query(Transfer& transfer, ULONG code) override;
     void purge(ULONG mask) override;
+    void readHeldBack() override;
 
 private:
     // Fits the executive's completion; the transfer holds its request.
@@ -32,6 +39,7 @@ private:
     nt::Request& prepare(Transfer& transfer);
 
     std::string name_;
+    PortLease& lease_;
     Wake wake_;
     void* context_;
     nt::File file_;

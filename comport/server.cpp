@@ -5,6 +5,9 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "modem/loopback.h"
+#include "modem/modem.h"
+
 extern "C" DRIVER_INITIALIZE DriverEntry;
 
 namespace comport {
@@ -54,7 +57,7 @@ void Server::boot(const Options& options) {
     boot.errorLogSink = logEvent;
     executive_ = std::make_unique<nt::Executive>(boot);
     if (options.traceMask) {
-        executive_->registry().setDword(serviceKey, "TraceMask", *options.traceMask);
+        setTraceMask(*options.traceMask);
     }
     bus_ = std::make_unique<usb::Bus>(*executive_);
     NTSTATUS status = executive_->loadDriver(service, DriverEntry);
@@ -62,13 +65,7 @@ void Server::boot(const Options& options) {
         throw std::runtime_error("the driver does not load");
     }
     executive_->bindDriver(modemId, service, "Ports", portsClass);
-    backend_ = std::make_shared<usb::VirtualBackend>(std::make_unique<modem::Modem>(), "virtual modem");
-    usbPort_ = bus_->plug(backend_, modemSerial);
-    if (usbPort_ == 0) {
-        throw std::runtime_error("the virtual modem cannot be plugged in");
-    }
-    pluggedIn_ = true;
-    executive_->settle();
+    plugFirst(options.modem);
     for (const nt::DeviceNode& device : executive_->devices()) {
         if (device.service == service) {
             portName_ = device.portName;
@@ -80,32 +77,98 @@ void Server::boot(const Options& options) {
     // On disk from now on, whatever becomes of the process.
     executive_->registry().save();
     frontEnd_ = std::make_unique<FrontEnd>(
-        portName_, options.ptyLink.empty() ? defaultLink(portName_) : std::filesystem::path(options.ptyLink));
+        portName_, lease_, options.ptyLink.empty() ? defaultLink(portName_) : std::filesystem::path(options.ptyLink));
+    auto listen = [&](NetProtocol protocol, const std::optional<NetAddress>& address) {
+        if (address) {
+            netServers_.push_back(std::make_unique<NetServer>(portName_, lease_, protocol, *address, options.kick));
+        }
+    };
+    listen(NetProtocol::rfc2217, options.rfc2217);
+    listen(NetProtocol::raw, options.tcp);
+    if (options.command == Command::serve) {
+        openControl(options);
+    }
+}
+
+void Server::plugFirst(ModemKind kind) {
+    std::unique_ptr<modem::AcmDevice> device;
+    modemKind_ = kind;
+    if (kind == ModemKind::loopback) {
+        device = std::make_unique<modem::Loopback>();
+    } else {
+        device = std::make_unique<modem::Modem>();
+    }
+    backend_ = std::make_shared<usb::VirtualBackend>(std::move(device), "virtual modem");
+    usbPort_ = bus_->plug(backend_, modemSerial);
+    if (usbPort_ == 0) {
+        throw std::runtime_error("the virtual modem cannot be plugged in");
+    }
+    pluggedIn_ = true;
+    executive_->settle();
+}
+
+// A server that shares the usual place with another goes on without; one that was told a place wants it.
+void Server::openControl(const Options& options) {
+    try {
+        control_ = std::make_unique<ControlSocket>(
+            options.controlPath.empty() ? controlSocketPath(true) : std::filesystem::path(options.controlPath),
+            static_cast<ControlTarget&>(*this));
+    } catch (const std::runtime_error& error) {
+        if (!options.controlPath.empty()) {
+            throw;
+        }
+        std::fprintf(stderr, "comport: no list, status and ctl: %s\n", error.what());
+    }
+}
+
+// The driver reads it with each opening of the port.
+void Server::setTraceMask(std::uint32_t mask) {
+    executive_->registry().setDword(serviceKey, "TraceMask", mask);
+}
+
+std::vector<std::string> Server::urls() const {
+    std::vector<std::string> urls;
+    for (const std::unique_ptr<NetServer>& server : netServers_) {
+        urls.push_back(server->url());
+    }
+    return urls;
 }
 
 void Server::unplug() {
+    std::lock_guard guard(plugLock_);
     if (!pluggedIn_) {
         return;
     }
     pluggedIn_ = false;
     bus_->unplug(usbPort_);
     executive_->settle();
-    backend_->withDevice([](usb::Device& device) { static_cast<modem::Modem&>(device).powerCycle(); });
+    withModem([](modem::AcmDevice& modem) { modem.powerCycle(); });
 }
 
 void Server::plugIn() {
+    std::lock_guard guard(plugLock_);
     if (pluggedIn_) {
         return;
     }
+    usb::PortStatistics last = bus_->statistics(usbPort_);
     pluggedIn_ = bus_->replug(usbPort_);
+    if (pluggedIn_) {
+        earlier_ += last;
+        ++reconnects_;
+    }
     executive_->settle();
     frontEnd_->modemArrived();
+    for (std::unique_ptr<NetServer>& server : netServers_) {
+        server->modemArrived();
+    }
 }
 
 std::vector<std::string> Server::stop() {
     if (!executive_) {
         return {};
     }
+    control_.reset();
+    netServers_.clear();
     frontEnd_.reset();
     std::vector<std::string> left = executive_->stop().lines;
     backend_.reset();

@@ -3,19 +3,23 @@
 
 #include <cstdio>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "comport/control.h"
+#include "comport/control_socket.h"
 #include "comport/front_end.h"
+#include "comport/net_server.h"
 #include "comport/options.h"
 #include "kernel/executive.h"
-#include "modem/modem.h"
+#include "modem/acm_device.h"
 #include "usb/host.h"
 #include "usb/virtual_backend.h"
 
 namespace comport {
 
-class Server {
+class Server : private ControlTarget {
 public:
     // Boots, loads the driver, plugs the modem in and serves its port. Throws std::runtime_error with a sentence.
     explicit Server(const Options& options);
@@ -25,8 +29,10 @@ public:
 
     const std::string& portName() const { return portName_; }
     std::string link() const { return frontEnd_->link().string(); }
+    // Where network clients find the port.
+    std::vector<std::string> urls() const;
 
-    // The modem leaves and comes back, switched off in between. Back when the driver knows. Any thread, one at a time.
+    // The modem leaves and comes back, switched off in between. Back when the driver knows. Any thread.
     void unplug();
     void plugIn();
 
@@ -35,6 +41,19 @@ public:
 
 private:
     void boot(const Options& options);
+    void plugFirst(ModemKind kind);
+    void openControl(const Options& options);
+    void setTraceMask(std::uint32_t mask);
+
+    // ControlTarget: server_control.cpp. From the control socket's thread.
+    std::vector<PortStatus> ports() override;
+    void carryOut(const std::string& port, const Order& order) override;
+    void describeModem(PortStatus& status);
+    PortCounters counters();
+    template <class Body>
+    void withModem(Body&& body) {
+        backend_->withDevice([&](usb::Device& device) { body(static_cast<modem::AcmDevice&>(device)); });
+    }
     static void trace(void* context, const char* text, std::size_t length);
     static void logEvent(void* context, const nt::ErrorLogEntry& entry);
 
@@ -43,9 +62,16 @@ private:
     std::unique_ptr<usb::Bus> bus_;
     std::shared_ptr<usb::VirtualBackend> backend_;
     usb::PortNumber usbPort_ = 0;
-    bool pluggedIn_ = false;
+    ModemKind modemKind_ = ModemKind::modem;
+    std::mutex plugLock_;
+    bool pluggedIn_ = false;          // guarded by plugLock_, and so are the next
+    usb::PortStatistics earlier_;     // of the modem's former connections, added up
+    std::uint64_t reconnects_ = 0;
     std::string portName_;
+    PortLease lease_;
     std::unique_ptr<FrontEnd> frontEnd_;
+    std::vector<std::unique_ptr<NetServer>> netServers_;
+    std::unique_ptr<ControlSocket> control_;
 };
 
 }  // namespace comport

@@ -37,7 +37,8 @@ constexpr std::uint8_t lastCharacter = 0x7E;
 
 }  // namespace
 
-AtInterpreter::AtInterpreter(Line& line, Identity identity) : line_(line), identity_(std::move(identity)) {}
+AtInterpreter::AtInterpreter(Line& line, Identity identity, Signals* signals)
+    : line_(line), identity_(std::move(identity)), signals_(signals) {}
 
 std::size_t AtInterpreter::put(std::span<const std::uint8_t> data) {
     std::size_t taken = 0;

@@ -11,6 +11,7 @@
 #pragma once
 
 #include "modem/line.h"
+#include "modem/signals.h"
 
 #include <array>
 #include <cstdint>
@@ -20,14 +21,6 @@
 #include <string_view>
 
 namespace modem {
-
-// What the modem says about itself.
-struct Identity {
-    std::string manufacturer = "Virtual";
-    std::string model = "Virtual modem";
-    std::string revision = "1.0";
-    std::string serialNumber = "000000000001";
-};
 
 // Numbers that a "+NAME=" command sets and "+NAME?" shows; see the table in at_commands.cpp.
 inline constexpr std::size_t numericParameters = 8;
@@ -52,6 +45,7 @@ struct Settings {
     std::uint8_t resultCodes = 4;  // X
     std::uint8_t carrierMode = 1;  // &C; 0: carrier always on
     std::uint8_t dtrMode = 2;      // &D
+    std::uint8_t readyMode = 0;    // &S; 1: ready while there is a carrier
     std::array<std::uint8_t, 32> registers{0, 0, '+', '\r', '\n', '\b', 2, 50, 2, 6, 14, 95, 50};
     std::array<std::array<std::uint32_t, numericFields>, numericParameters> numbers{};
 
@@ -71,13 +65,16 @@ class AtInterpreter {
     static constexpr std::size_t lineReplyLimit = 16 * 1024;  // a line that answers more ends with ERROR
     static constexpr std::int64_t settleMs = 125;  // after D or A, in which a byte does not yet abort the call
 
-    // `line` must outlive the interpreter, which is its only user.
-    AtInterpreter(Line& line, Identity identity);
+    // `line` must outlive the interpreter, which is its only user; so must `signals`, without which their commands fail.
+    AtInterpreter(Line& line, Identity identity, Signals* signals = nullptr);
 
     Mode mode() const { return mode_; }
     const Settings& settings() const { return settings_; }
     // The carrier as the host shall see it (&C).
     bool carrierSignal() const { return settings_.carrierMode == 0 || line_.carrier(); }
+
+    // The modem as ready (&S).
+    bool readySignal() const { return settings_.readyMode == 0 || line_.carrier(); }
 
     // Takes bytes from the host; returns how many. Fewer than all: more once get() or the line made room.
     std::size_t put(std::span<const std::uint8_t> data);
@@ -132,11 +129,14 @@ class AtInterpreter {
     Outcome extendedNamed(std::string_view name, Form form, std::string_view value);
     Outcome numericParameter(std::size_t index, Form form, std::string_view value);
     Outcome packetContext(Form form, std::string_view value);
+    Outcome signalCommand(std::string_view name, Form form, std::string_view value);
+    Outcome lineCommand(Form form, std::string_view value);
     void viewSettings();
     void startConnecting();
 
     Line& line_;
     const Identity identity_;
+    Signals* const signals_;
     Settings settings_ = Settings::defaults();
     Settings stored_ = Settings::defaults();  // &W writes, Z reads
     std::string context_;                     // +CGDCONT

@@ -21,6 +21,7 @@ constexpr BasicSetting basicSettings[] = {
     {"X", 4, &Settings::resultCodes},
     {"&C", 1, &Settings::carrierMode},
     {"&D", 3, &Settings::dtrMode},
+    {"&S", 1, &Settings::readyMode},
     {"B", 99, nullptr},
     {"L", 3, nullptr},
     {"M", 3, nullptr},
@@ -34,7 +35,6 @@ constexpr BasicSetting basicSettings[] = {
     {"&K", 6, nullptr},
     {"&Q", 9, nullptr},
     {"&R", 1, nullptr},
-    {"&S", 1, nullptr},
     {"\\N", 7, nullptr},
     {"\\Q", 3, nullptr},
     {"\\V", 2, nullptr},
@@ -356,6 +356,8 @@ AtInterpreter::Outcome AtInterpreter::extendedNamed(std::string_view name, Form 
     }
     if (name == "+CGDCONT")
         return packetContext(form, value);
+    if (name == "+LINE" || name == "+ERROR" || name == "+RING")
+        return signals_ != nullptr ? signalCommand(name, form, value) : Outcome::error;
 
     struct FixedAnswer {
         std::string_view name;
@@ -443,6 +445,49 @@ AtInterpreter::Outcome AtInterpreter::packetContext(Form form, std::string_view 
         return Outcome::error;
     context_ = value;
     return Outcome::done;
+}
+
+// +LINE=DCD,1 and the like; +ERROR=BREAK, FRAMING, PARITY or OVERRUN; +RING and +RING=3: a call comes in.
+AtInterpreter::Outcome AtInterpreter::signalCommand(std::string_view name, Form form, std::string_view value) {
+    if (name == "+LINE")
+        return lineCommand(form, value);
+    if (name == "+ERROR" && form == Form::set) {
+        for (const ErrorText& error : errorTexts) {
+            if (error.text == value) {
+                signals_->signalErrors(error.bit);
+                return Outcome::done;
+            }
+        }
+    }
+    if (name == "+RING" && (form == Form::execute || form == Form::set)) {
+        const unsigned rings = form == Form::execute ? Line::untilAnswered : takeNumber(value);
+        return value.empty() && signals_->signalRing(rings) ? Outcome::done : Outcome::error;
+    }
+    if (form != Form::test || name == "+RING")
+        return Outcome::error;
+    information("+ERROR: (BREAK,FRAMING,PARITY,OVERRUN)");
+    return Outcome::done;
+}
+
+AtInterpreter::Outcome AtInterpreter::lineCommand(Form form, std::string_view value) {
+    if (form == Form::read) {
+        for (const LineText& line : lineTexts) {
+            const char* how = signals_->signalHeldAt(line.line) ? ",held" : "";
+            information("+LINE: " + std::string(line.text) + "," + (signals_->signalLevel(line.line) ? "1" : "0") + how);
+        }
+        return Outcome::done;
+    }
+    const std::size_t nameEnd = std::min(value.find(','), value.size());
+    const std::string_view level = value.substr(nameEnd);
+    for (const LineText& line : lineTexts) {
+        if (form != Form::set || line.text != value.substr(0, nameEnd))
+            continue;
+        if (level != "" && level != ",0" && level != ",1")
+            return Outcome::error;
+        signals_->signalLine(line.line, level.empty() ? std::nullopt : std::optional<bool>(level == ",1"));
+        return Outcome::done;
+    }
+    return Outcome::error;
 }
 
 }  // namespace modem

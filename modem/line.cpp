@@ -146,6 +146,11 @@ bool Line::ringIn(unsigned rings) {
 void Line::dropCarrier() {
     if (state_ == State::connected)
         hangUpAtMs_ = nowMs_;
+    if (state_ == State::ringing) {
+        ringsLeft_ = 0;
+        bellOn_ = false;
+        phaseEndMs_ = nowMs_;
+    }
 }
 
 std::optional<LineEvent> Line::tick(std::int64_t nowMs) {
@@ -219,7 +224,8 @@ std::optional<LineEvent> Line::nextRingPhase() {
             state_ = State::onHook;
             return LineEvent::ringStopped;
         } else {
-            --ringsLeft_;
+            if (ringsLeft_ != untilAnswered)
+                --ringsLeft_;
             bellOn_ = true;
             phaseEndMs_ += ringOnMs;
             return LineEvent::ring;

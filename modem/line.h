@@ -62,6 +62,7 @@ class Line {
     static constexpr std::int64_t ringOnMs = 2'000;     // one ring: the bell
     static constexpr std::int64_t ringCycleMs = 6'000;  // the bell and the silence after it
     static constexpr std::size_t echoBytes = 64 * 1024;
+    static constexpr unsigned untilAnswered = 0xFFFF'FFFF;  // rings
 
     State state() const { return state_; }
     bool carrier() const { return state_ == State::connected; }
@@ -77,7 +78,7 @@ class Line {
 
     // Somebody calls and lets it ring `rings` times; the far end is the echo. False: the line is in use.
     bool ringIn(unsigned rings);
-    // The far end hangs up; the event follows with the next tick.
+    // The far end hangs up, or a caller gives up; the event follows with the next tick.
     void dropCarrier();
 
     // Moves the clock. Returns the oldest event that is due; call it until there is none.

@@ -1,88 +1,19 @@
 #include "modem/modem.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace modem {
-namespace {
 
-constexpr std::uint8_t low(std::uint16_t value) {
-    return static_cast<std::uint8_t>(value);
-}
-constexpr std::uint8_t high(std::uint16_t value) {
-    return static_cast<std::uint8_t>(value >> 8);
-}
-
-constexpr std::uint8_t communicationInterface = 0;
-constexpr std::uint8_t dataInterface = 1;
-constexpr std::uint16_t packet = Modem::packetBytes;
-
-// clang-format off
-// One configuration: a communication interface with the notifications, a data interface with the bytes.
-constexpr std::array<std::uint8_t, 67> configuration{
-    // configuration: 67 bytes, 2 interfaces, value 1, no name, bus powered with remote wake-up, 100 mA
-    9, 0x02, 67, 0, 2, 1, 0, 0xA0, 50,
-    // interface 0: 1 endpoint, communication, abstract control model, AT commands
-    9, 0x04, communicationInterface, 0, 1, 0x02, 0x02, 0x01, 0,
-    // functional descriptors: header (CDC 1.20), call management on the data interface, abstract control
-    // (line coding and state, break, network connection), union of both interfaces
-    5, 0x24, 0x00, 0x20, 0x01,
-    5, 0x24, 0x01, 0x03, dataInterface,
-    4, 0x24, 0x02, 0x0E,
-    5, 0x24, 0x06, communicationInterface, dataInterface,
-    // interrupt IN, 16 bytes, every 16 ms
-    7, 0x05, Modem::endpointNotify, 0x03, 16, 0, 16,
-    // interface 1: 2 endpoints, data
-    9, 0x04, dataInterface, 0, 2, 0x0A, 0x00, 0x00, 0,
-    // bulk OUT and bulk IN
-    7, 0x05, Modem::endpointOut, 0x02, low(packet), high(packet), 0,
-    7, 0x05, Modem::endpointIn, 0x02, low(packet), high(packet), 0,
-};
-// clang-format on
-
-constexpr std::uint8_t sendEncapsulatedCommand = 0x00;
-constexpr std::uint8_t getEncapsulatedResponse = 0x01;
-constexpr std::uint8_t setLineCoding = 0x20;
-constexpr std::uint8_t getLineCoding = 0x21;
-constexpr std::uint8_t setControlLineState = 0x22;
-constexpr std::uint8_t sendBreakRequest = 0x23;
-constexpr std::size_t lineCodingBytes = 7;
-
-constexpr std::uint8_t getEscapedCharacters = 0x60;
-constexpr std::uint8_t startFraming = 0x61;
-constexpr std::uint8_t stopFraming = 0x62;
-constexpr std::size_t escapedCharactersLimit = 256;
-
-constexpr std::uint8_t notifyNetworkConnection = 0x00;
-constexpr std::uint8_t notifySerialState = 0x20;
-constexpr std::size_t notificationHeader = 8;
-
-constexpr std::uint16_t momentaryStates = stateBreak | stateFramingError | stateParityError | stateOverrun;
-constexpr std::size_t postedLimit = 64;
-
-}  // namespace
-
-Modem::Modem(Options options) : options_(std::move(options)) {
-    const std::uint16_t vendor = options_.vendorId;
-    const std::uint16_t product = options_.productId;
-    // USB 2.0, communication class, 64-byte control packets, version 1.00, three strings, one configuration
-    device_ = {18,           0x01,         0x00,          0x02, 0x02, 0x00, 0x00, 64, low(vendor),
-               high(vendor), low(product), high(product), 0x00, 0x01, 1,    2,    3,  1};
-    posted_.reserve(postedLimit);
-    states_.reserve(notificationLimit);
+Modem::Modem(Options options) : AcmDevice(std::move(options)) {
     powerCycle();
 }
 
 void Modem::powerCycle() {
     line_.emplace();
-    at_.emplace(*line_, options_.identity);
-    coding_ = {};
-    controlLines_ = 0;
-    configured_ = suspended_ = shortPacketDue_ = false;
-    clearToSend_ = true;
-    hold_ = false;
+    at_.emplace(*line_, options().identity, static_cast<Signals*>(this));
     fromHost_.clear();
-    busReset();
+    full_ = false;
+    AcmDevice::powerCycle();
 }
 
 // ---- the world outside ----
@@ -93,175 +24,49 @@ void Modem::ringIn(unsigned rings) {
 void Modem::dropCarrier() {
     post(Stimulus::dropCarrier, 0);
 }
-void Modem::reportErrors(std::uint16_t bits) {
-    post(Stimulus::errors, bits & momentaryStates);
-}
-void Modem::setClearToSend(bool on) {
-    post(Stimulus::clearToSend, on);
-}
-void Modem::setHold(bool on) {
-    post(Stimulus::hold, on);
+
+void Modem::act(Stimulus what, std::uint32_t value) {
+    if (what == Stimulus::ring)
+        line_->ringIn(value);
+    if (what == Stimulus::dropCarrier)
+        line_->dropCarrier();
 }
 
-void Modem::post(Stimulus what, std::uint32_t value) {
-    {
-        const std::lock_guard guard(postedLock_);
-        // More than this at once says nothing new; the last one still counts.
-        if (posted_.size() == postedLimit)
-            posted_.erase(posted_.begin());
-        posted_.push_back({what, value});
-    }
-    wake();
-}
-
-void Modem::takePosted() {
-    const std::lock_guard guard(postedLock_);
-    for (const Posted& item : posted_) {
-        switch (item.what) {
-        case Stimulus::ring:
-            line_->ringIn(item.value);
-            break;
-        case Stimulus::dropCarrier:
-            line_->dropCarrier();
-            break;
-        case Stimulus::errors:
-            if (configured_ && item.value != 0)
-                notify(static_cast<std::uint16_t>(lineState() | item.value));
-            break;
-        case Stimulus::clearToSend:
-            clearToSend_ = item.value != 0;
-            break;
-        case Stimulus::hold:
-            hold_ = item.value != 0;
-            break;
-        }
-    }
-    posted_.clear();
-}
-
-// ---- descriptors and requests ----
-
-std::span<const std::uint8_t> Modem::configurationDescriptor(std::uint8_t index) const {
-    if (index != 0)
-        return {};
-    return configuration;
-}
-
-std::optional<std::u16string> Modem::stringDescriptor(std::uint8_t index) const {
-    const Identity& identity = options_.identity;
-    const std::string* text = nullptr;
-    if (index == 1)
-        text = &identity.manufacturer;
-    if (index == 2)
-        text = &identity.model;
-    if (index == 3)
-        text = &identity.serialNumber;
-    if (text == nullptr)
-        return std::nullopt;
-    return std::u16string(text->begin(), text->end());
-}
-
-usb::ControlReply Modem::control(const usb::SetupPacket& setup, std::span<std::uint8_t> data) {
-    constexpr std::uint8_t kindMask = 0x60, kindClass = 0x20, kindVendor = 0x40;
-    constexpr std::uint8_t recipientMask = 0x1F, recipientInterface = 0x01;
-    if ((setup.requestType & recipientMask) != recipientInterface || setup.index != communicationInterface) {
-        return usb::ControlReply::stall();
-    }
-    switch (setup.requestType & kindMask) {
-    case kindClass:
-        return classRequest(setup, data);
-    case kindVendor:
-        return vendorRequest(setup, data);
-    default:
-        return usb::ControlReply::stall();
-    }
-}
-
-usb::ControlReply Modem::classRequest(const usb::SetupPacket& setup, std::span<std::uint8_t> data) {
-    const bool in = setup.isIn();
-    if (setup.request == setLineCoding && !in && data.size() == lineCodingBytes) {
-        coding_.rate = data[0] | data[1] << 8 | data[2] << 16 | static_cast<std::uint32_t>(data[3]) << 24;
-        coding_.stopBits = data[4];
-        coding_.parity = data[5];
-        coding_.dataBits = data[6];
-        at_->setDteRate(coding_.rate);
-        return usb::ControlReply::ack();
-    }
-    if (setup.request == getLineCoding && in) {
-        const std::array<std::uint8_t, lineCodingBytes> bytes{static_cast<std::uint8_t>(coding_.rate),
-                                                              static_cast<std::uint8_t>(coding_.rate >> 8),
-                                                              static_cast<std::uint8_t>(coding_.rate >> 16),
-                                                              static_cast<std::uint8_t>(coding_.rate >> 24),
-                                                              coding_.stopBits,
-                                                              coding_.parity,
-                                                              coding_.dataBits};
-        const std::size_t count = std::min(data.size(), bytes.size());
-        std::copy_n(bytes.begin(), count, data.begin());
-        return usb::ControlReply::ack(static_cast<std::uint32_t>(count));
-    }
-    if (setup.request == setControlLineState && !in && setup.length == 0) {
-        controlLines_ = setup.value & 3;
-        at_->setDtr((controlLines_ & 1) != 0);
-        settle();
-        return usb::ControlReply::ack();
-    }
-    if (setup.request == sendBreakRequest && !in && setup.length == 0) {
-        sendBreak(setup.value);
-        return usb::ControlReply::ack();
-    }
-    // Nothing speaks this protocol here, but a host that tries it is let through.
-    if (setup.request == sendEncapsulatedCommand && !in)
-        return usb::ControlReply::ack();
-    if (setup.request == getEncapsulatedResponse && in)
-        return usb::ControlReply::ack(0);
-    return usb::ControlReply::stall();
-}
-
-usb::ControlReply Modem::vendorRequest(const usb::SetupPacket& setup, std::span<std::uint8_t> data) {
-    if (setup.request == getEscapedCharacters && setup.isIn()) {
-        const auto& list = options_.escapedCharacters;
-        const std::size_t count = std::min({data.size(), list.size(), escapedCharactersLimit});
-        std::copy_n(list.begin(), count, data.begin());
-        return usb::ControlReply::ack(static_cast<std::uint32_t>(count));
-    }
-    // This modem speaks bytes only: framing cannot be started and is always stopped.
-    if (setup.request == startFraming)
-        return usb::ControlReply::stall();
-    if (setup.request == stopFraming && !setup.isIn() && setup.length == 0)
-        return usb::ControlReply::ack();
-    return usb::ControlReply::stall();
-}
-
-// A break has no length on this line: its beginning is what the far end can send back.
-void Modem::sendBreak(std::uint16_t durationMs) {
-    if (durationMs != 0 && configured_ && line_->sendBreak())
-        notify(lineState() | stateBreak);
-}
-
-// ---- state of the bus ----
-
-void Modem::busReset() {
-    configured_ = false;
-    suspended_ = false;
-    shortPacketDue_ = false;
-    states_.clear();
-    reportedState_ = 0;
-    reportedClearToSend_ = false;
-}
-
-void Modem::configured(std::uint8_t value) {
-    busReset();
-    configured_ = value != 0;
+void Modem::signalLine(LineName line, std::optional<bool> level) {
+    holdLine(line, level);
     reportLines();
 }
 
-void Modem::haltCleared(std::uint8_t endpoint) {
-    if (endpoint == endpointIn)
-        shortPacketDue_ = false;
+// ---- what the host says ----
+
+void Modem::lineCodingChanged() {
+    at_->setDteRate(lineCoding().rate);
 }
 
-bool Modem::wantsRemoteWake() {
-    return !states_.empty() || clearToSend_ != reportedClearToSend_ || at_->hasOutput();
+void Modem::controlLinesChanged() {
+    at_->setDtr((controlLines() & 1) != 0);
+    settle();
+}
+
+void Modem::breakBegun() {
+    if (line_->sendBreak())
+        reportNow(stateBreak);
+}
+
+bool Modem::followedLine(LineName name) const {
+    switch (name) {
+    case LineName::carrier:
+        return at_->carrierSignal();
+    case LineName::ready:
+        return at_->readySignal();
+    case LineName::ring:
+        return line_->bell();
+    case LineName::clearToSend:
+        return true;
+    case LineName::hold:
+        return full_;
+    }
+    return false;
 }
 
 std::optional<std::int64_t> Modem::nextDeadlineMs() const {
@@ -276,6 +81,22 @@ void Modem::tick(std::int64_t nowMs) {
 }
 
 // ---- data ----
+
+bool Modem::hasBytes() const {
+    return at_->hasOutput();
+}
+
+std::size_t Modem::give(std::span<std::uint8_t> space) {
+    return at_->get(space);
+}
+
+std::int32_t Modem::dataIn(std::uint8_t endpoint, std::span<std::uint8_t> space) {
+    const std::int32_t count = AcmDevice::dataIn(endpoint, space);
+    // What the host fetched made room.
+    if (count > 0 && endpoint == endpointIn)
+        settle();
+    return count;
+}
 
 // Moves bytes from the host to the interpreter until it holds back.
 void Modem::pump() {
@@ -292,11 +113,12 @@ void Modem::settle() {
     if (at_->takeCallLost())
         fromHost_.clear();
     pump();
+    full_ = fromHost_.size() > (full_ ? releaseAtBytes : holdAtBytes);
     reportLines();
 }
 
 std::int32_t Modem::dataOut(std::uint8_t endpoint, std::span<const std::uint8_t> data, bool) {
-    if (endpoint != endpointOut || !configured_)
+    if (endpoint != endpointOut || !isConfigured())
         return usb::dataStall;
     if (data.empty())
         return 0;
@@ -311,82 +133,6 @@ std::int32_t Modem::dataOut(std::uint8_t endpoint, std::span<const std::uint8_t>
     fromHost_.push(data.subspan(direct, taken - direct));
     settle();
     return taken == 0 ? usb::dataNak : static_cast<std::int32_t>(taken);
-}
-
-std::int32_t Modem::dataIn(std::uint8_t endpoint, std::span<std::uint8_t> space) {
-    if (!configured_)
-        return usb::dataStall;
-    if (endpoint == endpointNotify) {
-        std::int32_t length = usb::dataNak;
-        return popNotification(space, length) ? length : usb::dataNak;
-    }
-    if (endpoint != endpointIn)
-        return usb::dataStall;
-    const std::size_t count = at_->get(space);
-    settle();
-    if (count == 0) {
-        if (!shortPacketDue_)
-            return usb::dataNak;
-        shortPacketDue_ = false;
-        return 0;
-    }
-    shortPacketDue_ = count < space.size() && count % packetBytes == 0;
-    return static_cast<std::int32_t>(count);
-}
-
-// ---- notifications ----
-
-std::uint16_t Modem::lineState() const {
-    std::uint16_t state = stateReady;
-    if (at_->carrierSignal())
-        state |= stateCarrier;
-    if (line_->bell())
-        state |= stateRing;
-    if (hold_)
-        state |= stateHold;
-    return state;
-}
-
-void Modem::reportLines() {
-    if (configured_ && lineState() != reportedState_)
-        notify(lineState());
-}
-
-// Queues a SERIAL_STATE. A host that does not look for long finds the newest state, and every kind of error, once.
-void Modem::notify(std::uint16_t state) {
-    if (states_.size() == notificationLimit) {
-        states_.back() = static_cast<std::uint16_t>((states_.back() & momentaryStates) | state);
-    } else {
-        states_.push_back(state);
-    }
-    reportedState_ = static_cast<std::uint16_t>(state & ~momentaryStates);
-}
-
-bool Modem::popNotification(std::span<std::uint8_t> space, std::int32_t& length) {
-    Notification bytes{0xA1, 0, 0, 0, communicationInterface, 0, 0, 0, 0, 0};
-    std::size_t count = notificationHeader;
-    if (clearToSend_ != reportedClearToSend_) {
-        bytes[1] = notifyNetworkConnection;
-        bytes[2] = clearToSend_ ? 1 : 0;
-    } else if (!states_.empty()) {
-        bytes[1] = notifySerialState;
-        bytes[6] = 2;
-        bytes[8] = low(states_.front());
-        bytes[9] = high(states_.front());
-        count = bytes.size();
-    } else {
-        return false;
-    }
-    if (space.size() < count)
-        return false;
-    std::copy_n(bytes.begin(), count, space.begin());
-    length = static_cast<std::int32_t>(count);
-    if (bytes[1] == notifyNetworkConnection) {
-        reportedClearToSend_ = clearToSend_;
-    } else {
-        states_.erase(states_.begin());
-    }
-    return true;
 }
 
 }  // namespace modem

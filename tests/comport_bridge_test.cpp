@@ -190,6 +190,7 @@ struct FakePort : Port {
         }
         end(transfer, present ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL, 0);
     }
+    void query(Transfer& transfer, ULONG) override { refuse(transfer); }
     void purge(ULONG mask) override {
         log += "<purge " + std::to_string(mask) + ">";
         if (mask & SERIAL_PURGE_TXABORT) {

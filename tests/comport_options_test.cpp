@@ -18,7 +18,14 @@ TEST(Options, ErrorsNameTheOptionAndTheRemedy) {
         {{"serve", "--registry"}, 2, {"--registry"}},
         {{"serve", "--registry", ""}, 2, {"--registry", "give a path"}},
         {{"serve", "--no-such-thing"}, 2, {"--no-such-thing", "--help"}},
+        {{"serve", "--rfc2217", "65536"}, 2, {"--rfc2217", "'65536'", "[ADDR:]PORT"}},
+        {{"serve", "--rfc2217", "::1:2217"}, 2, {"--rfc2217", "[::1]:2217"}},
+        {{"serve", "--tcp", ":22"}, 2, {"--tcp", "':22'"}},
         {{"check", "--registry", "x"}, 2, {"--registry"}},
+        {{"serve", "--modem", "phone"}, 2, {"--modem", "phone"}},
+        {{"ctl"}, 2, {"order"}},
+        {{"list", "COM3"}, 2, {"COM3"}},
+        {{"ctl", "--help"}, 0, {"line NAME on|off|auto", "--port", "--control"}},
         {{"serve", "--help"}, 0, {"--registry", "--pty-link", "--trace-file", "--no-verifier", "SIGUSR1"}},
         {{"--help"}, 0, {"serve", "check"}},
         {{"--version"}, 0, {"comport 0.1"}},
@@ -50,6 +57,15 @@ TEST(Options, AreTaken) {
     EXPECT_EQ(plain.options->registryFile, "comport.reg");
     EXPECT_FALSE(plain.options->traceMask);
     EXPECT_TRUE(plain.options->verifier);
+
+    EXPECT_FALSE(plain.options->rfc2217 || plain.options->tcp || plain.options->kick);
+
+    ParseResult net = parseOptions({"serve", "--rfc2217", "2217", "--tcp", "[::]:0", "--kick"});
+    ASSERT_TRUE(net.options && net.options->rfc2217 && net.options->tcp);
+    EXPECT_EQ(net.options->rfc2217->host, "127.0.0.1") << "nobody else unless asked for";
+    EXPECT_EQ(net.options->rfc2217->port, 2217);
+    EXPECT_EQ(net.options->tcp->host, "::");
+    EXPECT_TRUE(net.options->kick);
 
     ParseResult check = parseOptions({"check", "--trace", "7"});
     ASSERT_TRUE(check.options);

@@ -248,6 +248,7 @@ TEST(ModemLines, DtrDropEndsTheCallAndLeavesNothingBehind) {
     for (std::int32_t count; (count = host.write(std::string(4096, 'A'))) > 0;)
         taken += count;
     EXPECT_GE(taken, 128 * 1024);
+    EXPECT_EQ(host.states(), std::vector<int>{0x103});
     ASSERT_TRUE(host.lines(2));
     EXPECT_EQ(host.states(), std::vector<int>{0x02});
     EXPECT_EQ(host.read(), "");

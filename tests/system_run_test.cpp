@@ -173,4 +173,38 @@ TEST(WholeRun, hundred_ports_and_no_more) {
     EXPECT_FALSE(rig.traced("Memory Log"));
 }
 
+// A pipe that is reset alone after its stall is no reinitialisation; the start is one, and so is the return of the device.
+TEST(WholeRun, counters_tell_what_happened) {
+    for (const auto seed : test::seeds(5)) {
+        RigOptions options;
+        options.seed = seed;
+        TestRig rig(options);
+        rig.device([](ScriptedDevice& d) { d.echo = true; });
+        nt::File file;
+        ASSERT_EQ(rig.open(file), STATUS_SUCCESS);
+        const std::string text = test::noise(5000);
+        ASSERT_TRUE(test::echoed(file, text) == text);
+        usb::PortStatistics counts = rig.statistics();
+        EXPECT_EQ(counts.bulkIn, text.size());
+        EXPECT_EQ(counts.bulkOut, text.size());
+        EXPECT_EQ(counts.stalls, 0u);
+        EXPECT_EQ(counts.reinitialisations, 1u);
+        rig.device([](ScriptedDevice& d) { d.stallIn = 1; });
+        ASSERT_TRUE(test::echoed(file, text) == text);
+        rig.run(500);
+        counts = rig.statistics();
+        EXPECT_GE(counts.stalls, 1u);
+        EXPECT_EQ(counts.reinitialisations, 1u);
+        rig.unplug();
+        rig.run(500);
+        rig.replug();
+        rig.run(500);
+        const usb::PortStatistics fresh = rig.statistics();
+        EXPECT_EQ(fresh.reinitialisations, 1u) << "counted from the new arrival on";
+        counts += fresh;
+        EXPECT_EQ(counts.reinitialisations, 2u);
+        file.close();
+    }
+}
+
 }  // namespace

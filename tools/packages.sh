@@ -1,9 +1,9 @@
 # The Debian packages this project needs, and how the top-level scripts get them and speak. Sourced by ./run and ./test.
 
-packages_run=(cmake ninja-build g++ libasio-dev libcli11-dev picocom)
-packages_test=(cmake ninja-build g++ libasio-dev libcli11-dev libgtest-dev clang libclang-rt-dev
-    g++-mingw-w64-i686-win32 python3-minimal)
-packages_bench=(cmake ninja-build g++ libasio-dev libcli11-dev libbenchmark-dev socat)
+packages_run=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev picocom)
+packages_test=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev libgtest-dev clang libclang-rt-dev
+    g++-mingw-w64-i686-win32 python3-minimal python3-serial)
+packages_bench=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev libbenchmark-dev socat)
 
 say() { printf '== %s\n' "$*"; }
 

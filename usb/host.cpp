@@ -15,6 +15,23 @@ unsigned nextHubNumber = 0;
 
 }  // namespace
 
+PortStatistics& PortStatistics::operator+=(const PortStatistics& other) {
+    submitted += other.submitted;
+    completed += other.completed;
+    failed += other.failed;
+    bytesIn += other.bytesIn;
+    bytesOut += other.bytesOut;
+    bulkIn += other.bulkIn;
+    bulkOut += other.bulkOut;
+    zeroLengthPackets += other.zeroLengthPackets;
+    stalls += other.stalls;
+    reinitialisations += other.reinitialisations;
+    openNotifications += other.openNotifications;
+    closeNotifications += other.closeNotifications;
+    resets += other.resets;
+    return *this;
+}
+
 Bus::Bus(nt::Executive& executive) : Bus(executive, Options{}) {}
 
 Bus::Bus(nt::Executive& executive, const Options& options) : executive_(executive), hub_(std::make_shared<Hub>(options)) {

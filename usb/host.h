@@ -50,6 +50,11 @@ struct PortStatistics {
     std::uint64_t failed = 0;     // completed with another status than success
     std::uint64_t bytesIn = 0;
     std::uint64_t bytesOut = 0;
+    std::uint64_t bulkIn = 0;     // bytes of these on bulk pipes
+    std::uint64_t bulkOut = 0;
+    std::uint64_t zeroLengthPackets = 0;  // bulk transfers without a byte, either way
+    std::uint64_t stalls = 0;             // the device answered STALL
+    std::uint64_t reinitialisations = 0;  // all three pipes were reset in a row, as a driver that starts over does
     std::uint32_t pending = 0;    // at the backend now
     std::uint32_t openNotifications = 0;
     std::uint32_t closeNotifications = 0;
@@ -57,6 +62,9 @@ struct PortStatistics {
     DEVICE_POWER_STATE power = PowerDeviceD0;
     bool idlePending = false;
     bool wakeArmed = false;
+
+    // Adds what counts up; the rest stays.
+    PortStatistics& operator+=(const PortStatistics& other);
 };
 
 class Bus {

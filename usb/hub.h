@@ -122,7 +122,7 @@ private:
     bool removed_ = false;
 };
 
-class Function : public BackendEvents, public std::enable_shared_from_this<Function> {
+class Function final : public BackendEvents, public std::enable_shared_from_this<Function> {
 public:
     Function(std::shared_ptr<Hub> hub, PortNumber port, std::shared_ptr<Backend> backend, std::string instanceId,
              const PortOptions& options);
@@ -216,6 +216,7 @@ private:
     void returnRecord(UrbRequest* request);
     void takeEndedAborts(Pipe& pipe, LIST_ENTRY& ended);
     void settleUrb(UrbRequest* request);
+    void count(const UrbRequest& request, USBD_STATUS status);
 
     void finish(UrbRequest* request);
     void completeAborts(LIST_ENTRY& ended);
@@ -257,6 +258,7 @@ private:
     UrbRequest* pool_ = nullptr;
     std::uint64_t sequence_ = 0;
     PortStatistics statistics_;
+    unsigned pipesReset_ = 0;  // one after the other, with nothing else on the default pipe in between
     Idle idleState_ = Idle::none;
     PIRP idleIrp_ = nullptr;
     bool idleOver_ = false;  // the notification ends as soon as its callback has returned

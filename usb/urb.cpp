@@ -441,7 +441,6 @@ void Function::settleUrb(UrbRequest* request) {
             ending = {USBD_STATUS_ERROR_SHORT_TRANSFER, STATUS_DEVICE_DATA_ERROR};
         }
         record.TransferBufferLength = transfer.actual;
-        (transfer.isIn() ? statistics_.bytesIn : statistics_.bytesOut) += transfer.actual;
     }
     const bool broken = transfer.status == TransferStatus::stalled || transfer.status == TransferStatus::failed ||
                         transfer.status == TransferStatus::overrun;
@@ -456,8 +455,29 @@ void Function::settleUrb(UrbRequest* request) {
     urb->UrbHeader.Status = ending.usbd;
     request->irp->IoStatus.Status = ending.status;
     if (--statistics_.pending == 0 && resetting_) KeSetEvent(&transfersOver_, 0, FALSE);
+    count(*request, ending.usbd);
+}
+
+void Function::count(const UrbRequest& request, USBD_STATUS status) {
+    constexpr unsigned allPipes = 3;
+    const Transfer& transfer = request.transfer;
     ++statistics_.completed;
-    if (ending.usbd != USBD_STATUS_SUCCESS) ++statistics_.failed;
+    if (status != USBD_STATUS_SUCCESS) ++statistics_.failed;
+    if (transfer.status == TransferStatus::stalled) ++statistics_.stalls;
+    if (request.kind == UrbRequest::Kind::data || request.kind == UrbRequest::Kind::control) {
+        (transfer.isIn() ? statistics_.bytesIn : statistics_.bytesOut) += transfer.actual;
+    }
+    if (transfer.type == TransferType::bulk) {
+        (transfer.isIn() ? statistics_.bulkIn : statistics_.bulkOut) += transfer.actual;
+        if (transfer.status == TransferStatus::ok && transfer.actual == 0) ++statistics_.zeroLengthPackets;
+    }
+    if (transfer.type != TransferType::control) return;
+    const bool reset = request.kind == UrbRequest::Kind::clearStall && status == USBD_STATUS_SUCCESS;
+    pipesReset_ = reset ? pipesReset_ + 1 : 0;
+    if (pipesReset_ == allPipes) {
+        ++statistics_.reinitialisations;
+        pipesReset_ = 0;
+    }
 }
 
 void Function::takeEndedAborts(Pipe& pipe, LIST_ENTRY& ended) {

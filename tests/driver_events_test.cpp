@@ -1,0 +1,384 @@
+// What the device tells on its interrupt endpoint, what becomes of it, and how applications wait for it.
+#include "tests/support/kernel_request.h"
+
+#include "kernel/thread.h"
+
+#include <array>
+
+namespace {
+
+using test::Bytes;
+using test::KernelRequest;
+using test::nowMs;
+using test::OpenPort;
+using test::Pending;
+using test::RigOptions;
+using test::ScriptedDevice;
+using test::seeded;
+using test::traced;
+
+constexpr const char* dataDevice = "\\Device\\qvcdcacm0";
+
+void notify(OpenPort& port, const Bytes& bytes) {
+    port.rig.device([&](ScriptedDevice& d) { d.notify(bytes); });
+    port.rig.run(40);
+}
+
+void state(OpenPort& port, std::uint16_t bits) { notify(port, test::serialState(bits)); }
+
+// --- Notifications ----------------------------------------------------------------------------------------------------
+
+Bytes notification(std::uint8_t type, std::uint8_t code, std::uint16_t value, std::initializer_list<int> data = {}) {
+    Bytes bytes{type, code, static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8), 0xEE, 0xEE, 0xEE, 0xEE};
+    for (const int byte : data) bytes.push_back(static_cast<std::uint8_t>(byte));
+    return bytes;
+}
+
+TEST(DriverEvents, every_notification) {
+    const Bytes tail(3, 0xFF);
+    const struct {
+        const char* what;
+        Bytes bytes;
+        ULONG status, events;   // afterwards, and raised by it
+        const char* text;
+    } cases[] = {
+        {"DSR and DCD rise", notification(0xA1, 0x20, 0, {3, 0}), 0xA0, 0x30, "received new Serial State 3\n"},
+        {"they stay", notification(0xA1, 0x20, 0, {3, 0}), 0xA0, 0, "DSR_on, RI_off, DCD_on\n"},
+        {"all change at once", notification(0x21, 0x20, 0, {8, 0}), 0x40, 0x130, "DSR_off, RI_on, DCD_off\n"},
+        {"RI falls with an error", notification(0xA1, 0x20, 0, {0x10, 0}), 0, 0x180, "Frame error\n"},
+        {"an error counts each time", notification(0xA1, 0x20, 0, {0x10, 0}), 0, 0x80, "Frame error\n"},
+        {"parity", notification(0xA1, 0x20, 0, {0x20, 0}), 0, 0x80, "Parity error\n"},
+        {"overrun", notification(0xA1, 0x20, 0, {0x40, 0}), 0, 0x80, "Overrun error\n"},
+        {"break", notification(0xA1, 0x20, 0, {0x04, 0}), 0, 0x40, "Break\n"},
+        {"all of them", notification(0xA1, 0x20, 0, {0x7F, 0}), 0xE0, 0x1F0, "Overrun error\n"},
+        {"unknown bits", notification(0xA1, 0x20, 0, {0x8B, 0xFE}), 0xE0, 0, "received new Serial State fe8b\n"},
+        {"flow off raises nothing", notification(0xA1, 0x20, 0, {0x0B, 1}), 0xE0, 0, nullptr},
+        {"flow on", notification(0xA1, 0x20, 0xFFFF, {0x0B, 0}), 0xE0, 0, nullptr},
+        {"CTS rises", notification(0xA1, 0x00, 1), 0xF0, 0x08, "received new Network Connection 1\n"},
+        {"CTS stays", notification(0x21, 0x00, 0xFFFF), 0xF0, 0, "received new Network Connection ffff\n"},
+        {"a serial state leaves CTS", notification(0xA1, 0x20, 0, {0, 0}), 0x10, 0x130, nullptr},
+        {"CTS falls by one bit alone", notification(0xA1, 0x00, 0xFFFE), 0, 0x08, nullptr},
+        {"longer than it need be", notification(0xE1 & ~0x40, 0x20, 0, {1, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}), 0x80, 0x20, nullptr},
+        {"7 bytes", Bytes{0xA1, 0x00, 1, 0, 0, 0, 0}, 0x80, 0, "RcvIntIn: Data packet to small\n"},
+        {"1 byte", Bytes{0xA1}, 0x80, 0, "RcvIntIn: Data packet to small\n"},
+        {"no byte", Bytes{}, 0x80, 0, nullptr},
+        {"no state", notification(0xA1, 0x20, 0), 0x80, 0, "RcvIntIn: Data packet to small for RESPONDS_SERIAL_STATE\n"},
+        {"half a state", notification(0xA1, 0x20, 0, {0x7E}), 0x80, 0, "RcvIntIn: Data packet to small for RESPONDS_SERIAL_STATE\n"},
+        {"a response", notification(0xA1, 0x01, 1), 0x80, 0, "RcvIntIn: RESPONDS_AVAILABLE not supported\n"},
+        {"unknown class code", notification(0xA1, 0x2A, 1, {0, 0}), 0x80, 0, "RcvIntIn: Unexpected class responds:\n"},
+        {"framing by class", notification(0xA1, 0x10, 0), 0x80, 0, "RcvIntIn: Unexpected class responds:\n"},
+        {"unknown vendor code", notification(0xC1, 0x12, 1), 0x80, 0, "RcvIntIn: Unexpected vendor responds:\n"},
+        {"state by vendor", notification(0xC1, 0x20, 0, {0x7E, 1}), 0x80, 0, "RcvIntIn: Unexpected vendor responds:\n"},
+        {"standard kind", notification(0x81, 0x20, 0, {0x7E, 1}), 0x80, 0, "RcvIntIn: Unexpected responds:\n"},
+        {"reserved kind", notification(0xE1, 0x00, 1), 0x80, 0, "RcvIntIn: Unexpected responds:\n"},
+        {"still served", notification(0xA1, 0x20, 0, {2, 0}), 0x20, 0x30, nullptr},
+    };
+    RigOptions options = traced(0xA0003);
+    options.shape.interruptPacket = 16;
+    OpenPort port(options);
+    EXPECT_EQ(port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, MAXULONG), STATUS_SUCCESS);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Pending wait;
+        EXPECT_EQ(port.wait(wait), STATUS_PENDING);
+        port.rig.clearTrace();
+        notify(port, c.bytes);
+        EXPECT_EQ(wait.done(), c.events != 0);
+        EXPECT_EQ(wait.value, c.events);
+        EXPECT_EQ(port.get(IOCTL_SERIAL_GET_MODEMSTATUS) & 0xF0, c.status);
+        EXPECT_TRUE(c.text == nullptr || port.rig.traced(c.text)) << port.rig.trace();
+        if (!wait.done()) port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, MAXULONG);
+        port.rig.run(1);
+    }
+    EXPECT_EQ(port.write("in byte mode"), STATUS_SUCCESS);
+    port.rig.run(20);
+    EXPECT_EQ(port.received(), "in byte mode");
+}
+
+// The device's own flow control: off keeps bytes in the ring, on sends them, a new open starts with on.
+TEST(DriverEvents, flow_off_holds_the_bytes) {
+    OpenPort port;
+    state(port, 0x100);
+    EXPECT_EQ(port.write("held"), STATUS_SUCCESS);
+    port.rig.run(3000);
+    EXPECT_EQ(port.received(), "");
+    EXPECT_EQ(port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInOutQueue, 4u);
+    state(port, 0x100);
+    EXPECT_EQ(port.received(), "");
+    state(port, 0);
+    EXPECT_EQ(port.received(), "held");
+    state(port, 0x100);
+    port.write("dropped by the close");
+    port.file.close();
+    ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
+    const auto status = port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS);
+    EXPECT_EQ(status.AmountInInQueue + status.AmountInOutQueue, 0u);
+    port.write(", new");
+    port.rig.run(20);
+    EXPECT_EQ(port.received(), "held, new");
+}
+
+TEST(DriverEvents, cts_holds_the_bytes_if_configured) {
+    OpenPort port(traced(0x100003, {{"useCtsFlowControl", 1}}));
+    port.write("one");
+    port.rig.run(500);
+    EXPECT_EQ(port.received(), "");
+    notify(port, test::networkConnection(true));
+    EXPECT_EQ(port.received(), "one");
+    EXPECT_TRUE(port.rig.traced("CTS active restart write\n"));
+    port.write("two");
+    port.rig.run(20);
+    EXPECT_EQ(port.received(), "onetwo");
+    notify(port, test::networkConnection(false));
+    port.write("three");
+    port.rig.run(500);
+    state(port, 0x02);   // no other line lets them go
+    EXPECT_EQ(port.received(), "onetwo");
+    notify(port, test::networkConnection(true));
+    EXPECT_EQ(port.received(), "onetwothree");
+}
+
+// A burst of changes while nobody waits is one value with all of them; the delta bits tell the net change.
+TEST(DriverEvents, changes_gather_until_somebody_asks) {
+    OpenPort port;
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_DSR | SERIAL_EV_RLSD | SERIAL_EV_RING);
+    port.get(IOCTL_SERIAL_GET_MODEMSTATUS);
+    for (const std::uint16_t bits : {1, 0, 8, 0, 2}) port.rig.device([&](ScriptedDevice& d) { d.notify(test::serialState(bits)); });
+    notify(port, test::networkConnection(true));
+    port.rig.run(200);
+    EXPECT_EQ(port.get(IOCTL_SERIAL_WAIT_ON_MASK), ULONG{SERIAL_EV_DSR | SERIAL_EV_RLSD | SERIAL_EV_RING});
+    EXPECT_EQ(port.get(IOCTL_SERIAL_GET_MODEMSTATUS), 0x33u);
+    Pending wait;
+    EXPECT_EQ(port.wait(wait), STATUS_PENDING);
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, 0);
+    EXPECT_EQ(wait.value, 0u);
+}
+
+// --- Events of the data -----------------------------------------------------------------------------------------------
+
+TEST(DriverEvents, special_characters) {
+    const struct {
+        SERIAL_CHARS chars;   // end of file, error, break, event, XON, XOFF
+        std::string data;
+        ULONG events;
+    } cases[] = {
+        {{0, 0, 0, 0, 0, 0}, std::string("a\0b", 3), SERIAL_EV_RXCHAR},
+        {{0, 0, 0, '~', 0, 0}, "a~b~", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
+        {{0, 0, 0, '~', 0, 0}, "ab", SERIAL_EV_RXCHAR},
+        {{4, 0, 0, 0, 0, 0}, "a\4", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
+        {{0, 0xFE, 0, 0, 0, 0}, "\xFE", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
+        {{0, 0, 'b', 0, 'x', 'y'}, "bxy", SERIAL_EV_RXCHAR},
+        {{0, 0, 0, '~', 0, 0}, std::string("\0", 1), SERIAL_EV_RXCHAR},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.data);
+        OpenPort port;
+        Pending wait;
+        EXPECT_EQ(port.set(IOCTL_SERIAL_SET_CHARS, c.chars), STATUS_SUCCESS);
+        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG);
+        port.wait(wait);
+        port.send(c.data);
+        EXPECT_EQ(wait.value, c.events);
+    }
+}
+
+// More than 80 % of the size asked for, by what stays in the ring: a read that takes the bytes keeps the event away.
+TEST(DriverEvents, ring_nearly_full) {
+    for (const bool reading : {false, true}) {
+        for (const std::size_t over : {0, 1}) {
+            OpenPort port;
+            Pending wait, read(1);
+            port.set(IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{1000, 1000});
+            port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RX80FULL);
+            port.wait(wait);
+            if (reading) port.read(read);
+            port.send(std::string(800 + over, 'x'));
+            EXPECT_EQ(wait.value, over == 1 && !reading ? ULONG{SERIAL_EV_RX80FULL} : 0);
+            port.send("y");
+            EXPECT_EQ(wait.value, over == 1 || !reading ? ULONG{SERIAL_EV_RX80FULL} : 0);
+        }
+    }
+}
+
+TEST(DriverEvents, send_ring_drained_before_the_wait) {
+    OpenPort port;
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_TXEMPTY);
+    port.write("out");
+    port.rig.run(20);
+    EXPECT_EQ(port.get(IOCTL_SERIAL_WAIT_ON_MASK), ULONG{SERIAL_EV_TXEMPTY});
+    // Not while bytes are held back, and not for nothing.
+    Pending wait;
+    state(port, 0x100);
+    EXPECT_EQ(port.wait(wait), STATUS_PENDING);
+    port.write("held");
+    port.rig.run(100);
+    EXPECT_FALSE(wait.done());
+    state(port, 0);
+    EXPECT_EQ(wait.value, ULONG{SERIAL_EV_TXEMPTY});
+}
+
+// --- Waiting ----------------------------------------------------------------------------------------------------------
+
+// A changed mask ends the wait with nothing, whatever it is changed to.
+TEST(DriverEvents, changed_mask_ends_the_wait) {
+    for (const ULONG mask : {ULONG{0}, ULONG{SERIAL_EV_RXCHAR}, ULONG{SERIAL_EV_CTS}, ULONG{MAXULONG}}) {
+        OpenPort port;
+        Pending wait;
+        wait.value = 0xFFFFFFFF;
+        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
+        port.wait(wait);
+        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, mask);
+        port.rig.run(1);
+        ASSERT_TRUE(wait.done());
+        EXPECT_EQ(wait.status(), STATUS_SUCCESS);
+        EXPECT_EQ(wait.value, 0u);
+        Pending next;
+        EXPECT_EQ(port.wait(next), STATUS_PENDING);
+        port.rig.run(1);
+        EXPECT_EQ(next.done(), mask == 0);
+        if (mask == 0) {
+            EXPECT_EQ(next.status(), STATUS_INVALID_PARAMETER);
+            EXPECT_EQ(next.information(), 0u);
+        }
+    }
+}
+
+// Four bytes are written, however many there are.
+TEST(DriverEvents, value_is_four_bytes) {
+    OpenPort port;
+    const PDEVICE_OBJECT object = port.rig.executive().lookUp(dataDevice);
+    KernelRequest wait(object);
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
+    for (const ULONG room : {4, 5, 8, 64}) {
+        wait.submit(IRP_MJ_DEVICE_CONTROL, IOCTL_SERIAL_WAIT_ON_MASK, {}, 0, room);
+        EXPECT_FALSE(wait.done());
+        port.send("x");
+        ASSERT_TRUE(wait.done());
+        EXPECT_EQ(wait.information(), 4u);
+        EXPECT_EQ(wait.value(), ULONG{SERIAL_EV_RXCHAR});
+        EXPECT_EQ(wait.buffer().substr(4), std::string(room - 4, static_cast<char>(KernelRequest::fill)));
+    }
+}
+
+// What may come between a cancellation and its end, 100 ms later.
+TEST(DriverEvents, cancelled_wait) {
+    enum Between { nothing, secondCancel, event, mask, nextWait, removal };
+    const struct {
+        Between between;
+        NTSTATUS status;
+        ULONG value;
+        std::int64_t endMs;
+    } cases[] = {
+        {nothing, STATUS_SUCCESS, 0, 100},     {secondCancel, STATUS_SUCCESS, 0, 100},
+        {event, STATUS_SUCCESS, SERIAL_EV_RXCHAR, 50}, {mask, STATUS_SUCCESS, 0, 50},
+        {nextWait, STATUS_SUCCESS, 0, 50},     {removal, STATUS_DEVICE_REMOVED, 0xFFFF, 50},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.between);
+        OpenPort port;
+        Pending wait, next;
+        wait.value = 0xFFFF;
+        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
+        port.wait(wait);
+        const auto begin = nowMs();
+        port.file.cancel(wait.request);
+        port.rig.run(50);
+        EXPECT_FALSE(wait.done());
+        switch (c.between) {
+        case nothing: break;
+        case secondCancel: port.file.cancel(wait.request); break;
+        case event: port.send("x"); break;
+        case mask: port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR); break;
+        case nextWait: port.wait(next); break;
+        case removal: port.rig.unplug(); break;
+        }
+        port.rig.run(300);
+        ASSERT_EQ(wait.completions, 1u);
+        EXPECT_EQ(wait.status(), c.status);
+        EXPECT_EQ(wait.information(), 4u);
+        EXPECT_EQ(wait.value, c.value);   // an error brings no value along
+        EXPECT_GE(wait.atMs - begin, c.endMs);
+        EXPECT_LE(wait.atMs - begin, c.endMs + 5);
+        EXPECT_FALSE(next.done());
+    }
+}
+
+// The same request again stays stored and ends once; cancelled on its way in, it is no longer the port's.
+TEST(DriverEvents, same_request_again) {
+    for (const bool cancelled : {false, true}) {
+        RigOptions options = traced(0x3);
+        options.verifier = false;   // it does not let a request that is under way be sent
+        OpenPort port(options);
+        port.rig.allowAssertions();
+        KernelRequest wait(port.rig.executive().lookUp(dataDevice));
+        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
+        EXPECT_EQ(wait.submit(IRP_MJ_DEVICE_CONTROL, IOCTL_SERIAL_WAIT_ON_MASK, {}, 0, 4), STATUS_PENDING);
+        if (cancelled) IoCancelIrp(wait.irp());
+        EXPECT_EQ(wait.callAgain(), STATUS_PENDING);
+        EXPECT_TRUE(port.rig.traced("Upper driver sends the same WaitIrp again\n"));
+        port.rig.run(500);
+        EXPECT_EQ(wait.done(), cancelled);
+        port.send("x");
+        ASSERT_TRUE(wait.done());
+        EXPECT_EQ(wait.status(), cancelled ? STATUS_CANCELLED : STATUS_SUCCESS);
+        if (cancelled) {
+            EXPECT_EQ(port.get(IOCTL_SERIAL_WAIT_ON_MASK), ULONG{SERIAL_EV_RXCHAR});
+        } else {
+            EXPECT_EQ(wait.value(), ULONG{SERIAL_EV_RXCHAR});
+        }
+    }
+}
+
+// Waits, cancels, masks and events at once: each wait ends once, with an event of its mask or with nothing.
+TEST(DriverEvents, waits_in_any_order) {
+    for (const auto seed : test::seeds(60)) {
+        OpenPort port(seeded(seed));
+        std::array<Pending, 12> waits;
+        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
+        std::vector<nt::Thread> threads;
+        threads.emplace_back("waiter", [&] {
+            for (std::size_t i = 0; i < waits.size(); i += 2) port.wait(waits[i]);
+        });
+        threads.emplace_back("other", [&] {
+            for (std::size_t i = 1; i < waits.size(); i += 2) {
+                port.wait(waits[i]);
+                test::spin(seed % 7);
+                port.file.cancel(waits[i].request);
+            }
+        });
+        threads.emplace_back("masks", [&] {
+            for (int i = 0; i < 4; ++i) {
+                test::spin(seed % 11);
+                port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR | SERIAL_EV_DSR);
+            }
+        });
+        port.rig.device([](ScriptedDevice& d) {
+            d.sendBulk("x");
+            d.notify(test::serialState(2));
+        });
+        port.rig.run(seed % 3);
+        port.file.close();
+        threads.clear();
+        port.rig.run(300);
+        for (const auto& wait : waits) {
+            ASSERT_EQ(wait.completions, 1u);
+            const bool late = !NT_SUCCESS(wait.status());   // after the close had begun
+            EXPECT_TRUE(seed % 3 == 0 || !late);
+            EXPECT_EQ(wait.information(), late ? 0u : 4u);
+            EXPECT_EQ(wait.value & ~ULONG{SERIAL_EV_RXCHAR | SERIAL_EV_DSR}, 0u);
+        }
+    }
+}
+
+// Events that nobody fetched reach the first wait of the next opening.
+TEST(DriverEvents, pending_events_outlive_the_open) {
+    OpenPort port;
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
+    port.send("unread");
+    port.file.close();
+    ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
+    EXPECT_EQ(port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInInQueue, 0u);
+    EXPECT_EQ(port.get(IOCTL_SERIAL_WAIT_ON_MASK), ULONG{SERIAL_EV_RXCHAR});
+}
+
+}  // namespace
