@@ -27,7 +27,7 @@ FrontEnd::FrontEnd(const std::string& portName, PortLease& lease, const std::fil
       wakes_(loop_, checked(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "cannot make an event descriptor")),
       users_(loop_),
       master_(loop_),
-      timer_(loop_),
+      alarm_(loop_),
       port_(portName, lease, wake, this) {
     makeTerminal();
     thread_ = std::thread([this] { run(); });
@@ -258,21 +258,7 @@ void FrontEnd::armTimer() {
     if (holdAtMs_ >= 0 && bridge_->state() != Bridge::State::idle && (due < 0 || holdAtMs_ < due)) {
         due = holdAtMs_;
     }
-    if (due == timerAtMs_) {
-        return;
-    }
-    timerAtMs_ = due;
-    if (due < 0) {
-        timer_.cancel();
-        return;
-    }
-    timer_.expires_at(std::chrono::steady_clock::time_point(std::chrono::milliseconds(due)));
-    timer_.async_wait([this](const asio::error_code& error) {
-        if (!error) {
-            timerAtMs_ = -1;
-            step();
-        }
-    });
+    alarm_.set(due, [this] { step(); });
 }
 
 }  // namespace comport

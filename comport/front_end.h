@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "comport/alarm.h"
 #include "comport/bridge.h"
 #include "comport/port_file.h"
 #include "comport/pty.h"
@@ -61,7 +62,7 @@ private:
     asio::posix::stream_descriptor wakes_;     // eventfd: transfers have ended
     asio::posix::stream_descriptor users_;     // inotify on the terminal
     asio::posix::stream_descriptor master_;    // the terminal's descriptor, duplicated
-    asio::steady_timer timer_;
+    Alarm alarm_;
     std::unique_ptr<Pty> pty_;
     PortFile port_;
     std::unique_ptr<Bridge> bridge_;
@@ -77,7 +78,6 @@ private:
     bool hungUp_ = false;          // as last seen
     std::int64_t holdAtMs_ = -1;   // when to hold the terminal again; -1: not
     std::int64_t busyAtMs_ = -1;   // when to hang up on who waits for a port that a network client has
-    std::int64_t timerAtMs_ = -1;  // what timer_ is set to
     std::thread thread_;
 };
 

@@ -51,7 +51,7 @@ NetServer::NetServer(const std::string& portName, PortLease& lease, NetProtocol 
       kick_(kick),
       wakes_(loop_, makeEventDescriptor()),
       acceptor_(loop_),
-      timer_(loop_),
+      alarm_(loop_),
       port_(portName, lease, wake, this) {
     const char* option = protocol == NetProtocol::raw ? "--tcp" : "--rfc2217";
     try {
@@ -208,7 +208,7 @@ void NetServer::step() {
         send();
         receive();
     }
-    armTimer(session_ ? session_->bridge.deadlineMs() : -1);
+    alarm_.set(session_ ? session_->bridge.deadlineMs() : -1, [this] { step(); });
 }
 
 void NetServer::watchBusy(std::int64_t now) {
@@ -265,24 +265,6 @@ void NetServer::send() {
                           }
                           step();
                       });
-}
-
-void NetServer::armTimer(std::int64_t due) {
-    if (due == timerAtMs_) {
-        return;
-    }
-    timerAtMs_ = due;
-    if (due < 0) {
-        timer_.cancel();
-        return;
-    }
-    timer_.expires_at(std::chrono::steady_clock::time_point(std::chrono::milliseconds(due)));
-    timer_.async_wait([this](const asio::error_code& error) {
-        if (!error) {
-            timerAtMs_ = -1;
-            step();
-        }
-    });
 }
 
 }  // namespace comport

@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "comport/alarm.h"
 #include "comport/bridge.h"
 #include "comport/net_terminal.h"
 #include "comport/options.h"
@@ -66,7 +67,6 @@ private:
     void send();
     void endInput();
     void drop();
-    void armTimer(std::int64_t due);
     std::int64_t nowMs() const;
 
     const std::string portName_;
@@ -75,7 +75,7 @@ private:
     asio::io_context loop_{1};
     asio::posix::stream_descriptor wakes_;  // eventfd: transfers have ended
     asio::ip::tcp::acceptor acceptor_;
-    asio::steady_timer timer_;
+    Alarm alarm_;
     std::string url_;
     PortFile port_;
     std::shared_ptr<Session> session_;  // socket operations under way hold it, too
@@ -84,7 +84,6 @@ private:
     std::atomic<bool> woken_{false};    // wakes_ has been written and not yet been read
     std::atomic<bool> arrived_{false};  // modemArrived() was called
     std::atomic<bool> stopping_{false};
-    std::int64_t timerAtMs_ = -1;       // what timer_ is set to
     std::thread thread_;
 };
 
