@@ -221,8 +221,7 @@ NTSTATUS RcvCompletionRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Conte
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-// Bytes of the packet that its consumer took. With bytes still in it and room in the receive ring a
-// reader has just emptied the ring: the rest is offered again at once.
+// Bytes of the packet that its consumer took.
 static ULONG OfferPacket(SNDRCV_PIPE* Pipe, USB_PACKET* Packet) _Requires_lock_held_(DeviceLock)
 {
     DEVICE* Dev = Pipe->Dev;
@@ -247,6 +246,7 @@ VOID SndRcvCheckRcvQueue(SNDRCV_PIPE* Pipe)
             Packet->Data += Taken;
             Packet->Length -= Taken;
             TRACE(TRC_QUEUE, "%P:%S:SndRcvCheckRcvQueue indicate FALSE\n", PORT_NAME(Dev));
+            // With room in the receive ring a reader has just emptied it: the rest is offered again at once.
             if (Taken > 0 && !Dev->Port.SerPort->CircRcvBuf.Full)
                 continue;
             return;
