@@ -23,6 +23,7 @@ Loopback::Loopback(Options options) : AcmDevice(std::move(options)) {}
 
 void Loopback::powerCycle() {
     wire_.clear();
+    listening_ = false;
     AcmDevice::powerCycle();
 }
 
@@ -43,6 +44,15 @@ bool Loopback::followedLine(LineName name) const {
         break;
     }
     return false;
+}
+
+// Only as they fall: with its lines down on purpose a host may still send and read.
+void Loopback::controlLinesChanged() {
+    bool listens = (controlLines() & (dtr | rts)) != 0;
+    if (listening_ && !listens)
+        wire_.clear();
+    listening_ = listens;
+    reportLines();
 }
 
 std::int32_t Loopback::dataOut(std::uint8_t endpoint, std::span<const std::uint8_t> data, bool) {

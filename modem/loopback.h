@@ -2,7 +2,8 @@
 //
 //   TX --> RX    DTR --> DSR, DCD    RTS --> CTS    break --> break
 //
-// What is on its way is bounded; a host that does not read is held back (NAK).
+// What is on its way is bounded; a host that does not read is held back (NAK). When DTR and RTS have both fallen, the port is closed:
+// a wire keeps nothing for whoever opens it next.
 #pragma once
 
 #include "modem/acm_device.h"
@@ -25,12 +26,13 @@ class Loopback final : public AcmDevice {
 
   private:
     bool followedLine(LineName name) const override;
-    void controlLinesChanged() override { reportLines(); }
+    void controlLinesChanged() override;
     void breakBegun() override { reportNow(stateBreak); }
     std::size_t give(std::span<std::uint8_t> space) override { return wire_.pop(space); }
     bool hasBytes() const override { return !wire_.empty(); }
 
     ByteRing wire_{queueBytes};
+    bool listening_ = false;  // DTR or RTS is up
 };
 
 }  // namespace modem

@@ -89,6 +89,25 @@ TEST(Loopback, BytesSurviveAResetAndNotAnUnplugging) {
     EXPECT_EQ(host.read(), "");
 }
 
+// Whoever opens the port next does not find the bytes of the last one; lines moved one at a time, or left down, lose nothing.
+TEST(Loopback, BytesNobodyListensForAreLost) {
+    struct {
+        std::vector<std::uint16_t> lines;  // before and after the bytes
+        const char* found;
+    } const cases[] = {
+        {{3, 0, 3}, ""}, {{3, 2, 0, 3}, ""}, {{3, 2, 3}, "sent"}, {{3, 1, 2, 3}, "sent"}, {{0, 0, 3}, "sent"}, {{3, 3}, "sent"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(testing::PrintToString(test.lines));
+        Host<modem::Loopback> host;
+        host.request(0x22, test.lines.front());
+        host.write("sent");
+        for (std::size_t i = 1; i < test.lines.size(); ++i)
+            host.request(0x22, test.lines[i]);
+        EXPECT_EQ(host.read(), test.found);
+    }
+}
+
 class LoopbackBytes : public testing::TestWithParam<unsigned> {};
 
 TEST_P(LoopbackBytes, ComeBackInOrderUnderBackPressure) {
