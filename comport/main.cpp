@@ -11,14 +11,23 @@
 
 namespace {
 
-// Until SIGINT or SIGTERM; the modem comes and goes with SIGUSR1 and SIGUSR2.
-void runUntilStopped(comport::Server& server) {
-    asio::io_context loop(1);
-    asio::signal_set signals(loop, SIGINT, SIGTERM);
-    signals.add(SIGUSR1);
-    signals.add(SIGUSR2);
-    std::function<void()> wait = [&] {
-        signals.async_wait([&](const asio::error_code& error, int number) {
+// SIGINT and SIGTERM end the service; the modem comes and goes with SIGUSR1 and SIGUSR2. What comes before run() waits for it.
+class Signals {
+public:
+    Signals() {
+        signals_.add(SIGUSR1);
+        signals_.add(SIGUSR2);
+    }
+
+    // Until it is ended.
+    void run(comport::Server& server) {
+        wait(server);
+        loop_.run();
+    }
+
+private:
+    void wait(comport::Server& server) {
+        signals_.async_wait([&](const asio::error_code& error, int number) {
             if (error || number == SIGINT || number == SIGTERM) {
                 return;
             }
@@ -27,14 +36,16 @@ void runUntilStopped(comport::Server& server) {
             } else {
                 server.plugIn();
             }
-            wait();
+            wait(server);
         });
-    };
-    wait();
-    loop.run();
-}
+    }
+
+    asio::io_context loop_{1};
+    asio::signal_set signals_{loop_, SIGINT, SIGTERM};
+};
 
 int serve(const comport::Options& options) {
+    Signals signals;
     comport::Server server(options);
     std::string link = server.link();
     std::printf("%s is served at %s\nTry: picocom %s   (type ATI, Enter; leave with Ctrl-A Ctrl-X)\n",
@@ -43,7 +54,7 @@ int serve(const comport::Options& options) {
         std::printf("and at %s\n", url.c_str());
     }
     std::fflush(stdout);
-    runUntilStopped(server);
+    signals.run(server);
     std::vector<std::string> left = server.stop();
     for (const std::string& line : left) {
         std::fprintf(stderr, "comport: left at unload: %s\n", line.c_str());
