@@ -134,7 +134,13 @@ void Connection::takeOption(std::span<const std::uint8_t> bytes) {
         reply(command, modemStateMask_);
         notifyModemState();
         break;
-    default: break;  // a client has no states to tell
+    // A client has no states to tell; it asks for the lines.
+    case Command::notifyModemState:
+        if (negotiated_) {
+            tellLines();
+        }
+        break;
+    default: break;
     }
 }
 
@@ -147,12 +153,16 @@ void Connection::takeSignature(std::span<const std::uint8_t> text) {
 }
 
 void Connection::beginNotifying() {
-    if (negotiated_) {
-        return;
+    if (!negotiated_) {
+        negotiated_ = true;
+        tellLines();
     }
-    negotiated_ = true;
-    reply(Command::notifyModemState, static_cast<std::uint8_t>(modemState_ & lineBits & modemStateMask_));
+}
+
+// All that the mask shows, known or not.
+void Connection::tellLines() {
     toldLines_ = modemState_ & lineBits & modemStateMask_;
+    reply(Command::notifyModemState, toldLines_);
     modemState_ &= lineBits;
 }
 

@@ -4,7 +4,7 @@
 //   negotiating --the client agrees to the option--> negotiated (the modem lines are told at once, and at every change)
 //   any --a malformed or endless subnegotiation, or compression--> broken: the connection is to be closed
 //
-// Answered here: negotiation, signature, masks, suspend and resume. Everything else is a Request: the handler
+// Answered here: negotiation, signature, masks, suspend and resume, and a client that asks for the modem lines. Everything else is a Request: the handler
 // carries it out in its turn and acknowledges it with the value that is in force then.
 #pragma once
 
@@ -117,6 +117,7 @@ private:
     void takeOption(std::span<const std::uint8_t> bytes);
     void takeSignature(std::span<const std::uint8_t> text);
     void beginNotifying();
+    void tellLines();
     void notifyModemState();
     void reply(Command command, std::span<const std::uint8_t> bytes);
     void reply(Command command, std::uint8_t value) { reply(command, std::span(&value, 1)); }

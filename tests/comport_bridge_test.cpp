@@ -68,6 +68,7 @@ struct FakePort : Port {
     std::vector<Transfer*> unseen;  // ended, and the news of it still on its way
     bool delayNews = false;
     std::size_t headTaken = 0;
+    unsigned heldBack = 0;
 
     void end(Transfer& transfer, NTSTATUS status, std::size_t moved) {
         transfer.status = status;
@@ -191,6 +192,7 @@ struct FakePort : Port {
         end(transfer, present ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL, 0);
     }
     void query(Transfer& transfer, ULONG) override { refuse(transfer); }
+    void readHeldBack() override { ++heldBack; }
     void purge(ULONG mask) override {
         log += "<purge " + std::to_string(mask) + ">";
         if (mask & SERIAL_PURGE_TXABORT) {
@@ -413,10 +415,18 @@ TEST(Bridge, SlowReaderHoldsTheModemBack) {
     }
     EXPECT_EQ(fed, Bridge::readSlots);
     EXPECT_TRUE(rig.bridge.wantsTerminalSpace());
+    EXPECT_EQ(rig.port.heldBack, 1u) << "the oldest, once, however often it is tried";
     rig.terminal.space = 5;  // one and a quarter
     rig.pump();
     EXPECT_EQ(rig.port.reads.size(), 1u);
     EXPECT_EQ(rig.terminal.shown, "datad");
+    EXPECT_EQ(rig.port.heldBack, 2u);
+    rig.terminal.space = SIZE_MAX;
+    rig.pump();
+    EXPECT_EQ(rig.port.feed("last"), true);
+    rig.pump();
+    EXPECT_EQ(rig.terminal.shown, "datadatadatadatalast");
+    EXPECT_EQ(rig.port.heldBack, 2u) << "a read in the same place, which was taken at once";
 }
 
 TEST(Bridge, CloseCarriesWhatWasWrittenFirst) {
