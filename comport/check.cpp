@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <ntddser.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <termios.h>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -193,20 +195,31 @@ public:
 
     // Sends the bytes and waits for `answer` in what comes, from where the last answer ended.
     bool ask(std::string_view bytes, std::string_view answer) {
-        if (::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size())) {
-            return false;
-        }
-        for (std::size_t at = 0; (at = seen_.find(answer)) == std::string::npos;) {
-            char buffer[512];
-            pollfd entry = {fd_.get(), POLLIN, 0};
-            ssize_t length = ::poll(&entry, 1, patienceMs) > 0 ? ::recv(fd_.get(), buffer, sizeof(buffer), 0) : 0;
-            if (length <= 0) {
+        return say(bytes) && expect(answer);
+    }
+
+    bool expect(std::string_view answer) {
+        while (seen_.find(answer) == std::string::npos) {
+            if (!receive()) {
                 return false;
             }
-            seen_.append(buffer, static_cast<std::size_t>(length));
         }
         seen_.erase(0, seen_.find(answer) + answer.size());
         return true;
+    }
+
+    // Waits until, as it was told last, of the lines in `mask` just these are up; SERIAL_MSR_*.
+    bool told(std::uint8_t mask, std::uint8_t lines) {
+        while (!modemStatus_ || (*modemStatus_ & mask) != lines) {
+            if (!receive()) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool say(std::string_view bytes) {
+        return ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
 
     // A request of the COM port option, and the value it is to be answered with.
@@ -218,22 +231,53 @@ public:
     }
 
 private:
+    bool receive() {
+        char buffer[512];
+        pollfd entry = {fd_.get(), POLLIN, 0};
+        ssize_t length = ::poll(&entry, 1, patienceMs) > 0 ? ::recv(fd_.get(), buffer, sizeof(buffer), 0) : 0;
+        seen_.append(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
+        takeModemStatus();
+        return length > 0;
+    }
+
+    // It comes unasked, between anything else.
+    void takeModemStatus() {
+        constexpr std::string_view head = "\xFF\xFA\x2C\x6B";
+        constexpr std::string_view tail = "\xFF\xF0";
+        for (std::size_t at = 0; (at = seen_.find(head, at)) != std::string::npos;) {
+            if (seen_.compare(std::min(at + head.size() + 1, seen_.size()), tail.size(), tail) != 0) {
+                return;
+            }
+            modemStatus_ = static_cast<std::uint8_t>(seen_[at + head.size()]);
+            seen_.erase(at, head.size() + 1 + tail.size());
+        }
+    }
+
     UniqueFd fd_;
     std::string seen_;
+    std::optional<std::uint8_t> modemStatus_;
 };
 
 void tryNetwork(const std::string& url) {
     using namespace std::string_literals;
+    constexpr std::uint8_t all = SERIAL_MSR_CTS | SERIAL_MSR_DSR | SERIAL_MSR_RI | SERIAL_MSR_DCD;
     NetClient client(url);
-    require(client.ask("\xFF\xFB\x2C", "\xFF\xFA\x2C\x6B"), "a network client is told the modem lines");
+    require(client.say("\xFF\xFB\x2C") && client.told(all, SERIAL_MSR_CTS | SERIAL_MSR_DSR),
+            "a network client is told the modem status: CTS and DSR are up, RI and DCD are not");
+    bool changed = client.request(1, "\0\0\x25\x80"s, "\0\0\x25\x80"s) && client.request(2, "\7", "\7") &&
+                   client.request(3, "\3", "\3") && client.request(4, "\2", "\2");
+    require(changed, "it sets 9600 7E2");
     bool set = client.request(1, "\0\1\xC2\0"s, "\0\1\xC2\0"s) && client.request(2, "\x08", "\x08") &&
-               client.request(3, "\x01", "\x01") && client.request(4, "\x01", "\x01");
+               client.request(3, "\1", "\1") && client.request(4, "\1", "\1");
     require(set, "it sets 115200 8N1");
     bool toggled = client.request(5, "\x09", "\x09") && client.request(5, "\x08", "\x08") &&
                    client.request(5, "\x0C", "\x0C") && client.request(5, "\x0B", "\x0B");
     require(toggled, "it drops and raises DTR and RTS");
     require(client.ask("AT\r", "OK"), "the modem answers it");
-    require(client.ask("ATD" + echoNumber() + "\r", "\xFF\xFA\x2C\x6B"), "it dials, and is told of the carrier");
+    require(client.say("ATD" + echoNumber() + "\r") && client.told(SERIAL_MSR_DCD, SERIAL_MSR_DCD),
+            "it dials, and is told of the carrier");
+    require(client.expect("CONNECT 115200\r"), "the modem knows the rate");
+    require(client.request(5, "\x09", "\x09") && client.told(SERIAL_MSR_DCD, 0), "it drops DTR: the modem hangs up");
 }
 
 std::filesystem::path temporaryDirectory() {
