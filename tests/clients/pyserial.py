@@ -1,27 +1,13 @@
 #!/usr/bin/env python3
-"""pySerial against a served port, as its users call it: settings, lines, purges, bytes. Usage: pyserial.py URL NUMBER
-
-URL is rfc2217://HOST:PORT of a port with the virtual modem, NUMBER one to call that echoes. Prints each step; exits with 1 at the
-first that fails."""
+"""pySerial against a served port, as its users call it: settings, lines, purges, bytes. Wants the modem."""
 import random
-import sys
 import threading
-import time
 
 import serial
 
+from served import RFC2217, require, until
 
-def require(condition, what):
-    print(("ok: " if condition else "FAILED: ") + what, flush=True)
-    if not condition:
-        sys.exit(1)
-
-
-def until(condition, seconds=5):
-    end = time.monotonic() + seconds
-    while not condition() and time.monotonic() < end:
-        time.sleep(0.01)
-    return condition()
+ECHO = b"100"
 
 
 def answers(port, command, answer):
@@ -45,9 +31,9 @@ def settings(port):
         require(getattr(port, name) == values[-1], f"{name}: {values}")
 
 
-def echo(port, number):
+def echo(port):
     require(not port.cd, "no carrier")
-    require(answers(port, b"ATD" + number.encode(), b"CONNECT"), "dialled")
+    require(answers(port, b"ATD" + ECHO, b"CONNECT"), "dialled")
     port.read_until(b"\n")
     require(until(lambda: port.cd), "carrier")
     data = random.Random(1).randbytes(200000) + b"\xff" * 1000
@@ -57,25 +43,25 @@ def echo(port, number):
     writer.join()
     port.dtr = False
     require(until(lambda: not port.cd), "DTR hangs up")
+    require(port.cts and port.dsr and port.rts, "and moves no other line")
     port.dtr = True
 
 
 def main():
-    url, number = sys.argv[1:]
-    port = serial.serial_for_url(url, baudrate=115200, timeout=5)
+    port = serial.serial_for_url(RFC2217, baudrate=115200, timeout=5)
     require(until(lambda: port.dsr), "opened, the modem is ready")
     require(answers(port, b"AT", b"OK"), "the modem answers")
     settings(port)
     port.reset_input_buffer()
     port.reset_output_buffer()
-    echo(port, number)
+    echo(port)
     try:
-        serial.serial_for_url(url).close()
+        serial.serial_for_url(RFC2217).close()
         require(False, "a second client is refused")
     except (serial.SerialException, OSError):
         require(True, "a second client is refused")
     port.close()
-    port = serial.serial_for_url(url, timeout=5)
+    port = serial.serial_for_url(RFC2217, timeout=5)
     port.reset_input_buffer()
     require(answers(port, b"AT", b"OK"), "opened again, the modem answers")
     port.close()
