@@ -1,10 +1,8 @@
 #include "comport/front_end.h"
 
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -23,25 +21,23 @@ int checked(int fd, const char* what) {
 }  // namespace
 
 FrontEnd::FrontEnd(const std::string& portName, PortLease& lease, const std::filesystem::path& link)
-    : link_(link),
-      wakes_(loop_, checked(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "cannot make an event descriptor")),
-      users_(loop_),
-      master_(loop_),
-      alarm_(loop_),
-      port_(portName, lease, wake, this) {
+    : link_(link), users_(loop_.context()), master_(loop_.context()), port_(portName, lease, wake, this) {
     makeTerminal();
-    thread_ = std::thread([this] { run(); });
+    loop_.start([this] {
+        watchUsers();
+        loop_.step();  // somebody may have found the terminal already
+    });
 }
 
 FrontEnd::~FrontEnd() {
     stopping_ = true;
-    wake(this);
-    thread_.join();
+    loop_.wake();
+    loop_.join();
 }
 
 void FrontEnd::modemArrived() {
     arrived_ = true;
-    wake(this);
+    loop_.wake();
 }
 
 // Also in the middle of the service, when an application left the old terminal closed to others.
@@ -60,47 +56,11 @@ void FrontEnd::makeTerminal() {
     pty_->publish();
 }
 
-std::int64_t FrontEnd::nowMs() const {
-    auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
-
-void FrontEnd::wake(void* context) {
-    FrontEnd& self = *static_cast<FrontEnd*>(context);
-    if (std::this_thread::get_id() == self.loopThread_.load(std::memory_order_relaxed)) {
-        self.again_ = true;
-        return;
-    }
-    if (!self.woken_.exchange(true)) {
-        std::uint64_t one = 1;
-        [[maybe_unused]] ssize_t written = ::write(self.wakes_.native_handle(), &one, sizeof(one));
-    }
-}
-
-void FrontEnd::run() {
-    loopThread_ = std::this_thread::get_id();
-    waitForWakes();
-    watchUsers();
-    step();   // somebody may have found the terminal already
-    loop_.run();
-}
-
-void FrontEnd::waitForWakes() {
-    wakes_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code&) {
-        std::uint64_t count = 0;
-        [[maybe_unused]] ssize_t length = ::read(wakes_.native_handle(), &count, sizeof(count));
-        // Cleared before the transfers are looked at: one that ends now wakes again.
-        woken_ = false;
-        waitForWakes();
-        step();
-    });
-}
-
 void FrontEnd::watchUsers() {
     users_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code& error) {
         if (!error) {
             takeUserEvents();
-            step();
+            loop_.step();
             watchUsers();
         }
     });
@@ -124,24 +84,12 @@ void FrontEnd::takeUserEvents() {
     if (closed) {
         // The release is itself a close and comes here once more, which does no harm.
         pty_->release();
-        holdAtMs_ = nowMs() + holdAgainMs;
+        holdAtMs_ = PortLoop::nowMs() + holdAgainMs;
     }
 }
 
-// What ends inside a step is looked at in the next one, at once; other descriptors get their turn now and then.
 void FrontEnd::step() {
-    int rounds = 0;
-    do {
-        again_ = false;
-        stepOnce();
-    } while (again_ && ++rounds < stepRounds && !loop_.stopped());
-    if (again_ && !loop_.stopped()) {
-        asio::post(loop_, [this] { step(); });
-    }
-}
-
-void FrontEnd::stepOnce() {
-    std::int64_t now = nowMs();
+    std::int64_t now = PortLoop::nowMs();
     if (arrived_.exchange(false)) {
         bridge_->modemArrived(now);
     }
@@ -214,7 +162,7 @@ void FrontEnd::endSession() {
         renewTerminal();
     }
     // Somebody may have opened it in the meantime.
-    wake(this);
+    loop_.wake();
 }
 
 void FrontEnd::renewTerminal() {
@@ -222,7 +170,7 @@ void FrontEnd::renewTerminal() {
         makeTerminal();
         // The watch on the old one has ended with it.
         watchUsers();
-        wake(this);
+        loop_.wake();
     } catch (const std::runtime_error& error) {
         std::fprintf(stderr, "comport: %s\n", error.what());
     }
@@ -233,7 +181,7 @@ void FrontEnd::armTerminal() {
         return [this, &armed](const asio::error_code& error) {
             armed = false;
             if (!error) {
-                step();
+                loop_.step();
             }
         };
     };
@@ -258,7 +206,7 @@ void FrontEnd::armTimer() {
     if (holdAtMs_ >= 0 && bridge_->state() != Bridge::State::idle && (due < 0 || holdAtMs_ < due)) {
         due = holdAtMs_;
     }
-    alarm_.set(due, [this] { step(); });
+    loop_.setTimer(due);
 }
 
 }  // namespace comport

@@ -13,11 +13,10 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "comport/alarm.h"
 #include "comport/bridge.h"
 #include "comport/port_file.h"
+#include "comport/port_loop.h"
 #include "comport/pty.h"
 
 namespace comport {
@@ -37,48 +36,37 @@ public:
 
 private:
     static constexpr std::int64_t holdAgainMs = 100;
-    static constexpr int stepRounds = 64;
     static constexpr std::int64_t busyAfterMs = 1500;  // somebody else's close may take a second
 
-    void run();
     void makeTerminal();
     void renewTerminal();
-    static void wake(void* self);
+    static void wake(void* self) { static_cast<FrontEnd*>(self)->loop_.wake(); }
     void step();
-    void stepOnce();
     void watchUsers();
     void takeUserEvents();
     void beginSession(std::int64_t now);
     void watchHangUp(std::int64_t now);
     void watchBusy(std::int64_t now);
     void endSession();
-    void waitForWakes();
     void armTerminal();
     void armTimer();
-    std::int64_t nowMs() const;
 
     std::filesystem::path link_;
-    asio::io_context loop_{1};
-    asio::posix::stream_descriptor wakes_;     // eventfd: transfers have ended
+    PortLoop loop_{[this] { step(); }};
     asio::posix::stream_descriptor users_;     // inotify on the terminal
     asio::posix::stream_descriptor master_;    // the terminal's descriptor, duplicated
-    Alarm alarm_;
     std::unique_ptr<Pty> pty_;
     PortFile port_;
     std::unique_ptr<Bridge> bridge_;
 
-    std::atomic<bool> woken_{false};    // wakes_ has been written and not yet been read
     std::atomic<bool> arrived_{false};  // modemArrived() was called
     std::atomic<bool> stopping_{false};
-    std::atomic<std::thread::id> loopThread_{};
-    bool again_ = false;  // something ended during a step; the loop's thread only
     bool inputArmed_ = false;
     bool eventsArmed_ = false;
     bool spaceArmed_ = false;
     bool hungUp_ = false;          // as last seen
     std::int64_t holdAtMs_ = -1;   // when to hold the terminal again; -1: not
     std::int64_t busyAtMs_ = -1;   // when to hang up on who waits for a port that a network client has
-    std::thread thread_;
 };
 
 }  // namespace comport

@@ -1,11 +1,9 @@
 #include "comport/net_server.h"
 
 #include <netinet/tcp.h>
-#include <sys/eventfd.h>
+#include <sys/socket.h>
 
-#include <cerrno>
-#include <chrono>
-#include <cstring>
+#include <algorithm>
 #include <stdexcept>
 
 namespace comport {
@@ -15,14 +13,6 @@ namespace {
 constexpr int keepaliveIdleSeconds = 30;
 constexpr int keepaliveIntervalSeconds = 10;
 constexpr int keepaliveProbes = 3;
-
-int makeEventDescriptor() {
-    int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (fd < 0) {
-        throw std::runtime_error("cannot make an event descriptor: " + std::string(std::strerror(errno)));
-    }
-    return fd;
-}
 
 // Answers are small and waited for; a peer that is gone without a word is to be noticed within a minute.
 void setUp(asio::ip::tcp::socket& socket) {
@@ -49,9 +39,7 @@ NetServer::NetServer(const std::string& portName, PortLease& lease, NetProtocol 
     : portName_(portName),
       protocol_(protocol),
       kick_(kick),
-      wakes_(loop_, makeEventDescriptor()),
-      acceptor_(loop_),
-      alarm_(loop_),
+      acceptor_(loop_.context()),
       port_(portName, lease, wake, this) {
     const char* option = protocol == NetProtocol::raw ? "--tcp" : "--rfc2217";
     try {
@@ -65,48 +53,18 @@ NetServer::NetServer(const std::string& portName, PortLease& lease, NetProtocol 
                                  error.code().message() + "; give another [ADDR:]PORT, 0 for any free port");
     }
     url_ = (protocol == NetProtocol::raw ? "tcp://" : "rfc2217://") + textOf(acceptor_.local_endpoint());
-    thread_ = std::thread([this] { run(); });
+    loop_.start([this] { accept(); });
 }
 
 NetServer::~NetServer() {
     stopping_ = true;
-    wake(this);
-    thread_.join();
+    loop_.wake();
+    loop_.join();
 }
 
 void NetServer::modemArrived() {
     arrived_ = true;
-    wake(this);
-}
-
-std::int64_t NetServer::nowMs() const {
-    auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
-
-void NetServer::wake(void* context) {
-    NetServer& self = *static_cast<NetServer*>(context);
-    if (!self.woken_.exchange(true)) {
-        std::uint64_t one = 1;
-        [[maybe_unused]] ssize_t written = ::write(self.wakes_.native_handle(), &one, sizeof(one));
-    }
-}
-
-void NetServer::run() {
-    waitForWakes();
-    accept();
-    loop_.run();
-}
-
-void NetServer::waitForWakes() {
-    wakes_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code&) {
-        std::uint64_t count = 0;
-        [[maybe_unused]] ssize_t length = ::read(wakes_.native_handle(), &count, sizeof(count));
-        // Cleared before the transfers are looked at: one that ends now wakes again.
-        woken_ = false;
-        waitForWakes();
-        step();
-    });
+    loop_.wake();
 }
 
 // ---- clients come and go ----
@@ -135,7 +93,7 @@ void NetServer::admit(Socket client) {
     } else {
         refuse(std::move(client), portName_ + " is in use\r\n");
     }
-    step();
+    loop_.step();
 }
 
 void NetServer::refuse(Socket client, const std::string& why) {
@@ -146,7 +104,7 @@ void NetServer::refuse(Socket client, const std::string& why) {
 }
 
 void NetServer::begin(Socket client) {
-    std::int64_t now = nowMs();
+    std::int64_t now = PortLoop::nowMs();
     session_ = std::make_shared<Session>(std::move(client), protocol_, "comport " COMPORT_VERSION " " + portName_, port_);
     session_->busyAtMs = now + busyAfterMs;
     session_->bridge.terminalOpened(now);
@@ -157,7 +115,7 @@ void NetServer::begin(Socket client) {
 void NetServer::endInput() {
     session_->left = true;
     session_->terminal.endInput();
-    session_->bridge.setHungUp(true, nowMs());
+    session_->bridge.setHungUp(true, PortLoop::nowMs());
 }
 
 // The connection is lost, or to be.
@@ -174,7 +132,7 @@ void NetServer::drop() {
 // ---- the session ----
 
 void NetServer::step() {
-    std::int64_t now = nowMs();
+    std::int64_t now = PortLoop::nowMs();
     bool arrived = arrived_.exchange(false);
     if (stopping_) {
         asio::error_code ignored;
@@ -201,14 +159,14 @@ void NetServer::step() {
         }
         if (next_) {
             begin(*std::exchange(next_, std::nullopt));
-            wake(this);
+            loop_.wake();
         }
     }
     if (session_) {
         send();
         receive();
     }
-    alarm_.set(session_ ? session_->bridge.deadlineMs() : -1, [this] { step(); });
+    loop_.setTimer(session_ ? session_->bridge.deadlineMs() : -1);
 }
 
 void NetServer::watchBusy(std::int64_t now) {
@@ -230,41 +188,51 @@ void NetServer::receive() {
     }
     session_->receiving = true;
     std::shared_ptr<Session> session = session_;
-    session->socket.async_read_some(asio::buffer(session->piece),
-                                    [this, session](const asio::error_code& error, std::size_t length) {
-                                        session->receiving = false;
-                                        if (session != session_ || session->left) {
-                                            return;
-                                        }
-                                        if (!error) {
-                                            session->terminal.receive(std::span(session->piece).first(length));
-                                        } else if (error == asio::error::eof) {
-                                            endInput();
-                                        } else {
-                                            drop();
-                                        }
-                                        step();
-                                    });
+    auto received = [this, session](const asio::error_code& error, std::size_t length) {
+        session->receiving = false;
+        if (session != session_ || session->left) {
+            return;
+        }
+        if (!error) {
+            session->terminal.receive(std::span(session->piece).first(length));
+        } else if (error == asio::error::eof) {
+            endInput();
+        } else {
+            drop();
+        }
+        loop_.step();
+    };
+    session->socket.async_read_some(asio::buffer(session->piece), std::move(received));
 }
 
-// Everything there is, in one write: a notification and the data after it leave together.
+// Everything there is, in one write: a notification and the data after it leave together. What the socket does not take at once,
+// it gets when it can.
 void NetServer::send() {
     Session& session = *session_;
-    if (!session.sending.empty() || session.terminal.output().empty() || !session.socket.is_open()) {
+    std::vector<std::uint8_t>& output = session.terminal.output();
+    if (!session.sending.empty() || output.empty() || !session.socket.is_open()) {
         return;
     }
-    session.sending.swap(session.terminal.output());
-    asio::async_write(session.socket, asio::buffer(session.sending),
-                      [this, held = session_](const asio::error_code& error, std::size_t) {
-                          held->sending.clear();
-                          if (held != session_) {
-                              return;
-                          }
-                          if (error) {
-                              drop();
-                          }
-                          step();
-                      });
+    if (output.size() >= NetTerminal::outputLimit) {
+        loop_.wake();  // there was more, and no room for it
+    }
+    ssize_t taken = ::send(session.socket.native_handle(), output.data(), output.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    output.erase(output.begin(), output.begin() + std::max<ssize_t>(taken, 0));
+    if (output.empty()) {
+        return;
+    }
+    session.sending.swap(output);
+    auto sent = [this, held = session_](const asio::error_code& error, std::size_t) {
+        held->sending.clear();
+        if (held != session_) {
+            return;
+        }
+        if (error) {
+            drop();
+        }
+        loop_.step();
+    };
+    asio::async_write(session.socket, asio::buffer(session.sending), std::move(sent));
 }
 
 }  // namespace comport

@@ -11,13 +11,12 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "comport/alarm.h"
 #include "comport/bridge.h"
 #include "comport/net_terminal.h"
 #include "comport/options.h"
 #include "comport/port_file.h"
+#include "comport/port_loop.h"
 
 namespace comport {
 
@@ -54,9 +53,7 @@ private:
         bool left = false;          // the client has, or was made to
     };
 
-    void run();
-    static void wake(void* self);
-    void waitForWakes();
+    static void wake(void* self) { static_cast<NetServer*>(self)->loop_.wake(); }
     void accept();
     void admit(Socket client);
     void refuse(Socket client, const std::string& why);
@@ -67,24 +64,19 @@ private:
     void send();
     void endInput();
     void drop();
-    std::int64_t nowMs() const;
 
     const std::string portName_;
     const NetProtocol protocol_;
     const bool kick_;
-    asio::io_context loop_{1};
-    asio::posix::stream_descriptor wakes_;  // eventfd: transfers have ended
+    PortLoop loop_{[this] { step(); }};
     asio::ip::tcp::acceptor acceptor_;
-    Alarm alarm_;
     std::string url_;
     PortFile port_;
     std::shared_ptr<Session> session_;  // socket operations under way hold it, too
     std::optional<Socket> next_;        // waits for the session to end
 
-    std::atomic<bool> woken_{false};    // wakes_ has been written and not yet been read
     std::atomic<bool> arrived_{false};  // modemArrived() was called
     std::atomic<bool> stopping_{false};
-    std::thread thread_;
 };
 
 }  // namespace comport

@@ -1,16 +1,24 @@
-// The whole program in this process, on the real clock: what only a real terminal shows.
+// The whole program in this process, on the real clock: what only a real terminal, a real socket or real threads show.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "comport/port_loop.h"
 #include "comport/server.h"
 
 namespace {
@@ -64,6 +72,105 @@ TEST(Serve, open_at_the_first_moment) {
         EXPECT_TRUE(good) << "round " << round;
         EXPECT_TRUE(server.stop().empty());
     }
+}
+
+// A client of `url` on the loopback address that takes little unread; it never waits.
+int connected(const std::string& url) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int little = 65536;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+    return fd;
+}
+
+bool ready(int fd, short events, int timeoutMs) {
+    pollfd entry{fd, events, 0};
+    return poll(&entry, 1, timeoutMs) > 0;
+}
+
+// It writes until nobody takes more, and only then reads: nothing but its reading moves the bytes on.
+TEST(Serve, what_a_client_leaves_unread_comes_later) {
+    comport::Options options;
+    options.ptyLink = (std::filesystem::temp_directory_path() / ("comport-unread-test-" + std::to_string(getpid()))).string();
+    options.traceMask = 0;
+    options.modem = comport::ModemKind::loopback;
+    options.tcp = comport::NetAddress{};
+    comport::Server server(options);
+    const int fd = connected(server.urls().at(0));
+    std::vector<std::uint8_t> piece(16384);
+    const auto byteAt = [](std::size_t at) { return static_cast<std::uint8_t>(at ^ at >> 8 ^ at >> 16); };
+    std::size_t sent = 0, received = 0;
+    while (ready(fd, POLLOUT, 300)) {
+        for (std::size_t i = 0; i < piece.size(); ++i) {
+            piece[i] = byteAt(sent + i);
+        }
+        const ssize_t n = send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+        ASSERT_GT(n, 0);
+        sent += static_cast<std::size_t>(n);
+    }
+    bool same = true;
+    while (received < sent && ready(fd, POLLIN, 5000)) {
+        const ssize_t n = recv(fd, piece.data(), piece.size(), 0);
+        ASSERT_GT(n, 0);
+        for (ssize_t i = 0; i < n; ++i) {
+            same &= piece[static_cast<std::size_t>(i)] == byteAt(received++);
+        }
+    }
+    EXPECT_TRUE(same);
+    EXPECT_EQ(received, sent);
+    close(fd);
+    EXPECT_TRUE(server.stop().empty());
+}
+
+// Whatever is said before a wake is seen by a step after it, from threads and from the steps themselves.
+TEST(Loop, no_wake_is_lost) {
+    constexpr int callers = 3, calls = 20000, again = 1000;
+    std::mutex lock;
+    std::condition_variable changed;
+    std::atomic<int> said{0};
+    int seen = 0, own = 0;
+    bool stop = false;
+    comport::PortLoop* self = nullptr;
+    comport::PortLoop loop([&] {
+        std::lock_guard guard(lock);
+        seen = said;
+        if (own < again) {
+            ++own;
+            self->wake();
+        }
+        if (stop) {
+            self->stop();
+        }
+        changed.notify_one();
+    });
+    self = &loop;
+    loop.start([&] { loop.step(); });
+    std::vector<std::thread> threads;
+    for (int i = 0; i < callers; ++i) {
+        threads.emplace_back([&] {
+            for (int call = 0; call < calls; ++call) {
+                ++said;
+                loop.wake();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    {
+        std::unique_lock guard(lock);
+        EXPECT_TRUE(changed.wait_for(guard, std::chrono::seconds(10), [&] { return seen == callers * calls && own == again; }))
+            << "seen " << seen << ", by itself " << own;
+        stop = true;
+    }
+    loop.wake();
+    loop.join();
 }
 
 }  // namespace
