@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "kernel/hand.h"
+
 namespace comport {
 
 namespace {
@@ -61,10 +63,13 @@ void PortLoop::waitForWakes() {
 }
 
 void PortLoop::step() {
+    // What the step causes the device to do is mostly what the next one waits for.
+    nt::HandScope hand;
     int rounds = 0;
     do {
         again_ = false;
         step_();
+        hand.work();
     } while (again_ && ++rounds < stepRounds && !context_.stopped());
     if (again_ && !context_.stopped()) {
         asio::post(context_, [this] { step(); });

@@ -3,6 +3,7 @@
 //   free --newProcessor--> given to a thread --adoptProcessor--> in use --leaveProcessor--> free
 //
 // Records are never freed, so a waker may still touch the record of a thread that has gone.
+#include "kernel/hand.h"
 #include "kernel/processor.h"
 
 #include <linux/futex.h>
@@ -173,6 +174,7 @@ Processor* processorAt(std::size_t index) {
 
 bool sleepOnToken(Processor& p, std::uint64_t deadline) {
     while (!p.token.exchange(0, std::memory_order_acquire)) {
+        emptyHand();
         if (!futexWait(p.token, 0, deadline)) {
             return false;
         }
@@ -210,6 +212,7 @@ void parkOn(ParkWord& word, std::uint32_t seen, const char* what, bool idle) {
         }
         return;
     }
+    emptyHand();
     futexWait(word, seen, 0);
 }
 
@@ -220,6 +223,7 @@ void parkUntil(ParkWord& word, std::uint32_t seen, const char* what, std::uint64
         }
         return;
     }
+    emptyHand();
     futexWait(word, seen, deadline);
 }
 

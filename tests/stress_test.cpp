@@ -2,6 +2,7 @@
 #include "tests/system_port.h"
 
 #include "kernel/faults.h"
+#include "kernel/hand.h"
 #include "kernel/thread.h"
 
 #include <atomic>
@@ -94,14 +95,17 @@ void waits(nt::File& file, Dice dice, const std::atomic<bool>& stop) {
     }
 }
 
-// Reads, writes and purges that are cancelled at any moment; their bytes do not matter.
+// Reads, writes and purges that are cancelled at any moment; their bytes do not matter. The thread serves the device itself when
+// it feels like it, and blocks with that work in hand when not.
 void transfers(nt::File& file, Dice dice, const std::atomic<bool>& stop) {
     std::string out = test::noise(3000, 9), in(3000, '\0');
+    nt::HandScope hand;
     while (!stop) {
         Waited read, write;
         const ULONG length = 1 + dice.roll(3000);
         read.issue([&](nt::Request& r) { file.read(r, in.data(), length); });
         write.issue([&](nt::Request& r) { file.write(r, out.data(), length); });
+        if (dice.roll(2) == 0) hand.work();
         pause(dice.roll(3));
         if (dice.roll(4) == 0) test::control(file, IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR | SERIAL_PURGE_TXABORT});
         if (dice.roll(8) == 0) {
@@ -115,14 +119,19 @@ void transfers(nt::File& file, Dice dice, const std::atomic<bool>& stop) {
     }
 }
 
-// Sends a stream through the echo in random pieces and checks every byte of it.
+// Sends a stream through the echo in random pieces and checks every byte of it. The writer serves the device itself now and then.
 void checkedStream(nt::File& file, std::uint32_t seed) {
     const std::string sent = test::noise(bytesPerRound, seed);
     nt::Thread writer("writer", [&] {
         Dice dice(seed);
+        nt::HandScope hand;
         for (std::size_t at = 0; at < sent.size();) {
             const auto length = static_cast<ULONG>(std::min<std::size_t>(1 + dice.roll(3000), sent.size() - at));
-            EXPECT_EQ(file.write(sent.data() + at, length).status, STATUS_SUCCESS);
+            Waited write;
+            write.issue([&](nt::Request& r) { file.write(r, sent.data() + at, length); });
+            if (dice.roll(2) == 0) hand.work();
+            write.await();
+            EXPECT_EQ(write.request().status(), STATUS_SUCCESS);
             at += length;
         }
     });
@@ -213,6 +222,23 @@ TEST_F(Stress, removals_under_fire) {
         checkedStream(file, round + 100);
         file.close();
     }
+}
+
+// Who blocks with the device's work in hand must not wait for himself.
+TEST_F(Stress, the_device_is_served_by_whoever_has_the_time) {
+    open();
+    drain(file);
+    const std::string sent = test::noise(2000, 5);
+    std::string back(sent.size(), '\0');
+    nt::HandScope hand;
+    for (const bool byHand : {true, false, true}) {
+        EXPECT_EQ(file.write(sent.data(), static_cast<ULONG>(sent.size())).status, STATUS_SUCCESS);
+        if (byHand) hand.work();
+        EXPECT_EQ(file.read(back.data(), static_cast<ULONG>(back.size())).information, sent.size());
+        EXPECT_EQ(back, sent);
+    }
+    EXPECT_EQ(file.write("x", 1).status, STATUS_SUCCESS);
+    file.close();
 }
 
 // Opening and closing against the modem's coming and going; the last round must work.

@@ -7,6 +7,7 @@ namespace usb {
 namespace {
 
 constexpr std::int64_t unitsPerMs = 10000;
+constexpr int handRounds = 64;
 
 std::int64_t nowMs() { return static_cast<std::int64_t>(KeQueryInterruptTime()) / unitsPerMs; }
 
@@ -36,6 +37,9 @@ VirtualBackend::VirtualBackend(std::unique_ptr<Device> device, std::string locat
     KeInitializeDpc(&wakeDpc_, wakeThread, this);
     KeInitializeSpinLock(&lock_);
     KeInitializeMutex(&deviceMutex_, 0);
+    hand_.backend = this;
+    hand_.work = [](nt::HandWork& hand) { static_cast<Hand&>(hand).backend->serveByHand(); };
+    hand_.handOver = [](nt::HandWork& hand) { static_cast<Hand&>(hand).backend->handOver(); };
     device_->setWake([this] { kick(); });
 }
 
@@ -50,7 +54,8 @@ bool VirtualBackend::start(BackendEvents& events) {
     goneReported_ = false;
     {
         SpinGuard guard(lock_);
-        gone_ = stopping_ = idle_ = cancels_ = false;
+        gone_ = stopping_ = cancels_ = oversleeps_ = false;
+        server_ = Server::thread;
         kicked_ = true;
     }
     {
@@ -87,13 +92,23 @@ void VirtualBackend::submit(Transfer* transfer) {
     if (wake) wakeLater();
 }
 
-// Callers hold locks that the thread will want at once: it is woken when this processor has let go of all of them.
+// Callers hold locks that the thread will want at once: it is woken when this processor has let go of all of them, or left
+// asleep when this thread will serve.
 void VirtualBackend::wakeLater() {
     KeInsertQueueDpc(&wakeDpc_, nullptr, nullptr);
 }
 
 void VirtualBackend::wakeThread(PKDPC, PVOID context, PVOID, PVOID) {
-    KeSetEvent(&static_cast<VirtualBackend*>(context)->event_, 0, FALSE);
+    auto& self = *static_cast<VirtualBackend*>(context);
+    if (nt::hasHand()) {
+        SpinGuard guard(self.lock_);
+        if (self.server_ == Server::woken) {
+            self.server_ = Server::hand;
+            nt::leaveToHand(self.hand_);
+            return;
+        }
+    }
+    KeSetEvent(&self.event_, 0, FALSE);
 }
 
 void VirtualBackend::cancel(Transfer* transfer) {
@@ -151,12 +166,12 @@ void VirtualBackend::unplug() {
     kick();
 }
 
-// One more round of the thread, now or after the one that runs. True: the event must be set.
+// One more round, now or after the one that runs. True: the event must be set.
 bool VirtualBackend::newRound() {
-    const bool wake = idle_;
     kicked_ = true;
-    idle_ = false;
-    return wake;
+    if (server_ != Server::nobody) return false;
+    server_ = Server::woken;
+    return true;
 }
 
 void VirtualBackend::kick() {
@@ -360,21 +375,67 @@ void VirtualBackend::report(const Round& round) {
 
 // Until something is new or the device's timer is due.
 void VirtualBackend::sleep() {
+    const std::optional<std::int64_t> deadlineMs = deadlineMs_;
     {
         SpinGuard guard(lock_);
         if (kicked_) return;
-        idle_ = true;
+        sleepsUntilMs_ = deadlineMs;
+        server_ = Server::nobody;
     }
-    LARGE_INTEGER timeout{};
-    LARGE_INTEGER* limit = nullptr;
-    if (deadlineMs_) {
-        const auto now = static_cast<std::int64_t>(KeQueryInterruptTime());
-        timeout.QuadPart = std::min<std::int64_t>(now - *deadlineMs_ * unitsPerMs, 0);
-        limit = &timeout;
-    }
-    KeWaitForSingleObject(&event_, Executive, KernelMode, FALSE, limit);
+    do {
+        LARGE_INTEGER timeout{};
+        LARGE_INTEGER* limit = nullptr;
+        if (deadlineMs && !oversleeps_) {
+            const auto now = static_cast<std::int64_t>(KeQueryInterruptTime());
+            timeout.QuadPart = std::min<std::int64_t>(now - *deadlineMs * unitsPerMs, 0);
+            limit = &timeout;
+        }
+        KeWaitForSingleObject(&event_, Executive, KernelMode, FALSE, limit);
+    } while (!endSleep());
+}
+
+// False: a hand serves, and will set the event.
+bool VirtualBackend::endSleep() {
     SpinGuard guard(lock_);
-    idle_ = false;
+    oversleeps_ = server_ == Server::hand;
+    if (!oversleeps_) server_ = Server::thread;
+    return !oversleeps_;
+}
+
+// What must be told of the device or is to end it is the thread's.
+bool VirtualBackend::handRound() {
+    {
+        MutexGuard device(deviceMutex_);
+        if (suspended_) return false;
+        const Round round = collect();
+        serve(round);
+        if (round.stopping || round.gone) return false;
+    }
+    deliver();
+    return true;
+}
+
+void VirtualBackend::serveByHand() {
+    bool more = true;
+    for (int rounds = 0; more && rounds < handRounds; ++rounds) {
+        if (!handRound()) break;
+        SpinGuard guard(lock_);
+        more = kicked_;
+        if (!more && !oversleeps_ && sleepsUntilMs_ == deadlineMs_) {
+            server_ = Server::nobody;
+            return;
+        }
+    }
+    handOver();
+}
+
+void VirtualBackend::handOver() {
+    {
+        SpinGuard guard(lock_);
+        kicked_ = true;
+        server_ = Server::woken;
+    }
+    KeSetEvent(&event_, 0, FALSE);
 }
 
 }  // namespace usb

@@ -1,4 +1,5 @@
-// Runs a usb::Device behind a Backend, on one kernel thread of its own, in both ways to run.
+// Runs a usb::Device behind a Backend, on one kernel thread of its own, in both ways to run. A submitter that lends a hand
+// (kernel/hand.h) serves the transfers itself before it sleeps.
 //
 //   stopped --start--> plugged --unplug--> gone --stop--> stopped
 //                         \------------stop-------------/
@@ -12,6 +13,7 @@
 #include "usb/device.h"
 #include "usb/endpoint_zero.h"
 #include "usb/sync.h"
+#include "kernel/hand.h"
 #include "kernel/thread.h"
 
 #include <wdm.h>
@@ -66,6 +68,13 @@ private:
             return first;
         }
     };
+    // Who serves. One at a time: a hand keeps the thread asleep until it is done.
+    //
+    //   thread --nothing to do--> nobody --newRound--> woken --event or timer--> thread
+    //                               ^                    '----leaveToHand----> hand --done, or handed over--> nobody or woken
+    //                               '-----------------------------------------'
+    enum class Server : std::uint8_t { thread, nobody, woken, hand };
+
     struct Round {
         bool stopping = false;
         bool gone = false;
@@ -86,6 +95,10 @@ private:
     void deliver();
     void report(const Round& round);
     void sleep();
+    bool endSleep();
+    void serveByHand();
+    bool handRound();
+    void handOver();
     void kick();
     bool newRound();  // lock_ held
     void wakeLater();
@@ -98,11 +111,16 @@ private:
     nt::Thread thread_;
     KEVENT event_;
     KDPC wakeDpc_;
+    struct Hand : nt::HandWork {
+        VirtualBackend* backend = nullptr;
+    } hand_;
 
     // Guarded by lock_.
     KSPIN_LOCK lock_;
     Queue inbox_;
-    bool idle_ = false;     // the thread waits for event_, or is about to
+    Server server_ = Server::thread;
+    std::optional<std::int64_t> sleepsUntilMs_;  // what the thread's timer is set to
+    bool oversleeps_ = false;                    // its timer ran out while a hand served: it must be woken
     bool kicked_ = false;   // a new round is due
     bool cancels_ = false;  // some transfer has cancelRequested set
     bool gone_ = false;
@@ -116,11 +134,11 @@ private:
     bool suspended_ = false;
     bool mayWake_ = false;
     bool wakeDue_ = false;  // the host is to be told
-    std::optional<std::int64_t> deadlineMs_;
 
-    // The thread's own.
+    // Of the one who serves.
+    std::optional<std::int64_t> deadlineMs_;
     Queue finished_;
-    bool goneReported_ = false;
+    bool goneReported_ = false;  // the thread's own
 };
 
 }  // namespace usb

@@ -121,7 +121,7 @@ double singleKBs(const drive::Comport& comport, Say say) {
 
 double netSingleKBs(const std::string& program) {
     drive::Comport comport(program, "modem");
-    TelnetClient client(comport.netPort(), true);
+    TelnetClient client("comport", comport.netPort(), true);
     client.command("ATE0", "OK");
     client.command("ATD102", "CONNECT");
     return singleKBs(comport, [&](const char* byte) {
@@ -145,17 +145,17 @@ struct Figures {
 void measureRound(const std::string& program, const Payload& payload, Figures& figures) {
     {
         drive::Comport comport(program, "loopback");
-        TelnetClient client(comport.netPort(), true);
+        TelnetClient client("comport", comport.netPort(), true);
         figures.ours.measure(client, payload);
     }
     {
         Ser2net ser2net;
-        TelnetClient client(ser2net.port(), false);
+        TelnetClient client("ser2net", ser2net.port(), false);
         figures.ser2net.measure(client, payload);
     }
     {
         TelnetEcho echo;
-        TelnetClient client(echo.port(), true);
+        TelnetClient client("telnet", echo.port(), true);
         figures.bare.measure(client, payload);
     }
     figures.netKBs.push_back(netSingleKBs(program));

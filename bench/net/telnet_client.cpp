@@ -42,8 +42,8 @@ std::vector<std::uint8_t> escaped(std::span<const std::uint8_t> data) {
     return wire;
 }
 
-TelnetClient::TelnetClient(unsigned short port, bool lines)
-    : telnet_(telnet_init(options, event, 0, this), telnet_free), piece_(pieceBytes) {
+TelnetClient::TelnetClient(const char* server, unsigned short port, bool lines)
+    : server_(server), telnet_(telnet_init(options, event, 0, this), telnet_free), piece_(pieceBytes) {
     connectTo(port);
     negotiate();
     set(baudRate, {0, 1, 0xC2, 0});
@@ -68,7 +68,7 @@ void TelnetClient::connectTo(unsigned short port) {
         fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) break;
         close(fd_);
-        if (tries > 500) drive::fail("nobody listens at port " + std::to_string(port));
+        if (tries > 500) fail("nobody listens at port " + std::to_string(port));
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     const int on = 1;
@@ -76,6 +76,8 @@ void TelnetClient::connectTo(unsigned short port) {
     const timeval limit{timeoutMs / 1000, 0};
     setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
 }
+
+void TelnetClient::fail(const std::string& what) const { drive::fail(std::string(server_) + ": " + what); }
 
 void TelnetClient::negotiate() {
     const std::pair<unsigned char, unsigned char> wishes[] = {
@@ -135,14 +137,14 @@ void TelnetClient::event(telnet_t*, telnet_event_t* event, void* context) {
 
 std::size_t TelnetClient::writeSome(std::span<const std::uint8_t> wire) {
     const ssize_t n = send(fd_, wire.data(), wire.size(), MSG_DONTWAIT);
-    if (n < 0 && errno != EAGAIN) drive::fail("send");
+    if (n < 0 && errno != EAGAIN) fail("send");
     return n < 0 ? 0 : static_cast<std::size_t>(n);
 }
 
 void TelnetClient::writeAll(std::span<const std::uint8_t> wire) {
     while (!wire.empty()) {
         const ssize_t n = send(fd_, wire.data(), wire.size(), 0);
-        if (n <= 0) drive::fail("send");
+        if (n <= 0) fail("send");
         wire = wire.subspan(static_cast<std::size_t>(n));
     }
 }
@@ -155,16 +157,16 @@ void TelnetClient::flush() {
 void TelnetClient::receive(const Take& take, bool space) {
     if (space) {
         pollfd entry{fd_, POLLIN | POLLOUT, 0};
-        if (poll(&entry, 1, timeoutMs) <= 0) drive::fail("the server takes nothing and says nothing");
+        if (poll(&entry, 1, timeoutMs) <= 0) fail("takes nothing and says nothing");
         if ((entry.revents & POLLIN) == 0) return;
     }
     const ssize_t n = recv(fd_, piece_.data(), piece_.size(), 0);
-    if (n <= 0) drive::fail(n == 0 ? "the server hangs up" : "the server says nothing");
+    if (n <= 0) fail(n == 0 ? "hangs up" : "says nothing");
     take_ = &take;
     telnet_recv(telnet_.get(), piece_.data(), static_cast<std::size_t>(n));
     take_ = nullptr;
     flush();
-    if (!error_.empty()) drive::fail("telnet: " + error_);
+    if (!error_.empty()) fail("telnet: " + error_);
 }
 
 void TelnetClient::command(const std::string& line, const std::string& answer) {

@@ -21,7 +21,8 @@ class TelnetClient {
 public:
     // Connects to the loopback address (for 5 s, while nobody listens) and negotiates BINARY, SGA and COM-PORT; sets 115200 8N1
     // and waits for each acknowledgement. `lines`: the same for DTR, RTS and purge, which a server on a terminal leaves open.
-    TelnetClient(unsigned short port, bool lines);
+    // `server` names it in messages.
+    TelnetClient(const char* server, unsigned short port, bool lines);
     ~TelnetClient();
     TelnetClient(const TelnetClient&) = delete;
     TelnetClient& operator=(const TelnetClient&) = delete;
@@ -43,6 +44,9 @@ private:
     void flush();
     void set(std::uint8_t command, std::vector<std::uint8_t> value);
 
+    [[noreturn]] void fail(const std::string& what) const;
+
+    const char* const server_;
     int fd_ = -1;
     std::unique_ptr<telnet_t, void (*)(telnet_t*)> telnet_;
     const Take* take_ = nullptr;
