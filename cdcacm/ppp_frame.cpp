@@ -1,4 +1,5 @@
-// The converters of framing mode, byte at a time.
+// The converters of framing mode. Each is a machine over bytes; runs of bytes that only add to a frame go through
+// it together.
 //
 // Framer, device to host:   hunt --AA--> header --good--> payload --last byte--> deliver --taken--> hunt
 //                             bad magic, sequence or length ----> resync --AA--> header
@@ -18,42 +19,43 @@ enum : ULONG {
     SEQUENCE_MASK = 31,
     SEQUENCE_SHIFT = 11,
     LENGTH_MASK = 0x7FF,
-    FCS_INIT = 0xFFFF,
-    FCS_SIZE = 2,
 };
 
 // Every byte and the FCS escaped, and two flags.
 static_assert(2 * (PPP_DEVICE_FRAME_LIMIT + (ULONG)FCS_SIZE) + 2 <= PPP_FRAMER_OUT_SIZE);
 static_assert(PPP_DEVICE_FRAME_LIMIT + PPP_HEADER_SIZE == (ULONG)LENGTH_MASK);
 
-// ---- FCS-16, x^16 + x^12 + x^5 + 1, reflected
+// ---- Runs of bytes
 
-struct FCS_TABLE {
-    USHORT Entry[256];
-};
+// As many bytes as are looked at together.
+typedef SIZE_T SCAN_WORD;
 
-static constexpr FCS_TABLE MakeFcsTable()
+// Bytes that are taken one by one after a byte that was found to matter: the next one is often near.
+enum : ULONG { NEAR_BYTES = 16 };
+
+static constexpr SCAN_WORD Every(UCHAR Byte)
 {
-    FCS_TABLE Table = {};
-
-    for (ULONG Byte = 0; Byte < 256; Byte++) {
-        ULONG Fcs = Byte;
-
-        for (ULONG Bit = 0; Bit < 8; Bit++)
-            Fcs = Fcs & 1 ? Fcs >> 1 ^ 0x8408 : Fcs >> 1;
-        Table.Entry[Byte] = (USHORT)Fcs;
-    }
-    return Table;
+    return ~(SCAN_WORD)0 / 0xFF * Byte;
 }
 
-static constexpr FCS_TABLE FcsTable = MakeFcsTable();
-static_assert(FcsTable.Entry[0] == 0 && FcsTable.Entry[1] == 0x1189 && FcsTable.Entry[255] == 0x0F78);
-
-USHORT CalcFcs16(USHORT Fcs, const UCHAR* Bytes, ULONG Length)
+// Not 0 if one of the bytes is Byte.
+static inline SCAN_WORD HasByte(SCAN_WORD Word, UCHAR Byte)
 {
-    for (ULONG N = 0; N < Length; N++)
-        Fcs = (USHORT)(Fcs >> 8 ^ FcsTable.Entry[(Fcs ^ Bytes[N]) & 0xFF]);
-    return Fcs;
+    const SCAN_WORD Zero = Word ^ Every(Byte);
+
+    return (Zero - Every(1)) & ~Zero & Every(0x80);
+}
+
+// A word of bytes without flag and escape goes to Out as it is.
+static inline BOOLEAN CopyPlainWord(UCHAR* Out, const UCHAR* In)
+{
+    SCAN_WORD Word;
+
+    RtlCopyMemory(&Word, In, sizeof(Word));
+    if (HasByte(Word, PPP_ESCAPE) | HasByte(Word, PPP_FLAG))
+        return FALSE;
+    RtlCopyMemory(Out, &Word, sizeof(Word));
+    return TRUE;
 }
 
 // ---- Framer
@@ -70,8 +72,12 @@ VOID PppFramerInit(PPP_FRAMER* Framer, DEVICE* Dev)
 VOID PppFramerSetSpecialChars(PPP_FRAMER* Framer, const UCHAR* Bytes, ULONG Length)
 {
     RtlZeroMemory(Framer->EscapeMap, sizeof(Framer->EscapeMap));
-    for (ULONG N = 0; N < Length; N++)
+    Framer->MoreEscapes = FALSE;
+    for (ULONG N = 0; N < Length; N++) {
         Framer->EscapeMap[Bytes[N]] = 1;
+        if (Bytes[N] != PPP_ESCAPE && Bytes[N] != PPP_FLAG)
+            Framer->MoreEscapes = TRUE;
+    }
     Framer->EscapeMap[PPP_ESCAPE] = 1;
     Framer->EscapeMap[PPP_FLAG] = 1;
 }
@@ -85,6 +91,35 @@ VOID PppFramerPutChar(PPP_FRAMER* Framer, UCHAR Byte)
     }
     KASSERT(Byte != PPP_ESCAPE && Byte != PPP_FLAG);
     *Framer->OutPtr++ = Byte;
+}
+
+// The same without a branch: which bytes are escaped cannot be foreseen. Returns the place behind them.
+static inline UCHAR* PutEscaped(const UCHAR* EscapeMap, UCHAR* Out, const UCHAR* In, const UCHAR* End)
+{
+    for (; In < End; In++) {
+        const ULONG Escaped = EscapeMap[*In] == 1;
+
+        Out[0] = PPP_ESCAPE;
+        Out[Escaped] = (UCHAR)(*In ^ Escaped * PPP_ESCAPE_XOR);
+        Out += 1 + Escaped;
+    }
+    return Out;
+}
+
+static VOID FramerPutBytes(PPP_FRAMER* Framer, const UCHAR* In, ULONG Length)
+{
+    const UCHAR* End = In + Length;
+    UCHAR* Out = Framer->OutPtr;
+
+    while (!Framer->MoreEscapes && (SIZE_T)(End - In) >= sizeof(SCAN_WORD)) {
+        if (!CopyPlainWord(Out, In)) {
+            Out = PutEscaped(Framer->EscapeMap, Out, In, In + sizeof(SCAN_WORD));
+        } else {
+            Out += sizeof(SCAN_WORD);
+        }
+        In += sizeof(SCAN_WORD);
+    }
+    Framer->OutPtr = PutEscaped(Framer->EscapeMap, Out, In, End);
 }
 
 BOOLEAN PppFramerDeliver(PPP_FRAMER* Framer)
@@ -169,6 +204,19 @@ static VOID FramerFrameDone(PPP_FRAMER* Framer) _Requires_lock_held_(DeviceLock)
     PppFramerDeliver(Framer);
 }
 
+// Bytes of the frame that Data still brings, all consumed.
+static ULONG FramerPayload(PPP_FRAMER* Framer, const UCHAR* Data, ULONG Length) _Requires_lock_held_(DeviceLock)
+{
+    const ULONG Taken = Framer->Remaining < Length ? Framer->Remaining : Length;
+
+    FramerPutBytes(Framer, Data, Taken);
+    Framer->Fcs = CalcFcs16(Framer->Fcs, Data, Taken);
+    Framer->Remaining -= Taken;
+    if (Framer->Remaining == 0)
+        FramerFrameDone(Framer);
+    return Taken;
+}
+
 ULONG PppFramerIndicateChar(PPP_FRAMER* Framer, UCHAR Byte)
 {
     switch (Framer->State) {
@@ -186,10 +234,7 @@ ULONG PppFramerIndicateChar(PPP_FRAMER* Framer, UCHAR Byte)
             FramerHeaderDone(Framer);
         break;
     case FRAMER_PAYLOAD:
-        PppFramerPutChar(Framer, Byte);
-        Framer->Fcs = CalcFcs16(Framer->Fcs, &Byte, 1);
-        if (--Framer->Remaining == 0)
-            FramerFrameDone(Framer);
+        FramerPayload(Framer, &Byte, 1);
         break;
     default:
         KASSERT(0);
@@ -201,8 +246,14 @@ ULONG PppFramerIndicateData(PPP_FRAMER* Framer, UCHAR* Data, ULONG Length)
 {
     ULONG Consumed = 0;
 
-    while (Consumed < Length && PppFramerIndicateChar(Framer, Data[Consumed]))
-        Consumed++;
+    while (Consumed < Length) {
+        const ULONG Taken = Framer->State == FRAMER_PAYLOAD ? FramerPayload(Framer, Data + Consumed, Length - Consumed)
+                                                            : PppFramerIndicateChar(Framer, Data[Consumed]);
+
+        if (Taken == 0)
+            break;
+        Consumed += Taken;
+    }
     return Consumed;
 }
 
@@ -232,13 +283,19 @@ VOID PppDeFramerStartFrame(PPP_DEFRAMER* DeFramer)
     DeFramer->Count = 0;
 }
 
-// The discarded frame's number is the next one's.
-static VOID DeFramerDiscard(PPP_DEFRAMER* DeFramer, ULONG State)
+// The flag that ends the hunt starts a frame once more, so the number of the discarded one is never sent.
+static VOID DeFramerDiscard(PPP_DEFRAMER* DeFramer)
 {
     TRACE(TRC_ERROR, "%P:%S:PppDeFramerSendChar PPP Frame to long, discard it\n", PORT_NAME(DeFramer->Dev));
     DeFramer->Sequence--;
     PppDeFramerStartFrame(DeFramer);
-    DeFramer->State = State;
+    DeFramer->State = DEFRAMER_HUNT;
+}
+
+static VOID DeFramerFoundFlag(PPP_DEFRAMER* DeFramer)
+{
+    PppDeFramerStartFrame(DeFramer);
+    DeFramer->State = DEFRAMER_IN_FRAME;
 }
 
 static VOID DeFramerStore(PPP_DEFRAMER* DeFramer, UCHAR Byte)
@@ -247,7 +304,7 @@ static VOID DeFramerStore(PPP_DEFRAMER* DeFramer, UCHAR Byte)
     *DeFramer->WritePtr++ = Byte;
     DeFramer->Count++;
     if (DeFramer->WritePtr == DeFramer->EndPtr)
-        DeFramerDiscard(DeFramer, DEFRAMER_HUNT);
+        DeFramerDiscard(DeFramer);
 }
 
 BOOLEAN PppDeFramerSubmitData(PPP_DEFRAMER* DeFramer)
@@ -283,7 +340,8 @@ static VOID DeFramerEndFrame(PPP_DEFRAMER* DeFramer) _Requires_lock_held_(Device
     if (DeFramer->Count > PPP_DEVICE_FRAME_LIMIT) {
         // Its length could not be stated. The flag that ended it begins the next frame.
         DeFramer->Count = 0;
-        DeFramerDiscard(DeFramer, DEFRAMER_IN_FRAME);
+        DeFramerDiscard(DeFramer);
+        DeFramerFoundFlag(DeFramer);
         return;
     }
     DeFramer->Frame[2] |= (UCHAR)(Length >> 8);
@@ -300,10 +358,8 @@ BOOLEAN PppDeFramerSendChar(PPP_DEFRAMER* DeFramer, UCHAR Byte)
 {
     switch (DeFramer->State) {
     case DEFRAMER_HUNT:
-        if (Byte == PPP_FLAG) {
-            PppDeFramerStartFrame(DeFramer);
-            DeFramer->State = DEFRAMER_IN_FRAME;
-        }
+        if (Byte == PPP_FLAG)
+            DeFramerFoundFlag(DeFramer);
         return TRUE;
     case DEFRAMER_SEND:
         if (!PppDeFramerSubmitData(DeFramer))
@@ -326,6 +382,57 @@ BOOLEAN PppDeFramerSendChar(PPP_DEFRAMER* DeFramer, UCHAR Byte)
         KASSERT(0);
         return TRUE;
     }
+}
+
+// Copies bytes to *Out up to a flag or End, without a branch on what is escaped. *Escaped: the last one was an escape.
+static inline const UCHAR* CopyUnescaped(UCHAR** Out, const UCHAR* In, const UCHAR* End, ULONG* Escaped)
+{
+    UCHAR* Place = *Out;
+    ULONG After = *Escaped;
+
+    // The flag first: it is rare, where the escapes may not be.
+    for (; In < End && (*In != PPP_FLAG || After); In++) {
+        *Place = (UCHAR)(*In ^ After * PPP_ESCAPE_XOR);
+        After = !After & (*In == PPP_ESCAPE);
+        Place += !After;
+    }
+    *Out = Place;
+    *Escaped = After;
+    return In;
+}
+
+// The byte that would fill the frame is left to PppDeFramerSendChar.
+static ULONG DeFramerStoreBytes(PPP_DEFRAMER* DeFramer, const UCHAR* Data, ULONG Length)
+{
+    const ULONG Room = (ULONG)(DeFramer->EndPtr - DeFramer->WritePtr) - 1;
+    const UCHAR* In = Data;
+    const UCHAR* End = Data + (Length < Room ? Length : Room);
+    UCHAR* Out = DeFramer->WritePtr;
+    ULONG Escaped = DeFramer->State == DEFRAMER_ESCAPE;
+
+    while (In < End) {
+        if (!Escaped && (SIZE_T)(End - In) >= sizeof(SCAN_WORD) && CopyPlainWord(Out, In)) {
+            Out += sizeof(SCAN_WORD);
+            In += sizeof(SCAN_WORD);
+            continue;
+        }
+        const UCHAR* Stop = (SIZE_T)(End - In) >= NEAR_BYTES ? In + NEAR_BYTES : End;
+
+        In = CopyUnescaped(&Out, In, Stop, &Escaped);
+        if (In < Stop)
+            break;
+    }
+    DeFramer->Count += (ULONG)(Out - DeFramer->WritePtr);
+    DeFramer->WritePtr = Out;
+    DeFramer->State = Escaped ? DEFRAMER_ESCAPE : DEFRAMER_IN_FRAME;
+    return (ULONG)(In - Data);
+}
+
+ULONG PppDeFramerSendData(PPP_DEFRAMER* DeFramer, const UCHAR* Data, ULONG Length)
+{
+    if (DeFramer->State == DEFRAMER_IN_FRAME || DeFramer->State == DEFRAMER_ESCAPE)
+        return DeFramerStoreBytes(DeFramer, Data, Length);
+    return 0;
 }
 
 VOID PppDeFramerSubmitBuffer(PPP_DEFRAMER* DeFramer)

@@ -2,6 +2,7 @@
 // the device. Both run under Lock.
 #pragma once
 
+#include "fcs.h"
 #include "wdmkrnl.h"
 
 enum : ULONG {
@@ -30,6 +31,7 @@ struct PPP_FRAMER {
     UCHAR Header[PPP_HEADER_SIZE];
     USHORT Fcs;
     UCHAR EscapeMap[256]; // 1: escaped towards the host
+    UCHAR MoreEscapes;    // private: the map holds more than flag and escape
 };
 
 struct PPP_DEFRAMER {
@@ -42,8 +44,6 @@ struct PPP_DEFRAMER {
     ULONG Sequence;       // its low 5 bits go into the header
 };
 
-USHORT CalcFcs16(USHORT Fcs, const UCHAR* Bytes, ULONG Length);
-
 VOID PppFramerInit(PPP_FRAMER* Framer, DEVICE* Dev);
 VOID PppFramerSetSpecialChars(PPP_FRAMER* Framer, const UCHAR* Bytes, ULONG Length);
 ULONG PppFramerIndicateData(PPP_FRAMER* Framer, UCHAR* Data, ULONG Length) _Requires_lock_held_(DeviceLock);   // bytes consumed
@@ -55,5 +55,8 @@ BOOLEAN PppFramerDeliver(PPP_FRAMER* Framer) _Requires_lock_held_(DeviceLock);
 VOID PppDeFramerInit(PPP_DEFRAMER* DeFramer, DEVICE* Dev);
 VOID PppDeFramerStartFrame(PPP_DEFRAMER* DeFramer);
 BOOLEAN PppDeFramerSendChar(PPP_DEFRAMER* DeFramer, UCHAR Byte) _Requires_lock_held_(DeviceLock);
+// The same for the first bytes of Data as far as they only add to the frame: up to the next flag, and not the byte that
+// makes the frame too long. Bytes consumed, which may be 0.
+ULONG PppDeFramerSendData(PPP_DEFRAMER* DeFramer, const UCHAR* Data, ULONG Length) _Requires_lock_held_(DeviceLock);
 VOID PppDeFramerSubmitBuffer(PPP_DEFRAMER* DeFramer) _Requires_lock_held_(DeviceLock);
 BOOLEAN PppDeFramerSubmitData(PPP_DEFRAMER* DeFramer) _Requires_lock_held_(DeviceLock);

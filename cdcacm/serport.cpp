@@ -99,6 +99,27 @@ ULONG CircBufRead(CIRC_BUF* Ring, UCHAR* Target, ULONG Length)
     return Moved;
 }
 
+ULONG CircBufPeek(const CIRC_BUF* Ring, const UCHAR** Bytes)
+{
+    const ULONG Tail = (ULONG)(Ring->End - Ring->ReadPtr);
+
+    *Bytes = Ring->ReadPtr;
+    return Ring->Count < Tail ? Ring->Count : Tail;
+}
+
+VOID CircBufSkip(CIRC_BUF* Ring, ULONG Length)
+{
+    if (Length == 0)
+        return;
+    Ring->ReadPtr += Length;
+    if (Ring->ReadPtr >= Ring->End)
+        Ring->ReadPtr = Ring->Start;
+    Ring->Count -= Length;
+    Ring->Full = 0;
+    if (Ring->Count == 0)
+        Ring->Empty = 1;
+}
+
 BOOLEAN CircBufUnread(CIRC_BUF* Ring, const UCHAR* Source, ULONG Length)
 {
     if (Length > Ring->Size - Ring->Count)
@@ -318,6 +339,17 @@ static VOID SendUpToFlag(SER_PORT* Port, ULONG* Moved) _Requires_lock_held_(Devi
     }
 }
 
+// The bytes in front of the ring that only add to the frame being built.
+static ULONG SendIntoFrame(SER_PORT* Port) _Requires_lock_held_(DeviceLock)
+{
+    const UCHAR* Bytes;
+    const ULONG Length = CircBufPeek(&Port->CircSendBuf, &Bytes);
+    const ULONG Taken = PppDeFramerSendData(&Port->WrContext->DeFramer, Bytes, Length);
+
+    CircBufSkip(&Port->CircSendBuf, Taken);
+    return Taken;
+}
+
 // Framing: every byte goes through the de-framer; one that it does not take waits in PendingChar.
 static VOID SendFramed(SER_PORT* Port) _Requires_lock_held_(DeviceLock)
 {
@@ -325,6 +357,8 @@ static VOID SendFramed(SER_PORT* Port) _Requires_lock_held_(DeviceLock)
 
     for (;;) {
         SqueueSend(&Port->SndQueue, &Port->CircSendBuf);
+        if (Port->CharPending == 0 && SendIntoFrame(Port) > 0)
+            continue;
         if (Port->CharPending == 0 && CircBufRead(&Port->CircSendBuf, &Port->PendingChar, 1) == 1)
             Port->CharPending = 1;
         if (Port->CharPending == 0) {

@@ -74,6 +74,9 @@ VOID CircBufFree(CIRC_BUF* Ring);
 VOID CircBufReset(CIRC_BUF* Ring);
 ULONG CircBufWrite(CIRC_BUF* Ring, const UCHAR* Source, ULONG Length);
 ULONG CircBufRead(CIRC_BUF* Ring, UCHAR* Target, ULONG Length);
+// The bytes to be read next that lie in one piece, and the end of reading Length of them in place.
+ULONG CircBufPeek(const CIRC_BUF* Ring, const UCHAR** Bytes);
+VOID CircBufSkip(CIRC_BUF* Ring, ULONG Length);
 // Puts bytes just read back in front of ReadPtr. FALSE, nothing changed, when they no longer fit.
 BOOLEAN CircBufUnread(CIRC_BUF* Ring, const UCHAR* Source, ULONG Length);
 
