@@ -3,7 +3,9 @@
 //   byte mode --start--> requested --flag sent, device told--> framing --stop--> stop requested --device told--> byte mode
 //
 // A notification sets the mode at once and queues the switch; a switch sets its result only while the mode
-// still is the one that it was queued for. Bytes to the device wait in the two modes between.
+// still is the one that it was queued for, and not set again meanwhile by a request whose own switch is to come.
+// Bytes to the device wait in the two modes between. The first open and the end of the USB side lead back to
+// byte mode from anywhere, and a start that was asked for before is not carried out any more.
 #include "sndrcv.h"
 
 #include "pnpadd.h"
@@ -143,6 +145,7 @@ static VOID QueueSwitch(DEVICE* Dev, ULONG Mode) _Requires_lock_held_(DeviceLock
     const LONG Other = To ? SWITCH_FROM_QUEUED : SWITCH_TO_QUEUED;
 
     Dev->PppMode = Mode;
+    PrivateOf(Dev)->SwitchRequests++;
     if (*Queued & Mine) {
         if (*Queued & Other)
             *Queued |= SWITCH_REORDERED;
@@ -220,27 +223,43 @@ ULONG RcvIntIn(DEVICE* Dev, UCHAR* Data, ULONG Length)
 
 // ---- The framing switch
 
-// FALSE: a later notification made this switch needless.
-static BOOLEAN BeginSwitch(DEVICE* Dev, LONG Mine, ULONG Mode)
+// One run of a switch.
+struct SWITCH_RUN {
+    DEVICE* Dev;
+    ULONG Mode;       // it was queued for
+    ULONG Requests;   // SwitchRequests when it began
+};
+
+// FALSE: a later notification, an open or a removal made this switch needless.
+static BOOLEAN BeginSwitch(SWITCH_RUN* Run, LONG Mine)
 {
+    DEVICE* Dev = Run->Dev;
     LONG* Queued = &PrivateOf(Dev)->SwitchQueued;
     KIRQL OldIrql;
 
     ACQUIRE(Dev, OldIrql);
-    const BOOLEAN Wanted = !(*Queued & SWITCH_REORDERED) || Dev->PppMode == Mode;
+    const BOOLEAN Superseded = (*Queued & SWITCH_REORDERED) && Dev->PppMode != Run->Mode;
+    const BOOLEAN Countermanded = Run->Mode == FRAMING_REQUESTED && Dev->PppMode == BYTE_MODE;
+    Run->Requests = PrivateOf(Dev)->SwitchRequests;
     *Queued &= ~Mine;
     if (!(*Queued & (SWITCH_TO_QUEUED | SWITCH_FROM_QUEUED)))
         *Queued = 0;
     RELEASE(Dev, OldIrql);
-    return Wanted;
+    return !Superseded && !Countermanded;
 }
 
-static VOID EndSwitch(DEVICE* Dev, ULONG Mode, ULONG Result)
+// A request made since the switch began has a switch of its own queued, which decides; only framing that has begun stands
+// until then, if that is no stop. So a switch may find framing begun, and makes it its own.
+static VOID EndSwitch(const SWITCH_RUN* Run, ULONG Result)
 {
+    DEVICE* Dev = Run->Dev;
+    const DEVICE_PRIVATE* Private = PrivateOf(Dev);
     KIRQL OldIrql;
 
     ACQUIRE(Dev, OldIrql);
-    if (Dev->PppMode == Mode)
+    const BOOLEAN Mine = Dev->PppMode == Run->Mode || (Run->Mode == FRAMING_REQUESTED && Dev->PppMode == FRAMING);
+    const BOOLEAN Last = Private->SwitchRequests == Run->Requests;
+    if (Mine && (Last || (Result == FRAMING && !(Private->SwitchQueued & SWITCH_FROM_QUEUED))))
         Dev->PppMode = Result;
     RELEASE(Dev, OldIrql);
 }
@@ -273,11 +292,12 @@ static NTSTATUS StartFramingAtFlag(DEVICE* Dev)
 NTSTATUS SwitchToPppMode(VOID* Context)
 {
     DEVICE* Dev = (DEVICE*)Context;
+    SWITCH_RUN Run = {Dev, FRAMING_REQUESTED, 0};
     LARGE_INTEGER Timeout = RelativeMs(FLAG_WAIT_MS);
     NTSTATUS Status = STATUS_SUCCESS;
 
     TRACE(TRC_PPP, "%P:%S:SwitchToPppMode[\n", PORT_NAME(Dev));
-    if (BeginSwitch(Dev, SWITCH_TO_QUEUED, FRAMING_REQUESTED)) {
+    if (BeginSwitch(&Run, SWITCH_TO_QUEUED)) {
         ULONG Result = BYTE_MODE;
 
         Status = KeWaitForSingleObject(&Dev->FlagSentEvent, Executive, KernelMode, FALSE, &Timeout);
@@ -290,7 +310,7 @@ NTSTATUS SwitchToPppMode(VOID* Context)
         } else {
             KASSERT(0);
         }
-        EndSwitch(Dev, FRAMING_REQUESTED, Result);
+        EndSwitch(&Run, Result);
     }
     SndOutComplete(Dev);
     TRACE(TRC_PPP, "%P:%S:SwitchToPppMode] %D\n", PORT_NAME(Dev), Status);
@@ -300,10 +320,11 @@ NTSTATUS SwitchToPppMode(VOID* Context)
 NTSTATUS SwitchFromPppMode(VOID* Context)
 {
     DEVICE* Dev = (DEVICE*)Context;
+    SWITCH_RUN Run = {Dev, FRAMING_STOP_REQUESTED, 0};
 
-    if (!BeginSwitch(Dev, SWITCH_FROM_QUEUED, FRAMING_STOP_REQUESTED))
+    if (!BeginSwitch(&Run, SWITCH_FROM_QUEUED))
         return STATUS_SUCCESS;
     NTSTATUS Status = StopFraming(Dev);
-    EndSwitch(Dev, FRAMING_STOP_REQUESTED, BYTE_MODE);
+    EndSwitch(&Run, BYTE_MODE);
     return Status;
 }

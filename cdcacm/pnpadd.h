@@ -104,6 +104,7 @@ struct DEVICE_PRIVATE {
     ULONG WaitGeneration;        // of the stored wait request (Lock)
     ULONG CancelledGeneration;   // of the wait request whose cancel armed the timer (Lock)
     LONG SwitchQueued;           // framing switches queued and not begun, one bit each way (Lock)
+    ULONG SwitchRequests;        // requests for a switch so far (Lock)
     PIRP WakeCancelling;         // wait-wake being cancelled, kept from completing meanwhile (Lock)
     UCHAR WakeCancelDone;        // it completed meanwhile: the canceller goes on with it (Lock)
     LONG ResumeRequested;        // the D0 request for this idle notification was made, interlocked

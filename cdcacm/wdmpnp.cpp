@@ -104,6 +104,8 @@ static VOID LeaveUsb(DEVICE* Dev, ATT_OBJ* SurpriseRemoved)
     ACQUIRE(Dev, Irql);
     StoreShared(&Dev->LowerDevObj, (PDEVICE_OBJECT)NULL);
     Dev->ModemStatus = 0;
+    // Framing was agreed with the device that is gone; one that comes back begins in byte mode.
+    Dev->PppMode = BYTE_MODE;
     CompleteWaitIrp(&Dev->Port, 0);
     RELEASE(Dev, Irql);
 }

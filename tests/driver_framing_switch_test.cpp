@@ -1,0 +1,588 @@
+// Framing mode through driver and bus: the switch in any order of requests, and what becomes of bytes that are under way when
+// the mode, the device or the handle goes.
+#include "tests/support/port.h"
+#include "tests/support/ppp_oracle.h"
+
+#include "kernel/sim.h"
+#include "kernel/thread.h"
+
+#include <pnpadd.h>
+
+#include <algorithm>
+#include <random>
+
+namespace {
+
+using test::Bytes;
+using test::OpenPort;
+using test::Pending;
+using test::RigOptions;
+using test::ScriptedDevice;
+using test::seeded;
+using test::spin;
+using usb::ControlReply;
+using usb::SetupPacket;
+namespace ppp = test::ppp;
+
+constexpr std::uint8_t kIn = 0x81;
+constexpr std::uint8_t kStart = 0x10, kStop = 0x11;                                       // notifications
+constexpr std::uint8_t kSpecialChars = 0x60, kStartFraming = 0x61, kStopFraming = 0x62;   // vendor requests
+
+std::string textOf(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
+
+// A port whose device keeps book of what it was told, and refuses or leaves unanswered what it shall.
+struct Framed : OpenPort {
+    explicit Framed(const RigOptions& options = {}) : OpenPort(options) { takeOrders(); }
+
+    void takeOrders() {
+        rig.device([this](ScriptedDevice& d) {
+            d.onControl = [this](const SetupPacket& setup, std::span<std::uint8_t>) -> std::optional<ControlReply> {
+                if (setup.request < kSpecialChars || setup.request > kStopFraming) return std::nullopt;
+                // Whatever becomes of a request to stop, the driver stops; who refuses to start has stopped.
+                if (setup.request == kStopFraming) deviceFrames = false;
+                if (setup.request == unanswered) return ControlReply::never();
+                if (setup.request == refused || (refuseSome && (refuseSome = refuseSome * 5 + 1) % 4 == 0)) {
+                    deviceFrames = false;
+                    return ControlReply::stall();
+                }
+                if (setup.request == kStartFraming) deviceFrames = true;
+                return ControlReply::ack();
+            };
+        });
+    }
+    DEVICE& record() {
+        DEVICE* dev;
+        GetDevice(file.object()->DeviceObject, &dev, nullptr);
+        return *dev;
+    }
+    void notify(std::uint8_t code) {
+        rig.device([&](ScriptedDevice& d) { d.notify(test::vendorNotification(code)); });
+    }
+    // Behind a flag that the device has got; the record of what it gets begins anew.
+    void startFraming() {
+        EXPECT_EQ(write("~"), STATUS_SUCCESS);
+        rig.run(5);
+        notify(kStart);
+        EXPECT_TRUE(rig.until([&] { return deviceFrames && record().PppMode == FRAMING; }, 100)) << rig.trace();
+        forget();
+    }
+    void forget() {
+        rig.device([](ScriptedDevice& d) { d.outs.clear(); });
+    }
+    void sendFrame(unsigned sequence, const Bytes& body) {
+        rig.device([&](ScriptedDevice& d) { d.send(kIn, ppp::deviceFrame(sequence, body)); });
+    }
+    std::string take(std::size_t most) {
+        Pending read(most);
+        timeouts(MAXULONG, 0, 0);
+        this->read(read);
+        rig.run(1);
+        return read.text();
+    }
+    void drain() {
+        while (!take(100000).empty()) {}
+    }
+    // Bytes go through unchanged, both ways.
+    void expectByteMode() {
+        forget();
+        EXPECT_EQ(write("hello"), STATUS_SUCCESS);
+        EXPECT_TRUE(rig.until([&] { return received().ends_with("hello"); }, 1000)) << received() << rig.trace();
+        drain();
+        send("there");
+        EXPECT_EQ(take(100), "there");
+    }
+    // Frames go through, both ways; `sequence` is the device's next.
+    void expectFraming(unsigned sequence) {
+        forget();
+        EXPECT_EQ(write("hello~"), STATUS_SUCCESS);
+        EXPECT_TRUE(rig.until([&] { return received().ends_with("\x09hello"); }, 1000)) << received() << rig.trace();
+        drain();
+        sendFrame(sequence, test::bytesOf("there"));
+        rig.run(5);
+        EXPECT_EQ(take(100), textOf(ppp::hostFrame(test::bytesOf("there"), {})));
+    }
+
+    bool deviceFrames = false;
+    std::uint8_t refused = 0, unanswered = 0;
+    unsigned refuseSome = 0;
+};
+
+// Switches wait while it is held; who holds it may open and close.
+class HeldMutex {
+public:
+    explicit HeldMutex(KMUTEX& mutex) : mutex_(mutex) { KeWaitForSingleObject(&mutex_, Executive, KernelMode, FALSE, nullptr); }
+    ~HeldMutex() { KeReleaseMutex(&mutex_, FALSE); }
+    HeldMutex(const HeldMutex&) = delete;
+    HeldMutex& operator=(const HeldMutex&) = delete;
+
+private:
+    KMUTEX& mutex_;
+};
+
+// ---- The switch
+
+// What waits during a switch goes out behind it, once, in the form that the device then expects.
+TEST(DriverFramingSwitch, held_bytes_go_out_in_the_mode_that_follows) {
+    const struct {
+        const char* what;
+        std::uint8_t code, refused;
+        bool framed;   // before
+        std::string sent;
+    } cases[] = {
+        {"started", kStart, 0, false, std::string("\xAA\xBB\0\x05" "A", 5)},
+        {"start refused", kStart, kStartFraming, false, "A~"},
+        {"characters refused", kStart, kSpecialChars, false, "A~"},
+        {"stopped", kStop, 0, true, "A~B"},
+        {"stop refused", kStop, kStopFraming, true, "A~B"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        for (const auto seed : test::seeds(20)) {
+            Framed port(seeded(seed, {{"RequestTimeout", 500}}));
+            if (c.framed) {
+                port.startFraming();
+            } else {
+                EXPECT_EQ(port.write("~"), STATUS_SUCCESS);
+                port.rig.run(5);
+                port.forget();
+            }
+            port.refused = c.refused;
+            {
+                const HeldMutex switches(port.record().Mutex);
+                port.notify(c.code);
+                port.rig.run(5);
+                ASSERT_EQ(port.record().PppMode, c.framed ? ULONG{FRAMING_STOP_REQUESTED} : ULONG{FRAMING_REQUESTED});
+                EXPECT_EQ(port.write("A~"), STATUS_SUCCESS);
+                port.rig.run(5);
+                EXPECT_EQ(port.received(), "");
+            }
+            port.rig.run(1000);
+            if (c.framed) {   // a stop does not send what it held
+                EXPECT_EQ(port.received(), "");
+                EXPECT_EQ(port.write("B"), STATUS_SUCCESS);
+                port.rig.run(5);
+            }
+            EXPECT_EQ(port.received(), c.sent);
+        }
+    }
+}
+
+// The device hears of framing exactly when the driver frames: requests one over the other, too early, refused, forgotten.
+TEST(DriverFramingSwitch, device_and_driver_agree_in_the_end) {
+    unsigned framed = 0, raw = 0;
+    const auto all = test::seeds(150);
+    for (const auto seed : all) {
+        SCOPED_TRACE(seed);
+        Framed port(seeded(seed));
+        std::mt19937_64 random(seed);
+        port.refuseSome = seed % 3 == 0 ? static_cast<unsigned>(seed) : 0;
+        for (unsigned i = 0; i < 25; ++i) {
+            switch (random() % 8) {
+            case 0: port.write("part"); break;
+            case 1: port.write("frame~"); break;
+            case 2: port.rig.run(static_cast<std::uint32_t>(random() % 450)); break;
+            case 3: case 4: port.notify(kStop); break;
+            default: port.notify(kStart);
+            }
+            if (random() % 2) port.rig.run(static_cast<std::uint32_t>(random() % 4));
+        }
+        port.rig.run(3000);
+        const ULONG mode = port.record().PppMode;
+        ASSERT_EQ(mode, port.deviceFrames ? ULONG{FRAMING} : ULONG{BYTE_MODE}) << port.rig.trace();
+        ++(port.deviceFrames ? framed : raw);
+        // And it works: a frame of one byte and its flag.
+        port.write("~");
+        port.rig.run(5);
+        port.forget();
+        port.write("A~");
+        port.rig.run(20);
+        const std::string got = port.received();
+        ASSERT_EQ(got.starts_with("\xAA\xBB") && got.ends_with("\x05" "A"), port.deviceFrames) << got;
+        ASSERT_TRUE(port.deviceFrames || got == "A~") << got;
+    }
+    EXPECT_TRUE(all.size() == 1 || (framed > 0 && raw > 0));
+}
+
+// The first request gives up waiting for a flag while the second is queued: the flag then comes for the second.
+TEST(DriverFramingSwitch, asked_again_while_the_first_request_waits) {
+    for (const auto seed : test::seeds(10)) {
+        Framed port(seeded(seed));
+        port.notify(kStart);
+        port.rig.run(100);
+        port.notify(kStart);
+        port.rig.run(250);
+        EXPECT_TRUE(port.rig.traced("SwitchToPppMode failed with timeout!!!"));
+        EXPECT_EQ(port.write("frame~next~"), STATUS_SUCCESS);
+        port.rig.run(20);
+        EXPECT_TRUE(port.deviceFrames);
+        EXPECT_EQ(port.record().PppMode, ULONG{FRAMING});
+        EXPECT_EQ(port.received(), std::string("frame~\xAA\xBB\0\x08next", 14));
+    }
+}
+
+// Stopped and started again while the first start is under way: nothing of the host's goes out between.
+TEST(DriverFramingSwitch, stopped_and_started_while_starting) {
+    for (const auto seed : test::seeds(10)) {
+        Framed port(seeded(seed, {{"RequestTimeout", 400}}));
+        EXPECT_EQ(port.write("~"), STATUS_SUCCESS);
+        port.rig.run(5);
+        port.forget();
+        port.unanswered = kSpecialChars;   // the first start fails in its own time
+        port.notify(kStart);
+        port.rig.run(50);
+        port.notify(kStop);
+        port.rig.run(5);
+        port.notify(kStart);
+        EXPECT_EQ(port.write("A~"), STATUS_SUCCESS);
+        port.rig.run(5);
+        port.unanswered = 0;
+        port.rig.run(2000);
+        EXPECT_TRUE(port.deviceFrames);
+        EXPECT_EQ(port.record().PppMode, ULONG{FRAMING});
+        EXPECT_EQ(port.received(), std::string("\xAA\xBB\0\x05" "A", 5));
+    }
+}
+
+// The handle is closed and opened while the request waits its turn: the new handle begins in byte mode, and the device with it.
+TEST(DriverFramingSwitch, a_request_of_the_last_opening_is_not_carried_out) {
+    for (const auto seed : test::seeds(10)) {
+        Framed port(seeded(seed));
+        EXPECT_EQ(port.write("~"), STATUS_SUCCESS);
+        port.rig.run(5);
+        {
+            const HeldMutex switches(port.record().Mutex);
+            port.notify(kStart);
+            port.rig.run(5);
+            EXPECT_EQ(port.record().PppMode, ULONG{FRAMING_REQUESTED});
+            port.file.close();
+            EXPECT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
+        }
+        port.rig.run(500);
+        EXPECT_FALSE(port.deviceFrames);
+        port.expectByteMode();
+    }
+}
+
+// ---- In every state, the device or the handle goes and comes back
+
+struct Moment {
+    const char* what;
+    void (*reach)(Framed&);
+    ULONG mode;
+};
+
+const Moment moments[] = {
+    {"waiting for a flag", [](Framed& p) {
+         p.write("half a frame");
+         p.rig.run(5);
+         p.notify(kStart);
+         p.rig.run(5);
+         p.write(" and more");
+     }, FRAMING_REQUESTED},
+    {"asking for the characters", [](Framed& p) {
+         p.write("~");
+         p.rig.run(5);
+         p.unanswered = kSpecialChars;
+         p.notify(kStart);
+         p.rig.run(5);
+         p.write("held back");
+     }, FRAMING_REQUESTED},
+    {"telling the device", [](Framed& p) {
+         p.write("~");
+         p.rig.run(5);
+         p.unanswered = kStartFraming;
+         p.notify(kStart);
+         p.rig.run(5);
+         p.write("held back");
+     }, FRAMING_REQUESTED},
+    {"framing, nothing under way", [](Framed& p) { p.startFraming(); }, FRAMING},
+    {"half a frame each way", [](Framed& p) {
+         p.startFraming();
+         p.write("half\x7D");
+         p.rig.device([](ScriptedDevice& d) { d.send(kIn, {0xAA, 0xBB, 0x00, 0x40, 1, 2, 3}); });
+         p.rig.run(5);
+     }, FRAMING},
+    {"half a header", [](Framed& p) {
+         p.startFraming();
+         p.rig.device([](ScriptedDevice& d) { d.send(kIn, {0xAA, 0xBB, 0x00}); });
+         p.rig.run(5);
+     }, FRAMING},
+    {"out of step, both", [](Framed& p) {
+         p.startFraming();
+         p.write(std::string(3000, 'x'));
+         p.write(std::string(3000, 'x'));
+         p.rig.device([](ScriptedDevice& d) { d.send(kIn, {1, 2, 3}); });
+         p.rig.run(20);
+     }, FRAMING},
+    {"no transfer for a frame", [](Framed& p) {
+         p.startFraming();
+         p.hold(true);
+         p.write("one~two~three~");
+         p.rig.run(5);
+     }, FRAMING},
+    {"no room for a frame", [](Framed& p) {
+         p.set(IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{100, 100});
+         p.startFraming();
+         for (unsigned i = 0; i < 3; ++i) p.sendFrame(i, Bytes(300, 'd'));
+         p.rig.run(5);
+     }, FRAMING},
+    {"telling the device to stop", [](Framed& p) {
+         p.startFraming();
+         p.unanswered = kStopFraming;
+         p.notify(kStop);
+         p.rig.run(5);
+         p.write("held back");
+     }, FRAMING_STOP_REQUESTED},
+};
+
+TEST(DriverFramingSwitch, unplugged_in_every_state) {
+    for (const auto& moment : moments) {
+        SCOPED_TRACE(moment.what);
+        for (const auto seed : test::seeds(12)) {
+            Framed port(seeded(seed, {{"RequestTimeout", 400}}));
+            port.rig.allowAssertions();   // a frame that was too long notes its bytes
+            moment.reach(port);
+            ASSERT_EQ(port.record().PppMode, moment.mode);
+            spin(seed % 40);
+            port.rig.unplug();
+            port.rig.settle();
+            port.rig.run(700);
+            port.unanswered = 0;
+            port.deviceFrames = false;   // it comes back as it was made
+            port.hold(false);
+            port.forget();
+            port.rig.replug();
+            port.rig.run(1500);
+            port.drain();
+            port.expectByteMode();
+            port.startFraming();
+            port.expectFraming(0);
+        }
+    }
+}
+
+TEST(DriverFramingSwitch, closed_and_opened_in_every_state) {
+    for (const auto& moment : moments) {
+        SCOPED_TRACE(moment.what);
+        for (const auto seed : test::seeds(12)) {
+            Framed port(seeded(seed, {{"RequestTimeout", 400}}));
+            port.rig.allowAssertions();
+            moment.reach(port);
+            spin(seed % 40);
+            port.file.close();
+            port.unanswered = 0;
+            port.rig.run(700);
+            port.hold(false);
+            ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
+            port.rig.run(700);
+            port.expectByteMode();
+            port.deviceFrames = false;
+            port.startFraming();
+            port.expectFraming(0);
+        }
+    }
+}
+
+// Stopped and started on the spot, the same device goes on in the mode that it was told; a transfer under way is lost.
+TEST(DriverFramingSwitch, restarted_in_every_state) {
+    for (const auto& moment : moments) {
+        SCOPED_TRACE(moment.what);
+        for (const auto seed : test::seeds(12)) {
+            Framed port(seeded(seed, {{"RequestTimeout", 400}}));
+            port.rig.allowAssertions();
+            moment.reach(port);
+            spin(seed % 40);
+            const std::string path = port.rig.instancePath();
+            EXPECT_EQ(port.rig.executive().queryStop(path), STATUS_SUCCESS);
+            EXPECT_EQ(port.rig.executive().stopDevice(path), STATUS_SUCCESS);
+            port.unanswered = 0;
+            port.hold(false);
+            port.rig.run(700);
+            EXPECT_EQ(port.rig.executive().startDevice(path), STATUS_SUCCESS);
+            port.rig.run(1500);
+            port.drain();
+            ASSERT_EQ(port.record().PppMode, port.deviceFrames ? ULONG{FRAMING} : ULONG{BYTE_MODE});
+            if (!port.deviceFrames) {
+                port.expectByteMode();
+                continue;
+            }
+            EXPECT_EQ(port.write("~~"), STATUS_SUCCESS);   // ends what was begun
+            port.rig.run(5);
+            port.rig.device([](ScriptedDevice& d) { d.send(kIn, Bytes(100, 0)); });
+            port.sendFrame(31, {1});   // a number that is not the next tells the driver which is
+            port.sendFrame(31, {1});
+            port.rig.run(5);
+            port.expectFraming(0);
+        }
+    }
+}
+
+// ---- Bytes under way
+
+// What the driver refuses to send for a while is whole behind it: at most the transfer under way is missing.
+TEST(DriverFramingSwitch, interrupted_sending_keeps_the_frames) {
+    for (const auto seed : test::seeds(30)) {
+        for (const bool sleep : {false, true}) {
+            Framed port(seeded(seed));
+            port.startFraming();
+            port.hold(true);
+            std::vector<Bytes> bodies;
+            std::string stream;
+            for (unsigned i = 0; i < 12; ++i) {
+                bodies.push_back(Bytes(20 + i, static_cast<std::uint8_t>('a' + i)));
+                stream += textOf(bodies.back()) + "~";
+            }
+            EXPECT_EQ(port.write(stream), STATUS_SUCCESS);
+            const std::string path = port.rig.instancePath();
+            nt::Thread releaser("releaser", [&] {
+                spin(seed % 32);
+                if (seed % 2) port.hold(false);
+            });
+            if (sleep) {
+                test::PortPower(port.rig).set(PowerDeviceD2);
+            } else {
+                port.rig.executive().queryStop(path);
+            }
+            releaser.join();
+            port.rig.run(5);
+            if (sleep) {
+                test::PortPower(port.rig).set(PowerDeviceD0);
+            } else {
+                port.rig.executive().cancelStop(path);
+            }
+            port.hold(false);
+            port.rig.run(100);
+            const std::string got = port.received();
+            std::string all;
+            bool found = false;
+            for (unsigned i = 0; i < bodies.size(); ++i) all += textOf(ppp::deviceFrame(i, bodies[i]));
+            found = got == all;
+            for (unsigned lost = 0; lost < bodies.size(); ++lost) {
+                std::string rest;
+                for (unsigned i = 0; i < bodies.size(); ++i) rest += i == lost ? "" : textOf(ppp::deviceFrame(i, bodies[i]));
+                found = found || got == rest;
+            }
+            EXPECT_TRUE(found) << got.size() << " of " << all.size();
+        }
+    }
+}
+
+// A host that writes faster than the wire takes, in pieces of any size: every frame, in order, each once.
+TEST(DriverFramingSwitch, frames_wait_for_the_wire) {
+    for (const auto seed : test::seeds(30)) {
+        std::mt19937_64 random(seed);
+        Framed port(seeded(seed, {{"WriteBufferSize", seed % 2 ? 64u : 4096u}}));
+        port.outRing(100 + static_cast<ULONG>(random() % 900));
+        port.startFraming();
+        std::string stream, wire;
+        for (unsigned i = 0; i < 25; ++i) {
+            Bytes body(1 + random() % 300);
+            for (auto& byte : body) byte = static_cast<std::uint8_t>(random() % 8 ? random() : 0x7E);
+            wire += textOf(ppp::deviceFrame(i, body));
+            Bytes host;
+            for (const std::uint8_t byte : body) ppp::appendEscaped(host, byte, {});
+            stream += textOf(host) + "~";
+        }
+        std::vector<std::unique_ptr<Pending>> writes;
+        for (std::size_t at = 0; at < stream.size();) {
+            const std::size_t length = std::min<std::size_t>(1 + random() % 500, stream.size() - at);
+            port.write(*writes.emplace_back(std::make_unique<Pending>(stream.substr(at, length))));
+            at += length;
+            if (random() % 3 == 0) port.hold(random() % 2);
+            spin(random() % 30);
+        }
+        port.hold(false);
+        ASSERT_TRUE(port.rig.until([&] { return std::ranges::all_of(writes, [](auto& w) { return w->done(); }); }, 2000));
+        port.rig.run(20);
+        EXPECT_EQ(port.received(), wire);
+    }
+}
+
+// A byte that waited in one framing session does not begin the first frame of the next.
+TEST(DriverFramingSwitch, no_byte_comes_over_from_the_last_session) {
+    for (const auto seed : test::seeds(10)) {
+        Framed port(seeded(seed));
+        port.startFraming();
+        port.hold(true);
+        EXPECT_EQ(port.write("one~two~X"), STATUS_SUCCESS);   // a frame on the wire, one behind it, a byte behind that
+        port.rig.run(5);
+        port.notify(kStop);
+        port.rig.run(20);
+        EXPECT_FALSE(port.deviceFrames);
+        EXPECT_EQ(port.set(IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_TXCLEAR}), STATUS_SUCCESS);
+        port.notify(kStart);
+        port.rig.run(50);
+        EXPECT_EQ(port.record().PppMode, ULONG{FRAMING});
+        port.hold(false);
+        port.rig.run(5);
+        port.forget();
+        EXPECT_EQ(port.write("new~"), STATUS_SUCCESS);
+        port.rig.run(5);
+        EXPECT_EQ(port.received(), std::string("\xAA\xBB\0\x07new", 7));
+    }
+}
+
+// Nothing more comes from the device: what did not fit into the ring is there as soon as there is room, for a read that
+// comes later and for one that waits.
+TEST(DriverFramingSwitch, the_end_of_a_frame_needs_no_further_packet) {
+    for (const auto seed : test::seeds(20)) {
+        for (const bool waiting : {false, true}) {
+            SCOPED_TRACE(waiting);
+            Framed port(seeded(seed));
+            port.set(IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{100, 1000});
+            port.startFraming();
+            std::string expected;
+            Pending all(880);
+            if (waiting) port.read(all);
+            for (unsigned i = 0; i < 2; ++i) {
+                const Bytes body(440, static_cast<std::uint8_t>('A' + i));
+                expected += textOf(ppp::hostFrame(body, {}));
+                port.sendFrame(i, body);
+            }
+            port.rig.run(10);
+            std::string got;
+            for (int i = 0; i < 40 && !waiting; ++i) got += port.take(1 + seed * 7 % 100);
+            if (waiting) got = all.text();
+            EXPECT_EQ(got, expected.substr(0, waiting ? 880 : std::min<std::size_t>(expected.size(), 40 * (1 + seed * 7 % 100))));
+        }
+    }
+}
+
+// Purges at any moment take bytes, but no frame reaches the host that checks out and was never sent.
+TEST(DriverFramingSwitch, a_purge_makes_no_frame) {
+    unsigned whole = 0;
+    for (const auto seed : test::seeds(60)) {
+        std::mt19937_64 random(seed);
+        Framed port(seeded(seed, {{"ReadBufferSize", 64}, {"ReadBufferCount", 3}}));
+        port.set(IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{100 + static_cast<ULONG>(random() % 100), 1000});
+        port.startFraming();
+        std::vector<Bytes> sent;
+        for (unsigned i = 0; i < 40; ++i) {
+            Bytes body(20 + random() % 200);
+            for (auto& byte : body) byte = static_cast<std::uint8_t>(random());
+            sent.push_back(body);
+            port.sendFrame(i, body);
+        }
+        std::string got;
+        for (int i = 0; i < 150; ++i) {
+            got += port.take(1 + random() % 150);
+            if (random() % 8 == 0) {
+                EXPECT_EQ(port.set(IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR}), STATUS_SUCCESS);
+                got += "~";   // the host starts anew
+            }
+        }
+        for (const Bytes& frame : ppp::toDevice(test::bytesOf(got)).frames) {
+            if (frame.size() < 7) continue;
+            Bytes body(frame.begin() + 4, frame.end());
+            const bool good = static_cast<std::uint16_t>(~(body[body.size() - 1] << 8 | body[body.size() - 2])) ==
+                              ppp::fcs({body.begin(), body.end() - 2});
+            if (!good) continue;
+            body.resize(body.size() - 2);
+            ++whole;
+            EXPECT_TRUE(std::ranges::find(sent, body) != sent.end()) << "a frame of " << body.size() << " bytes nobody sent";
+        }
+    }
+    EXPECT_GT(whole, 0u);
+}
+
+}  // namespace
