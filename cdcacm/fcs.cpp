@@ -40,9 +40,9 @@ USHORT CalcFcs16(USHORT Fcs, const UCHAR* Bytes, ULONG Length)
 
     for (; Length >= FCS_SLICES; Length -= FCS_SLICES, Bytes += FCS_SLICES) {
         const ULONG Later = Slice[13][Bytes[2]] ^ Slice[12][Bytes[3]] ^ Slice[11][Bytes[4]] ^ Slice[10][Bytes[5]] ^
-                            Slice[9][Bytes[6]] ^ Slice[8][Bytes[7]] ^ Slice[7][Bytes[8]] ^ Slice[6][Bytes[9]] ^ Slice[5][Bytes[10]] ^
-                            Slice[4][Bytes[11]] ^ Slice[3][Bytes[12]] ^ Slice[2][Bytes[13]] ^ Slice[1][Bytes[14]] ^
-                            Slice[0][Bytes[15]];
+                            Slice[9][Bytes[6]] ^ Slice[8][Bytes[7]] ^ Slice[7][Bytes[8]] ^ Slice[6][Bytes[9]] ^
+                            Slice[5][Bytes[10]] ^ Slice[4][Bytes[11]] ^ Slice[3][Bytes[12]] ^ Slice[2][Bytes[13]] ^
+                            Slice[1][Bytes[14]] ^ Slice[0][Bytes[15]];
 
         Fcs = (USHORT)(Later ^ Slice[15][(Fcs ^ Bytes[0]) & 0xFF] ^ Slice[14][Fcs >> 8 ^ Bytes[1]]);
     }

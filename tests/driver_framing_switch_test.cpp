@@ -167,6 +167,34 @@ TEST(DriverFramingSwitch, held_bytes_go_out_in_the_mode_that_follows) {
     }
 }
 
+// The request comes while a long write is on its way in many transfers: the bytes go out as they are up to one of the flags, and
+// behind it as frames.
+TEST(DriverFramingSwitch, begins_behind_a_flag_in_the_middle_of_a_write) {
+    unsigned framed = 0;
+    const auto all = test::seeds(200);
+    for (const auto seed : all) {
+        Framed port(seeded(seed, {{"WriteBufferSize", 64}}));
+        std::string stream;
+        std::vector<std::string> right;
+        for (unsigned i = 0; i < 12; ++i) stream += std::string(60 + i * 9, static_cast<char>('a' + i)) + "~";
+        for (std::size_t flag = stream.find('~'); flag != std::string::npos; flag = stream.find('~', flag + 1)) {
+            std::string wire = stream.substr(0, flag + 1);
+            const auto rest = ppp::toDevice(test::bytesOf(stream.substr(flag + 1)));
+            for (const Bytes& frame : rest.frames) wire += textOf(frame);
+            right.push_back(wire);
+        }
+        nt::Thread writer("writer", [&] { EXPECT_EQ(port.write(stream), STATUS_SUCCESS); });
+        spin(nt::sim::random(120));
+        port.notify(kStart);
+        writer.join();
+        port.rig.run(400);
+        const std::string got = port.received();
+        ASSERT_TRUE(std::ranges::find(right, got) != right.end()) << got;
+        framed += got != stream;
+    }
+    EXPECT_TRUE(all.size() == 1 || framed > 0);
+}
+
 // The device hears of framing exactly when the driver frames: requests one over the other, too early, refused, forgotten.
 TEST(DriverFramingSwitch, device_and_driver_agree_in_the_end) {
     unsigned framed = 0, raw = 0;
@@ -548,6 +576,20 @@ TEST(DriverFramingSwitch, the_end_of_a_frame_needs_no_further_packet) {
     }
 }
 
+// Frames in what the host got that check out; each must be one of those sent.
+unsigned expectFramesOf(const std::vector<Bytes>& sent, const std::string& got) {
+    unsigned whole = 0;
+    for (const Bytes& frame : ppp::toDevice(test::bytesOf(got)).frames) {
+        if (frame.size() < 7) continue;
+        const Bytes body(frame.begin() + 4, frame.end() - 2);
+        const auto check = static_cast<std::uint16_t>(frame[frame.size() - 1] << 8 | frame[frame.size() - 2]);
+        if (static_cast<std::uint16_t>(~check) != ppp::fcs(body)) continue;
+        ++whole;
+        EXPECT_TRUE(std::ranges::find(sent, body) != sent.end()) << "a frame of " << body.size() << " bytes nobody sent";
+    }
+    return whole;
+}
+
 // Purges at any moment take bytes, but no frame reaches the host that checks out and was never sent.
 TEST(DriverFramingSwitch, a_purge_makes_no_frame) {
     unsigned whole = 0;
@@ -571,16 +613,47 @@ TEST(DriverFramingSwitch, a_purge_makes_no_frame) {
                 got += "~";   // the host starts anew
             }
         }
-        for (const Bytes& frame : ppp::toDevice(test::bytesOf(got)).frames) {
-            if (frame.size() < 7) continue;
-            Bytes body(frame.begin() + 4, frame.end());
-            const bool good = static_cast<std::uint16_t>(~(body[body.size() - 1] << 8 | body[body.size() - 2])) ==
-                              ppp::fcs({body.begin(), body.end() - 2});
-            if (!good) continue;
-            body.resize(body.size() - 2);
-            ++whole;
-            EXPECT_TRUE(std::ranges::find(sent, body) != sent.end()) << "a frame of " << body.size() << " bytes nobody sent";
+        whole += expectFramesOf(sent, got);
+    }
+    EXPECT_GT(whole, 0u);
+}
+
+// Transfers that end while the receiver is stopped are dropped, and a frame may have been half in them.
+TEST(DriverFramingSwitch, lost_transfers_make_no_frame) {
+    unsigned whole = 0;
+    for (const auto seed : test::seeds(60)) {
+        std::mt19937_64 random(seed);
+        Framed port(seeded(seed, {{"ReadBufferSize", 64}, {"ReadBufferCount", 5}}));
+        port.startFraming();
+        const std::string path = port.rig.instancePath();
+        std::vector<Bytes> sent;
+        std::string got;
+        for (unsigned round = 0, i = 0; round < 12; ++round) {
+            Bytes stream;
+            for (unsigned end = i + 6; i < end; ++i) {
+                Bytes body(100 + random() % 300);
+                for (auto& byte : body) byte = static_cast<std::uint8_t>(random());
+                ppp::append(stream, ppp::deviceFrame(i, body));
+                sent.push_back(std::move(body));
+            }
+            // Without an end anywhere: frames lie across the transfers.
+            nt::Thread pourer("pourer", [&] {
+                port.rig.device([&](ScriptedDevice& d) {
+                    for (std::size_t at = 0; at < stream.size(); at += 64) {
+                        const std::size_t end = std::min(stream.size(), at + 64);
+                        d.send(kIn, Bytes(stream.begin() + static_cast<std::ptrdiff_t>(at), stream.begin() + static_cast<std::ptrdiff_t>(end)), false);
+                    }
+                });
+            });
+            spin(random() % 60);
+            port.rig.executive().queryStop(path);
+            spin(random() % 20);
+            port.rig.executive().cancelStop(path);
+            pourer.join();
+            port.rig.run(5);
+            for (std::string piece = port.take(4000); !piece.empty(); piece = port.take(4000)) got += piece;
         }
+        whole += expectFramesOf(sent, got);
     }
     EXPECT_GT(whole, 0u);
 }
