@@ -49,12 +49,13 @@ constexpr std::uint8_t sendBreakRequest = 0x23;
 constexpr std::size_t lineCodingBytes = 7;
 
 constexpr std::uint8_t getEscapedCharacters = 0x60;
-constexpr std::uint8_t startFraming = 0x61;
-constexpr std::uint8_t stopFraming = 0x62;
+constexpr std::uint8_t startFramingRequest = 0x61;
+constexpr std::uint8_t stopFramingRequest = 0x62;
 constexpr std::size_t escapedCharactersLimit = 256;
 
 constexpr std::uint8_t notifyNetworkConnection = 0x00;
 constexpr std::uint8_t notifySerialState = 0x20;
+constexpr std::uint8_t vendorKind = 0xC1;
 constexpr std::size_t notificationHeader = 8;
 
 constexpr std::uint16_t momentaryStates = stateBreak | stateFramingError | stateParityError | stateOverrun;
@@ -74,6 +75,15 @@ constexpr std::array stateBits{
 static_assert(stateBits.size() + 1 == lineCount, "clear to send has a notification of its own");
 
 }  // namespace
+
+std::vector<std::uint8_t> controlCharacters(std::uint32_t map) {
+    std::vector<std::uint8_t> characters;
+    for (unsigned c = 0; c < 32; ++c) {
+        if ((map >> c & 1) != 0)
+            characters.push_back(static_cast<std::uint8_t>(c));
+    }
+    return characters;
+}
 
 AcmDevice::AcmDevice(Options options) : options_(std::move(options)) {
     const std::uint16_t vendor = options_.vendorId;
@@ -215,17 +225,19 @@ usb::ControlReply AcmDevice::classRequest(const usb::SetupPacket& setup, std::sp
 
 usb::ControlReply AcmDevice::vendorRequest(const usb::SetupPacket& setup, std::span<std::uint8_t> data) {
     if (setup.request == getEscapedCharacters && setup.isIn()) {
-        const auto& list = options_.escapedCharacters;
+        const auto list = readEscapes();
         const std::size_t count = std::min({data.size(), list.size(), escapedCharactersLimit});
         std::copy_n(list.begin(), count, data.begin());
         return usb::ControlReply::ack(static_cast<std::uint32_t>(count));
     }
-    // This device speaks bytes only: framing cannot be started and is always stopped.
-    if (setup.request == startFraming)
+    if (setup.isIn() || setup.length != 0)
         return usb::ControlReply::stall();
-    if (setup.request == stopFraming && !setup.isIn() && setup.length == 0)
+    if (setup.request == startFramingRequest && startFraming())
         return usb::ControlReply::ack();
-    return usb::ControlReply::stall();
+    if (setup.request != stopFramingRequest)
+        return usb::ControlReply::stall();
+    stopFraming();
+    return usb::ControlReply::ack();
 }
 
 // ---- state of the bus ----
@@ -251,7 +263,7 @@ void AcmDevice::haltCleared(std::uint8_t endpoint) {
 }
 
 bool AcmDevice::wantsRemoteWake() {
-    return !states_.empty() || line(LineName::clearToSend) != reportedClearToSend_ || hasBytes();
+    return vendorNotification() || !states_.empty() || line(LineName::clearToSend) != reportedClearToSend_ || hasBytes();
 }
 
 // ---- data ----
@@ -316,7 +328,11 @@ bool AcmDevice::popNotification(std::span<std::uint8_t> space, std::int32_t& len
     Notification bytes{0xA1, 0, 0, 0, communicationInterface, 0, 0, 0, 0, 0};
     std::size_t count = notificationHeader;
     const bool clearToSend = line(LineName::clearToSend);
-    if (clearToSend != reportedClearToSend_) {
+    const auto vendor = vendorNotification();
+    if (vendor) {
+        bytes[0] = vendorKind;
+        bytes[1] = *vendor;
+    } else if (clearToSend != reportedClearToSend_) {
         bytes[1] = notifyNetworkConnection;
         bytes[2] = clearToSend ? 1 : 0;
     } else if (!states_.empty()) {
@@ -332,7 +348,9 @@ bool AcmDevice::popNotification(std::span<std::uint8_t> space, std::int32_t& len
         return false;
     std::copy_n(bytes.begin(), count, space.begin());
     length = static_cast<std::int32_t>(count);
-    if (bytes[1] == notifyNetworkConnection) {
+    if (vendor) {
+        vendorNotificationFetched();
+    } else if (bytes[1] == notifyNetworkConnection) {
         reportedClearToSend_ = clearToSend;
     } else {
         states_.erase(states_.begin());

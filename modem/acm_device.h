@@ -20,11 +20,16 @@
 
 namespace modem {
 
+// Those whose bit is set.
+std::vector<std::uint8_t> controlCharacters(std::uint32_t map);
+
 struct Options {
     std::uint16_t vendorId = 0x1209;  // a number set aside for tests
     std::uint16_t productId = 0x0001;
     Identity identity;
-    std::vector<std::uint8_t> escapedCharacters;  // answer to the request for the characters to escape, at most 256
+    // Answer to the request for the characters to escape, at most 256.
+    std::vector<std::uint8_t> escapedCharacters = controlCharacters(0xFFFF'FFFF);
+    FramingMode framing = FramingMode::on;
 };
 
 struct LineCoding {
@@ -78,7 +83,7 @@ class AcmDevice : public usb::Device {
     bool wantsRemoteWake() override;
 
   protected:
-    enum class Stimulus : std::uint8_t { ring, dropCarrier, errors, line };
+    enum class Stimulus : std::uint8_t { ring, dropCarrier, errors, line, framing, escapes };
 
     explicit AcmDevice(Options options);
 
@@ -92,6 +97,13 @@ class AcmDevice : public usb::Device {
     // Bytes for the host, at most space.size(); 0: none now.
     virtual std::size_t give(std::span<std::uint8_t> space) = 0;
     virtual bool hasBytes() const = 0;
+    // What the device asks of the host beside its lines: the code of a vendor notification; and the host's answers.
+    virtual std::optional<std::uint8_t> vendorNotification() const { return std::nullopt; }
+    virtual void vendorNotificationFetched() {}
+    virtual std::span<const std::uint8_t> readEscapes() { return options_.escapedCharacters; }
+    // False: refused.
+    virtual bool startFraming() { return false; }
+    virtual void stopFraming() {}
     virtual void act(Stimulus what, std::uint32_t value) {
         static_cast<void>(what);
         static_cast<void>(value);

@@ -131,6 +131,7 @@ class AtInterpreter {
     Outcome packetContext(Form form, std::string_view value);
     Outcome signalCommand(std::string_view name, Form form, std::string_view value);
     Outcome lineCommand(Form form, std::string_view value);
+    Outcome frameCommand(Form form, std::string_view value);
     void viewSettings();
     void startConnecting();
 

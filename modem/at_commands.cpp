@@ -356,7 +356,7 @@ AtInterpreter::Outcome AtInterpreter::extendedNamed(std::string_view name, Form 
     }
     if (name == "+CGDCONT")
         return packetContext(form, value);
-    if (name == "+LINE" || name == "+ERROR" || name == "+RING")
+    if (name == "+LINE" || name == "+ERROR" || name == "+RING" || name == "+FRAME")
         return signals_ != nullptr ? signalCommand(name, form, value) : Outcome::error;
 
     struct FixedAnswer {
@@ -447,10 +447,12 @@ AtInterpreter::Outcome AtInterpreter::packetContext(Form form, std::string_view 
     return Outcome::done;
 }
 
-// +LINE=DCD,1 and the like; +ERROR=BREAK, FRAMING, PARITY or OVERRUN; +RING and +RING=3: a call comes in.
+// +LINE=DCD,1 and +FRAME=OFF and the like; +ERROR=BREAK, FRAMING, PARITY or OVERRUN; +RING and +RING=3: a call comes in.
 AtInterpreter::Outcome AtInterpreter::signalCommand(std::string_view name, Form form, std::string_view value) {
     if (name == "+LINE")
         return lineCommand(form, value);
+    if (name == "+FRAME")
+        return frameCommand(form, value);
     if (name == "+ERROR" && form == Form::set) {
         for (const ErrorText& error : errorTexts) {
             if (error.text == value) {
@@ -488,6 +490,36 @@ AtInterpreter::Outcome AtInterpreter::lineCommand(Form form, std::string_view va
         return Outcome::done;
     }
     return Outcome::error;
+}
+
+// MODE or MODE,ESCAPES, the latter in hexadecimal.
+AtInterpreter::Outcome AtInterpreter::frameCommand(Form form, std::string_view value) {
+    FramingChoice choice = signals_->signalFramingChoice();
+    if (form == Form::execute)
+        return Outcome::error;
+    if (form == Form::test) {
+        information("+FRAME: (ON,OFF,LATE,MID,TWICE,KEEP),(00000000-FFFFFFFF)");
+        return Outcome::done;
+    }
+    if (form == Form::read) {
+        const auto text = std::ranges::find(framingTexts, choice.mode, &FramingText::mode);
+        information("+FRAME: " + std::string(text->text) + "," + escapesText(choice.escapes) + "," +
+                    std::string(signals_->signalFramingState()));
+        return Outcome::done;
+    }
+    const std::size_t nameEnd = std::min(value.find(','), value.size());
+    const auto text = std::ranges::find(framingTexts, value.substr(0, nameEnd), &FramingText::text);
+    if (text == framingTexts.end())
+        return Outcome::error;
+    choice.mode = text->mode;
+    if (nameEnd != value.size()) {
+        const auto escapes = parseEscapes(value.substr(nameEnd + 1));
+        if (!escapes)
+            return Outcome::error;
+        choice.escapes = *escapes;
+    }
+    signals_->signalFraming(choice);
+    return Outcome::done;
 }
 
 }  // namespace modem

@@ -17,6 +17,7 @@ constexpr std::array book{
     PhoneBookEntry{"105", FarEnd::noCarrier, "*SECONDS", "answers without a carrier; gives up after SECONDS (3)"},
     PhoneBookEntry{"106", FarEnd::noDialtone, "", "no dial tone"},
     PhoneBookEntry{"107", FarEnd::callBack, "*SECONDS", "hangs up and calls you after SECONDS (5)"},
+    PhoneBookEntry{"*99#", FarEnd::ppp, "", "PPP access server"},
 };
 
 // The pattern repeats after 65536 bytes: a block of it is one copy.
@@ -56,6 +57,15 @@ std::optional<std::uint64_t> takeParameter(std::string_view& rest) {
     return value;
 }
 
+// *99#, *99***1# and the like.
+bool isAccessNumber(std::string_view number) {
+    constexpr std::string_view begin = "*99";
+    if (!number.starts_with(begin) || !number.ends_with('#'))
+        return false;
+    const std::string_view middle = number.substr(begin.size(), number.size() - begin.size() - 1);
+    return middle.find_first_not_of("*0123456789") == std::string_view::npos && (middle.empty() || middle.front() == '*');
+}
+
 std::int64_t secondsToMs(std::uint64_t seconds) {
     return std::min(static_cast<std::int64_t>(seconds), maxSeconds) * 1000;
 }
@@ -82,11 +92,16 @@ void Line::dial(std::string_view number, const DialTimes& times) {
         if (entry.number == called && rest.empty())
             farEnd_ = entry.farEnd;
     }
+    if (isAccessNumber(number)) {
+        farEnd_ = FarEnd::ppp;
+        first_.reset();
+    }
     outcome_ = LineEvent::noCarrier;
     switch (farEnd_) {
     case FarEnd::echo:
     case FarEnd::pattern:
     case FarEnd::swallow:
+    case FarEnd::ppp:
         outcome_ = LineEvent::connected;
         phaseEndMs_ += answerMs;
         break;
@@ -173,6 +188,11 @@ std::optional<LineEvent> Line::tick(std::int64_t nowMs) {
     case State::ringing:
         return nextRingPhase();
     case State::connected:
+        if (ppp()) {
+            server_->tick(nowMs_);
+            if (server_->over() && !hangUpAtMs_)
+                hangUpAtMs_ = nowMs_;
+        }
         if (hangUpAtMs_ && nowMs_ >= *hangUpAtMs_) {
             hangUp();
             return LineEvent::noCarrier;
@@ -209,6 +229,9 @@ void Line::startCall(FarEnd farEnd) {
     if (farEnd == FarEnd::pattern) {
         patternLength_ = first_.value_or(0);
         patternPerSecond_ = std::min(second_.value_or(0), maxRate);
+    } else if (farEnd == FarEnd::ppp) {
+        earlierPpp_ = pppCounters();
+        server_.emplace(pppSettings_, echo_);
     } else if (first_) {
         hangUpAtMs_ = nowMs_ + secondsToMs(*first_);
     }
@@ -247,6 +270,10 @@ std::optional<std::int64_t> Line::nextDeadlineMs() const {
     case State::connected:
         break;
     }
+    if (ppp()) {
+        const auto serverMs = server_->nextDeadlineMs();
+        return hangUpAtMs_ && serverMs ? std::min(hangUpAtMs_, serverMs) : hangUpAtMs_ ? hangUpAtMs_ : serverMs;
+    }
     // A far end with a rate has more to say a step from now, unless it has already.
     if (farEnd_ == FarEnd::pattern && patternPerSecond_ != 0 && patternReady() == 0 && !hangUpAtMs_) {
         const std::uint64_t missing = 1000 - patternCredit_ + patternPerSecond_ - 1;
@@ -256,12 +283,19 @@ std::optional<std::int64_t> Line::nextDeadlineMs() const {
 }
 
 std::size_t Line::sendRoom() const {
+    if (ppp())
+        return server_->room();
     return farEnd_ == FarEnd::echo ? echo_.room() : SIZE_MAX;
 }
 
 std::size_t Line::send(std::span<const std::uint8_t> data) {
     if (state_ != State::connected)
         return 0;
+    if (ppp()) {
+        const auto part = data.first(std::min(data.size(), server_->room()));
+        server_->take(part);
+        return part.size();
+    }
     return farEnd_ == FarEnd::echo ? echo_.push(data) : data.size();
 }
 
@@ -278,8 +312,12 @@ bool Line::hasData() const {
 }
 
 std::size_t Line::receive(std::span<std::uint8_t> space) {
-    if (state_ != State::connected || farEnd_ != FarEnd::pattern)
-        return echo_.pop(space);
+    if (state_ != State::connected || farEnd_ != FarEnd::pattern) {
+        const std::size_t count = echo_.pop(space);
+        if (ppp())
+            server_->pump();
+        return count;
+    }
     const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(space.size(), patternReady()));
     for (std::size_t done = 0; done < count;) {
         const std::size_t at = (patternSent_ + done) % patternPeriod;
@@ -293,6 +331,18 @@ std::size_t Line::receive(std::span<std::uint8_t> space) {
     if (patternLength_ != 0 && patternSent_ == patternLength_)
         hangUpAtMs_ = nowMs_;
     return count;
+}
+
+PppCounters Line::pppCounters() const {
+    PppCounters sum = earlierPpp_;
+    if (server_) {
+        const PppCounters last = server_->counters();
+        sum.framesIn += last.framesIn;
+        sum.framesOut += last.framesOut;
+        sum.fcsErrors += last.fcsErrors;
+        sum.dropped += last.dropped;
+    }
+    return sum;
 }
 
 bool Line::sendBreak() {

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "modem/byte_ring.h"
+#include "modem/ppp_server.h"
 
 #include <cstdint>
 #include <optional>
@@ -29,6 +30,7 @@ enum class FarEnd : std::uint8_t {
     noCarrier,  // answers, but no modem is there
     noDialtone,
     callBack,  // hangs up and calls back
+    ppp,       // an access server
 };
 
 struct PhoneBookEntry {
@@ -38,7 +40,8 @@ struct PhoneBookEntry {
     std::string_view what;
 };
 
-// The whole phone book. Any other number is not in service and gives NO CARRIER.
+// The whole phone book. Any other number is not in service and gives NO CARRIER. An access server's number may
+// hold more between its first digits and its '#'.
 std::span<const PhoneBookEntry> phoneBook();
 
 // Byte `index` of what FarEnd::pattern sends: the low byte of index * 31 + index / 256.
@@ -99,6 +102,13 @@ class Line {
     // A break towards the far end. True: it comes back.
     bool sendBreak();
 
+    // The far end is an access server and the call stands.
+    bool ppp() const { return state_ == State::connected && farEnd_ == FarEnd::ppp; }
+    // Of access servers called from now on.
+    void setPpp(const PppSettings& settings) { pppSettings_ = settings; }
+    // Of all calls to them.
+    PppCounters pppCounters() const;
+
   private:
     LineEvent finishDialing();
     std::optional<LineEvent> nextRingPhase();
@@ -123,6 +133,9 @@ class Line {
 
     // Bytes on their way here.
     ByteRing echo_{echoBytes};
+    PppSettings pppSettings_;
+    std::optional<PppServer> server_;  // of the last call to one; speaks into echo_
+    PppCounters earlierPpp_;           // of the servers before it
     std::uint64_t patternSent_ = 0;
     std::uint64_t patternLength_ = 0;     // 0: endless
     std::uint64_t patternPerSecond_ = 0;  // 0: as fast as it is read

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -51,6 +52,46 @@ inline constexpr std::array<ErrorText, 4> errorTexts{{{"BREAK", stateBreak},
                                                       {"PARITY", stateParityError},
                                                       {"OVERRUN", stateOverrun}}};
 
+// When the modem asks its host for framed PPP transfers.
+enum class FramingMode : std::uint8_t {
+    on,        // with the first LCP frame of a call
+    off,       // never
+    late,      // with the first IP datagram
+    midFrame,  // in the middle of a frame
+    twice,     // as on, two times, and once more when framing has begun
+    keep,      // as on, and never for its end
+};
+struct FramingText {
+    std::string_view text;
+    FramingMode mode;
+};
+inline constexpr std::array<FramingText, 6> framingTexts{{{"ON", FramingMode::on},
+                                                          {"OFF", FramingMode::off},
+                                                          {"LATE", FramingMode::late},
+                                                          {"MID", FramingMode::midFrame},
+                                                          {"TWICE", FramingMode::twice},
+                                                          {"KEEP", FramingMode::keep}}};
+struct FramingChoice {
+    FramingMode mode = FramingMode::on;
+    // A bit for each control character: what the host is told to escape for its application, and what a PPP far end
+    // asks to have escaped.
+    std::uint32_t escapes = 0xFFFF'FFFF;
+};
+
+// A map of control characters as commands write it: hexadecimal digits.
+inline std::optional<std::uint32_t> parseEscapes(std::string_view digits) {
+    std::uint32_t map = 0;
+    const char* const end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, map, 16);
+    return error == std::errc() && stop == end ? std::optional(map) : std::nullopt;
+}
+inline std::string escapesText(std::uint32_t map) {
+    std::string text(8, '0');
+    for (std::size_t i = text.size(); i-- != 0; map >>= 4)
+        text[i] = "0123456789ABCDEF"[map & 15];
+    return text;
+}
+
 // The lines to the host, as the commands of whoever types hold and pull them.
 class Signals {
   public:
@@ -62,6 +103,11 @@ class Signals {
     virtual void signalErrors(std::uint16_t bits) = 0;
     // Somebody calls. False: the line is in use.
     virtual bool signalRing(unsigned rings) = 0;
+    // From the next call on.
+    virtual void signalFraming(const FramingChoice& choice) = 0;
+    virtual FramingChoice signalFramingChoice() const = 0;
+    // In one word, what passes between modem and host now.
+    virtual std::string_view signalFramingState() const = 0;
 
   protected:
     ~Signals() = default;

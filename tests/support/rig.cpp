@@ -73,8 +73,15 @@ void TestRig::checkAssertions() {
 }
 
 Plugged TestRig::plug(std::unique_ptr<ScriptedDevice> device, const std::string& instanceId, bool faulty) {
+    ScriptedDevice* const scripted = device.get();
+    Plugged plugged = plugOther(std::move(device), instanceId, faulty);
+    plugged.device = scripted;
+    if (first_.port == plugged.port) first_.device = scripted;
+    return plugged;
+}
+
+Plugged TestRig::plugOther(std::unique_ptr<usb::Device> device, const std::string& instanceId, bool faulty) {
     Plugged plugged;
-    plugged.device = device.get();
     plugged.backend = std::make_shared<usb::VirtualBackend>(std::move(device), "scripted " + instanceId);
     std::shared_ptr<usb::Backend> backend = plugged.backend;
     if (faulty) backend = plugged.faults = std::make_shared<usb::FaultyBackend>(plugged.backend);

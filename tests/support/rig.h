@@ -62,6 +62,8 @@ public:
 
     // Plugs another device in and waits for the PnP manager.
     Plugged plug(std::unique_ptr<ScriptedDevice> device, const std::string& instanceId, bool faulty = false);
+    // The same with a device of any kind; reach it through its backend.
+    Plugged plugOther(std::unique_ptr<usb::Device> device, const std::string& instanceId, bool faulty = false);
     void unplug() { bus_->unplug(first_.port); }
     void replug(const std::string& instanceId = {});
     // The first device.
