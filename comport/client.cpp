@@ -138,6 +138,30 @@ std::string listTable(const json& ports) {
     return alignedOf(rows);
 }
 
+// "3 in, 4 out" of counters by their names.
+std::string countsText(const json& counts, std::initializer_list<std::pair<const char*, const char*>> names) {
+    std::string text;
+    for (const auto& [name, words] : names) {
+        text += (text.empty() ? "" : ", ") + plain(counts.at(name)) + " " + words;
+    }
+    return text;
+}
+
+void addPpp(std::vector<Row>& rows, const json& ppp) {
+    rows.push_back({"  PPP passes as", plain(ppp.at("state")) + " (framing " + plain(ppp.at("mode")) + ", escapes " +
+                                           plain(ppp.at("escapes")) + ")"});
+    rows.push_back({"  PPP frames", countsText(ppp, {{"framesIn", "in"},
+                                                     {"framesOut", "out"},
+                                                     {"fcsErrors", "with FCS errors"},
+                                                     {"dropped", "dropped"}})});
+    rows.push_back({"  of them framed", countsText(ppp.at("framed"), {{"framesIn", "in"},
+                                                                      {"framesOut", "out"},
+                                                                      {"missing", "missing"},
+                                                                      {"badHeaders", "bad headers"},
+                                                                      {"dropped", "dropped"}})});
+    rows.push_back({"  framing", countsText(ppp.at("framed"), {{"starts", "times begun"}, {"refusals", "refused"}})});
+}
+
 std::string statusTable(const json& port) {
     const json& open = port.at("port");
     const json& side = port.at("modemSide");
@@ -156,6 +180,9 @@ std::string statusTable(const json& port) {
     }
     rows.push_back({"  modem's settings", settingsText(side.at("settings"))});
     rows.push_back({"  modem's lines", modemLinesText(side)});
+    if (!port.at("ppp").is_null()) {
+        addPpp(rows, port.at("ppp"));
+    }
     for (const auto& [name, count] : port.at("counters").items()) {
         std::string words;
         for (char c : name) {

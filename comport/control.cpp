@@ -66,6 +66,28 @@ json countersOf(const PortCounters& counters) {
             {"heldBackReads", counters.heldBackReads}};
 }
 
+std::string_view textOf(modem::FramingMode mode) {
+    return std::ranges::find(modem::framingTexts, mode, &modem::FramingText::mode)->text;
+}
+
+json pppOf(const PppStatus& ppp) {
+    json framed = {{"framesIn", ppp.framing.framesIn},
+                   {"framesOut", ppp.framing.framesOut},
+                   {"missing", ppp.framing.gaps},
+                   {"badHeaders", ppp.framing.badHeaders},
+                   {"dropped", ppp.framing.dropped},
+                   {"starts", ppp.framing.starts},
+                   {"refusals", ppp.framing.refusals}};
+    return {{"state", ppp.state},
+            {"mode", textOf(ppp.choice.mode)},
+            {"escapes", modem::escapesText(ppp.choice.escapes)},
+            {"framesIn", ppp.frames.framesIn},
+            {"framesOut", ppp.frames.framesOut},
+            {"fcsErrors", ppp.frames.fcsErrors},
+            {"dropped", ppp.frames.dropped},
+            {"framed", framed}};
+}
+
 json briefOf(const PortStatus& port) {
     return {{"name", port.name},         {"device", port.device},       {"modem", port.modem},
             {"state", port.state},       {"terminal", port.terminal},   {"pluggedIn", port.pluggedIn},
@@ -85,6 +107,7 @@ json statusOf(const PortStatus& port) {
                            {"DTR", (port.controlLines & 1) != 0},
                            {"RTS", (port.controlLines & 2) != 0},
                            {"lines", lines}};
+    result["ppp"] = port.ppp ? pppOf(*port.ppp) : json(nullptr);
     result["counters"] = countersOf(port.counters);
     return result;
 }
@@ -178,6 +201,21 @@ std::string parseTrace(Words words, Order& order) {
     return "";
 }
 
+std::string parseFrame(Words words, Order& order) {
+    auto mode = std::ranges::find(modem::framingTexts, upper(words[0]), &modem::FramingText::text);
+    if (mode == modem::framingTexts.end()) {
+        return "'" + words[0] + "' is no way to ask for framing; there are on, off, late, mid, twice and keep";
+    }
+    order.value = static_cast<std::uint32_t>(mode->mode);
+    if (words.size() > 1) {
+        order.escapes = modem::parseEscapes(words[1]);
+        if (!order.escapes) {
+            return "'" + words[1] + "' is not a map of control characters; give 32 bits in hexadecimal, 000A0000 for example";
+        }
+    }
+    return "";
+}
+
 std::string parseBreak(Words, Order& order) {
     order.value = modem::stateBreak;
     return "";
@@ -200,6 +238,7 @@ constexpr OrderForm orderForms[] = {
     {"drop", Order::Action::drop, 0, 0, nullptr, "drop"},
     {"unplug", Order::Action::unplug, 0, 0, nullptr, "unplug"},
     {"plug", Order::Action::plug, 0, 0, nullptr, "plug"},
+    {"frame", Order::Action::frame, 1, 2, parseFrame, "frame on|off|late|mid|twice|keep [ESCAPES]"},
     {"trace", Order::Action::trace, 1, 1, parseTrace, "trace MASK"},
 };
 
@@ -233,6 +272,7 @@ std::string_view orderHelp() {
            "ring [N]               somebody calls, N times or until answered\n"
            "drop                   the far end hangs up\n"
            "unplug, plug           pull the modem's plug, put it in again\n"
+           "frame MODE [ESCAPES]   when the modem asks for framed PPP transfers: on, off, late, mid, twice or keep\n"
            "trace MASK             what the driver traces, from the next opening of the port on";
 }
 

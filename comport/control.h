@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "modem/acm_device.h"
+#include "modem/framing.h"
+#include "modem/ppp_server.h"
 
 namespace comport {
 
@@ -43,6 +45,14 @@ struct PortCounters {
     std::uint64_t heldBackReads = 0;  // for an application that did not read
 };
 
+// What the modem says of its PPP calls since it was plugged in.
+struct PppStatus {
+    std::string state;  // what passes between modem and port
+    modem::FramingChoice choice;
+    modem::PppCounters frames;
+    modem::FramingCounters framing;
+};
+
 struct PortStatus {
     struct ModemLine {
         bool level = false;
@@ -59,16 +69,18 @@ struct PortStatus {
     modem::LineCoding coding;        // as the modem was told
     std::uint16_t controlLines = 0;  // the same: bit 0 DTR, bit 1 RTS
     std::array<ModemLine, modem::lineCount> lines;  // as the modem has them; by LineName
+    std::optional<PppStatus> ppp;  // of a modem
     PortCounters counters;
 };
 
 // One thing `ctl` does.
 struct Order {
-    enum class Action : std::uint8_t { line, errors, ring, drop, unplug, plug, trace };
+    enum class Action : std::uint8_t { line, errors, ring, drop, unplug, plug, trace, frame };
     Action action = Action::line;
     modem::LineName line = modem::LineName::carrier;
     std::optional<bool> level;  // nothing: the line follows the modem
-    std::uint32_t value = 0;    // error bits, rings, trace mask
+    std::uint32_t value = 0;    // error bits, rings, trace mask, FramingMode
+    std::optional<std::uint32_t> escapes;
 };
 
 // Either an order or what is wrong with the words.

@@ -50,6 +50,12 @@ int serve(const comport::Options& options) {
     std::string link = server.link();
     std::printf("%s is served at %s\nTry: picocom %s   (type ATI, Enter; leave with Ctrl-A Ctrl-X)\n",
                 server.portName().c_str(), link.c_str(), link.c_str());
+    if (options.modem == comport::ModemKind::modem) {
+        std::printf("Dial up: pppd %s 115200 local nodetach noauth user me password me connect "
+                    "'/usr/sbin/chat -v \"\" ATD*99# CONNECT'\n  (Debian's package ppp; as root, where there is /dev/ppp), "
+                    "then: ping 192.0.2.1\n",
+                    link.c_str());
+    }
     for (const std::string& url : server.urls()) {
         std::printf("and at %s\n", url.c_str());
     }

@@ -107,6 +107,10 @@ void Server::describeModem(PortStatus& status) {
             status.lines[static_cast<std::size_t>(text.line)] = {modem.line(text.line),
                                                                   modem.heldAt(text.line).has_value()};
         }
+        if (auto* called = dynamic_cast<modem::Modem*>(&modem)) {
+            status.ppp = PppStatus{std::string(called->framingState()), called->framingChoice(), called->pppCounters(),
+                                   called->framing().counters()};
+        }
     });
 }
 
@@ -140,6 +144,14 @@ void Server::carryOut(const std::string&, const Order& order) {
         break;
     case Action::drop:
         withModem([&](modem::AcmDevice& modem) { telephone(modem).dropCarrier(); });
+        break;
+    case Action::frame:
+        withModem([&](modem::AcmDevice& modem) {
+            modem::FramingChoice choice = telephone(modem).framingChoice();
+            choice.mode = static_cast<modem::FramingMode>(order.value);
+            choice.escapes = order.escapes.value_or(choice.escapes);
+            telephone(modem).setFraming(choice);
+        });
         break;
     case Action::unplug:
         unplug();

@@ -30,7 +30,8 @@ public:
         }
         done += port + ":" + std::to_string(static_cast<int>(order.action)) + "," +
                 std::to_string(static_cast<int>(order.line)) + "," +
-                (order.level ? (*order.level ? "on" : "off") : "auto") + "," + std::to_string(order.value) + " ";
+                (order.level ? (*order.level ? "on" : "off") : "auto") + "," + std::to_string(order.value) +
+                (order.escapes ? "/" + std::to_string(*order.escapes) : "") + " ";
         ++orders;
     }
     static PortStatus port(const std::string& name) {
@@ -74,6 +75,11 @@ TEST(ControlOrders, AreUnderstoodOrRefusedWithAReason) {
         {{"unplug"}, "COM3:4,0,auto,0 ", true},
         {{"plug"}, "COM3:5,0,auto,0 ", true},
         {{"trace", "0x800000FF"}, "COM3:6,0,auto,2147483903 ", true},
+        {{"frame", "off"}, "COM3:7,0,auto,1 ", true},
+        {{"frame", "Twice", "a0000"}, "COM3:7,0,auto,4/655360 ", true},
+        {{"frame", "never"}, "'never'", false},
+        {{"frame", "on", "100000000"}, "hexadecimal", false},
+        {{"frame", "on", ""}, "hexadecimal", false},
         {{"drop"}, "no telephone line", false},
         {{}, "--help", false},
         {{"jump"}, "'jump'", false},
@@ -155,13 +161,16 @@ TEST(ControlTables, ShowOpenAndClosedPorts) {
     PortStatus open = FakeTarget::port("COM12");
     open.open = OpenPort{1200, 7, 2, 2, 1, 0xB0, 3, 4};
     open.lines[0] = {true, true};
+    open.ppp = PppStatus{"framing", {modem::FramingMode::late, 0xA0000}, {11, 12, 13, 14}, {21, 22, 23, 24, 25, 26, 27}};
     target.ports_.push_back(open);
     std::string list = tableOf(Command::list, answer(target, R"({"command":"list"})"));
     EXPECT_NE(list.find("\nCOM3   modem  started  no    /tmp/COM3"), std::string::npos) << list;
     EXPECT_NE(list.find("\nCOM12  modem  started  yes   /tmp/COM12"), std::string::npos) << list;
     std::string status = tableOf(Command::status, answer(target, R"({"command":"status"})"));
     for (const char* text : {"COM3 ", "not open", "  settings             1200 7E2\n", "CTS DCD DSR DTR\n", "DCD (held: DCD)",
-                             "5000000000", "held back reads", "115200 8N1"}) {
+                             "5000000000", "held back reads", "115200 8N1",
+                             "framing (framing LATE, escapes 000A0000)", "11 in, 12 out, 13 with FCS errors, 14 dropped",
+                             "21 in, 22 out, 23 missing, 24 bad headers, 25 dropped", "26 times begun, 27 refused"}) {
         EXPECT_NE(status.find(text), std::string::npos) << text << " in\n" << status;
     }
 }
