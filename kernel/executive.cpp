@@ -9,6 +9,7 @@
 #include "kernel/ob_names.h"
 #include "kernel/pnp.h"
 #include "kernel/pool.h"
+#include "kernel/power.h"
 #include "kernel/rtl_text.h"
 #include "kernel/verifier.h"
 #include "kernel/work.h"
@@ -117,6 +118,7 @@ LeakReport Executive::stop() {
     auto add = [&](std::vector<std::string> lines) {
         report.lines.insert(report.lines.end(), lines.begin(), lines.end());
     };
+    wakeSystem();
     KeFlushQueuedDpcs();
     flushWork();
     sys.pnp->settle();

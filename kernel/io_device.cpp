@@ -2,6 +2,7 @@
 //
 // A device is alive from IoCreateDevice to IoDeleteDevice. Deleting takes its name away and forbids new opens and attachments at
 // once; the block stays until the last file, work item and reference has gone, so late users find their extension.
+#include <algorithm>
 #include <new>
 
 #include "kernel/faults.h"
@@ -102,6 +103,24 @@ PDEVICE_OBJECT topOfStack(PDEVICE_OBJECT device) {
     }
     referenceDevice(device);
     return device;
+}
+
+PDEVICE_OBJECT bottomOfStack(PDEVICE_OBJECT device) {
+    TinyGuard guard(attachmentLock);
+    while (PDEVICE_OBJECT lower = device->DeviceObjectExtension->attachedTo) {
+        device = lower;
+    }
+    referenceDevice(device);
+    return device;
+}
+
+DEVICE_POWER_STATE stackPowerState(PDEVICE_OBJECT device) {
+    TinyGuard guard(attachmentLock);
+    DEVICE_POWER_STATE lowest = PowerDeviceUnspecified;
+    for (; device; device = device->AttachedDevice) {
+        lowest = std::max(lowest, device->DeviceObjectExtension->powerState.load());
+    }
+    return lowest;
 }
 
 std::vector<std::string> leftDevices(Driver& driver) {

@@ -30,6 +30,7 @@ struct _DEVOBJ_EXTENSION {
     std::atomic<bool> deletePending;
     PDEVICE_OBJECT attachedTo;         // guarded by the attachment lock
     std::atomic<DEVICE_POWER_STATE> powerState;
+    std::atomic<LONG> waitWakes;       // outstanding in the stack; of its lowest device
     nt::DeviceNodeRecord* node;        // of a PDO the PnP manager knows; guarded by the PnP manager's lock
     std::u16string* name;              // null for a nameless device; fixed
 };
@@ -46,6 +47,10 @@ std::string deviceName(PDEVICE_OBJECT device);
 LONG handlesOnStack(PDEVICE_OBJECT device);
 // Top of the stack with a reference.
 PDEVICE_OBJECT topOfStack(PDEVICE_OBJECT device);
+// Lowest of its stack with a reference.
+PDEVICE_OBJECT bottomOfStack(PDEVICE_OBJECT device);
+// The lowest state that a driver of the stack has reported, from `device` upwards.
+DEVICE_POWER_STATE stackPowerState(PDEVICE_OBJECT device);
 // Device objects of a driver that nobody deleted, one line each; frees what they hold.
 std::vector<std::string> leftDevices(Driver& driver);
 
@@ -78,6 +83,7 @@ struct alignas(16) IrpRecord {
     PDEVICE_OBJECT device;       // where it is to be sent from a system thread
     PDEVICE_OBJECT powerDevice;  // as asked for; referenced
     PDEVICE_OBJECT powerTop;     // referenced
+    PDEVICE_OBJECT powerBottom;  // of a wait-wake; referenced
     PREQUEST_POWER_COMPLETE powerComplete;
     PVOID powerContext;
     UCHAR powerMinor;
@@ -102,6 +108,20 @@ void pinIrp(IrpRecord& record);
 void unpinIrp(IrpRecord& record);
 // Sends a request of the executive's own and waits for its end; the caller still owns it. Below DISPATCH_LEVEL.
 NTSTATUS callAndWait(PDEVICE_OBJECT device, IrpRecord& record);
+
+struct PowerRequest {
+    UCHAR minor = 0;
+    POWER_STATE_TYPE type = DevicePowerState;
+    POWER_STATE state{};
+    POWER_ACTION action = PowerActionNone;
+    PREQUEST_POWER_COMPLETE complete = nullptr;
+    PVOID context = nullptr;
+    bool mayFail = true;  // the fault switchboard has its say
+};
+// Sends it to the top of the stack. STATUS_PENDING, or STATUS_INSUFFICIENT_RESOURCES: then nothing is called.
+NTSTATUS requestPower(PDEVICE_OBJECT device, const PowerRequest& wanted, PIRP* irp);
+// A wait-wake that was good from `deepest` upwards has ended with success. <= DISPATCH_LEVEL.
+void deviceWoke(SYSTEM_POWER_STATE deepest);
 
 // System buffers from caches by size; null when memory ran out. `size` is rounded up to what it really holds.
 PVOID allocateBuffer(ULONG& size);

@@ -6,10 +6,12 @@
 //   no longer reported -> SURPRISE_REMOVAL -> (no handle open on the stack) -> REMOVE -> forgotten
 //   a START that fails -> REMOVE -> startFailed
 //
-// Everything happens on one thread, in the order it was asked for.
+// Everything happens on one thread, in the order it was asked for; the power manager (po_system.cpp) uses it too. While the system
+// sleeps nothing arrives and nothing departs: buses that report a change are looked at when it wakes.
 #include "kernel/pnp.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "kernel/io_internal.h"
 #include "kernel/rtl_text.h"
@@ -123,9 +125,7 @@ void PnpManager::stop() {
             }
             DeviceNodeRecord& node = **root;
             removeChildren(node);
-            if (node.driverAdded && node.state == DeviceState::started) {
-                send(node, IRP_MN_QUERY_REMOVE_DEVICE);
-            }
+            queryLastRemove(node);
             PDEVICE_OBJECT pdo = node.pdo;
             referenceDevice(pdo);
             node.gone = true;
@@ -231,6 +231,11 @@ void PnpManager::enumerate(PDEVICE_OBJECT pdo) {
     if (!node || node->gone || node->state != DeviceState::started) {
         return;
     }
+    if (systemState() != PowerSystemWorking) {
+        referenceDevice(pdo);
+        heldBack_.push_back(pdo);
+        return;
+    }
     IO_STACK_LOCATION location{};
     location.MinorFunction = IRP_MN_QUERY_DEVICE_RELATIONS;
     location.Parameters.QueryDeviceRelations.Type = BusRelations;
@@ -253,6 +258,13 @@ void PnpManager::enumerate(PDEVICE_OBJECT pdo) {
         } else {
             arrive(child, node);
         }
+    }
+}
+
+void PnpManager::enumerateHeldBack() {
+    for (PDEVICE_OBJECT pdo : std::exchange(heldBack_, {})) {
+        enumerate(pdo);
+        dereferenceDevice(pdo);
     }
 }
 
@@ -398,13 +410,18 @@ void PnpManager::forget(DeviceNodeRecord& node) {
     dereferenceDevice(pdo);
 }
 
+// A device that did not come back to full power is not asked: its driver may keep the question until it does.
+void PnpManager::queryLastRemove(DeviceNodeRecord& node) {
+    if (node.driverAdded && node.state == DeviceState::started && stackPowerState(node.pdo) == PowerDeviceD0) {
+        send(node, IRP_MN_QUERY_REMOVE_DEVICE);
+    }
+}
+
 // Orderly removal of everything below, whatever handles are open: the caller goes away.
 void PnpManager::removeChildren(DeviceNodeRecord& node) {
     for (DeviceNodeRecord* child : childrenOf(node)) {
         removeChildren(*child);
-        if (child->driverAdded && child->state == DeviceState::started) {
-            send(*child, IRP_MN_QUERY_REMOVE_DEVICE);
-        }
+        queryLastRemove(*child);
         child->gone = true;
         finishRemoval(*child);
     }
@@ -414,6 +431,10 @@ void PnpManager::removeChildren(DeviceNodeRecord& node) {
 
 NTSTATUS PnpManager::onDevice(std::string_view instancePath, NTSTATUS (PnpManager::*step)(DeviceNodeRecord&)) {
     return call([&] {
+        // A driver may hold the step up until its device has power again, which this thread would have to see to.
+        if (systemState() != PowerSystemWorking) {
+            return STATUS_INVALID_DEVICE_STATE;
+        }
         DeviceNodeRecord* node = find(instancePath);
         return node ? (this->*step)(*node) : STATUS_NO_SUCH_DEVICE;
     });

@@ -14,6 +14,7 @@
 
 #include "kernel/core.h"
 #include "kernel/executive.h"
+#include "kernel/power.h"
 #include "kernel/thread.h"
 
 namespace nt {
@@ -35,6 +36,7 @@ struct DeviceNodeRecord {
     bool waitsForHandles = false;
     bool stopPending = false;
     bool removePending = false;
+    SYSTEM_POWER_STATE systemState = PowerSystemWorking;  // as its stack was last told; the manager's thread only
     DeviceState state = DeviceState::added;
 };
 
@@ -61,6 +63,12 @@ public:
     std::vector<DeviceNode> devices();
     // What kept the registry from being written, "" when nothing did.
     std::string saveError();
+
+    // The devices whose stacks hear of system power, in order of arrival: parents before children. The manager's thread only.
+    std::vector<DeviceNodeRecord*> poweredNodes();
+    // Looks at the buses that reported a change while the system slept. The manager's thread only.
+    void enumerateHeldBack();
+    std::vector<PowerNode> powerNodes();
 
     // Steps for onDevice.
     NTSTATUS queryStop(DeviceNodeRecord& node);
@@ -113,6 +121,7 @@ private:
     void writeKeys(DeviceNodeRecord& node);
     void choosePortName(DeviceNodeRecord& node);
     void removeChildren(DeviceNodeRecord& node);
+    void queryLastRemove(DeviceNodeRecord& node);
     std::vector<DeviceNodeRecord*> childrenOf(const DeviceNodeRecord& node);
     NTSTATUS send(DeviceNodeRecord& node, UCHAR minor);
     DeviceNodeRecord* find(std::string_view instancePath);
@@ -120,6 +129,7 @@ private:
 
     Thread thread_;
     std::mutex lock_;
+    std::vector<PDEVICE_OBJECT> heldBack_;  // buses to enumerate once the system works again, referenced; the thread's own
     // Guarded by lock_.
     std::deque<std::function<void()>> queue_;
     bool busy_ = false;

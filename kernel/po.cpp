@@ -50,13 +50,57 @@ void finishPower(IrpRecord& record) {
     }
     PDEVICE_OBJECT device = record.powerDevice;
     PDEVICE_OBJECT top = record.powerTop;
+    PDEVICE_OBJECT bottom = record.powerBottom;
+    SYSTEM_POWER_STATE deepest = record.powerState.SystemState;
     record.allocated = false;
     unpinIrp(record);
+    if (bottom) {
+        bottom->DeviceObjectExtension->waitWakes.fetch_sub(1);
+        dereferenceDevice(bottom);
+        if (NT_SUCCESS(status.Status)) {
+            deviceWoke(deepest);
+        }
+    }
     dereferenceDevice(top);
     dereferenceDevice(device);
 }
 
 }  // namespace
+
+NTSTATUS requestPower(PDEVICE_OBJECT device, const PowerRequest& wanted, PIRP* irp) {
+    PDEVICE_OBJECT top = topOfStack(device);
+    IrpRecord* record = allocateIrp(top->StackSize, wanted.mayFail);
+    if (!record) {
+        dereferenceDevice(top);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    referenceDevice(device);
+    record->finish = finishPower;
+    record->powerDevice = device;
+    record->powerTop = top;
+    record->powerMinor = wanted.minor;
+    record->powerState = wanted.state;
+    record->powerComplete = wanted.complete;
+    record->powerContext = wanted.context;
+    record->irp.IoStatus.Status = STATUS_NOT_SUPPORTED;
+    PIO_STACK_LOCATION location = IoGetNextIrpStackLocation(&record->irp);
+    location->MajorFunction = IRP_MJ_POWER;
+    location->MinorFunction = wanted.minor;
+    if (wanted.minor == IRP_MN_WAIT_WAKE) {
+        record->powerBottom = bottomOfStack(device);
+        record->powerBottom->DeviceObjectExtension->waitWakes.fetch_add(1);
+        location->Parameters.WaitWake.PowerState = wanted.state.SystemState;
+    } else {
+        location->Parameters.Power.Type = wanted.type;
+        location->Parameters.Power.State = wanted.state;
+        location->Parameters.Power.ShutdownType = wanted.action;
+    }
+    if (irp) {
+        *irp = &record->irp;
+    }
+    sendPower(top, &record->irp);
+    return STATUS_PENDING;
+}
 
 }  // namespace nt
 
@@ -94,35 +138,12 @@ NTSTATUS NTAPI PoRequestPowerIrp(PDEVICE_OBJECT DeviceObject, UCHAR MinorFunctio
     if (MinorFunction != IRP_MN_WAIT_WAKE && MinorFunction != IRP_MN_SET_POWER && MinorFunction != IRP_MN_QUERY_POWER) {
         return STATUS_INVALID_PARAMETER_2;
     }
-    PDEVICE_OBJECT top = topOfStack(DeviceObject);
-    IrpRecord* record = allocateIrp(top->StackSize, true);
-    if (!record) {
-        dereferenceDevice(top);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    referenceDevice(DeviceObject);
-    record->finish = finishPower;
-    record->powerDevice = DeviceObject;
-    record->powerTop = top;
-    record->powerMinor = MinorFunction;
-    record->powerState = PowerState;
-    record->powerComplete = CompletionFunction;
-    record->powerContext = Context;
-    record->irp.IoStatus.Status = STATUS_NOT_SUPPORTED;
-    PIO_STACK_LOCATION location = IoGetNextIrpStackLocation(&record->irp);
-    location->MajorFunction = IRP_MJ_POWER;
-    location->MinorFunction = MinorFunction;
-    if (MinorFunction == IRP_MN_WAIT_WAKE) {
-        location->Parameters.WaitWake.PowerState = PowerState.SystemState;
-    } else {
-        location->Parameters.Power.Type = DevicePowerState;
-        location->Parameters.Power.State = PowerState;
-    }
-    if (Irp) {
-        *Irp = &record->irp;
-    }
-    sendPower(top, &record->irp);
-    return STATUS_PENDING;
+    PowerRequest wanted;
+    wanted.minor = MinorFunction;
+    wanted.state = PowerState;
+    wanted.complete = CompletionFunction;
+    wanted.context = Context;
+    return requestPower(DeviceObject, wanted, Irp);
 }
 
 }  // extern "C"

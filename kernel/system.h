@@ -30,6 +30,10 @@ struct System {
     std::unique_ptr<Namespace> names;
     std::unique_ptr<PnpManager> pnp;
 
+    // Written by the power manager only. The target changes before the first stack is told, the state after the last has ended.
+    std::atomic<SYSTEM_POWER_STATE> powerTarget{PowerSystemWorking};
+    std::atomic<SYSTEM_POWER_STATE> powerState{PowerSystemWorking};
+
     std::mutex sinkLock;  // one text, one log entry at a time
     std::vector<ErrorLogEntry> errorLog;  // guarded by sinkLock
 
