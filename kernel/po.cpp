@@ -78,6 +78,7 @@ NTSTATUS requestPower(PDEVICE_OBJECT device, const PowerRequest& wanted, PIRP* i
     record->finish = finishPower;
     record->powerDevice = device;
     record->powerTop = top;
+    record->powerBottom = nullptr;
     record->powerMinor = wanted.minor;
     record->powerState = wanted.state;
     record->powerComplete = wanted.complete;

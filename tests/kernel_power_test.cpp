@@ -1,0 +1,267 @@
+// The power manager against a bus whose children the test plugs and unplugs: order, refusal, failure, arrival and removal in between.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "kernel/power.h"
+#include "kernel/thread.h"
+#include "tests/kernel_bus.h"
+#include "tests/kernel_core.h"
+
+namespace {
+
+using namespace test;
+
+std::string stateText(SYSTEM_POWER_STATE state) {
+    static const char* const names[] = {"?", "S0", "S1", "S2", "S3", "S4", "off"};
+    return names[state];
+}
+
+class KernelPower : public BusMachine {
+protected:
+    KernelPower() {
+        world_.onPower = [this](PDEVICE_OBJECT device, PIRP irp, NTSTATUS& status) { return onPower(device, irp, status); };
+    }
+
+    // Notes what reaches the function drivers and the bus; the devices below hear it after them.
+    bool onPower(PDEVICE_OBJECT device, PIRP irp, NTSTATUS& status) {
+        const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+        const std::string who = nameOf(device);
+        const bool child = extensionOf(device).kind == childKind;
+        if (location->MinorFunction == IRP_MN_WAIT_WAKE && child) {
+            IoMarkIrpPending(irp);
+            PoStartNextPowerIrp(irp);
+            waitWake_ = irp;
+            status = STATUS_PENDING;
+            return true;
+        }
+        if (child || location->MinorFunction == IRP_MN_WAIT_WAKE) return false;
+        EXPECT_EQ(location->Parameters.Power.Type, SystemPowerState);
+        const bool query = location->MinorFunction == IRP_MN_QUERY_POWER;
+        world_.log.push_back(who + (query ? "?" : ":") + stateText(location->Parameters.Power.State.SystemState));
+        if (onTold) onTold(who, query);
+        if (!query) action = location->Parameters.Power.ShutdownType;
+        if (who == (query ? refuses : fails)) {
+            status = completePower(irp, query ? STATUS_DEVICE_BUSY : STATUS_DEVICE_POWER_FAILURE);
+            return true;
+        }
+        if (query || who != answersLater) return false;
+        IoMarkIrpPending(irp);
+        later_ = nt::Thread("later", [this, irp] {
+            delay(50 * ms);
+            world_.log.push_back(answersLater + " done");
+            completePower(irp, STATUS_SUCCESS);
+        });
+        status = STATUS_PENDING;
+        return true;
+    }
+
+    void askForWake(Child& child, SYSTEM_POWER_STATE deepest) {
+        POWER_STATE state;
+        state.SystemState = deepest;
+        EXPECT_EQ(PoRequestPowerIrp(child.pdo, IRP_MN_WAIT_WAKE, state, nullptr, nullptr, nullptr), STATUS_PENDING);
+    }
+    void endWaitWake(NTSTATUS status) { complete(std::exchange(waitWake_, nullptr), status); }
+    nt::PowerNode powerOf(const std::string& instance) {
+        for (const auto& node : nt::powerNodes()) {
+            if (node.instancePath == "TEST\\Thing\\" + instance) return node;
+        }
+        return {};
+    }
+
+    std::string refuses, fails, answersLater;
+    POWER_ACTION action = PowerActionNone;
+    std::function<void(const std::string& who, bool query)> onTold;
+
+private:
+    PIRP waitWake_ = nullptr;
+    nt::Thread later_;
+};
+
+TEST_F(KernelPower, TheLastToArriveGoesDownFirstAndComesUpLast) {
+    plug(u"one");
+    plug(u"two");
+    log();
+    const struct {
+        SYSTEM_POWER_STATE state;
+        POWER_ACTION action;
+    } table[] = {{PowerSystemSleeping1, PowerActionSleep},
+                 {PowerSystemSleeping2, PowerActionSleep},
+                 {PowerSystemSleeping3, PowerActionSleep},
+                 {PowerSystemHibernate, PowerActionHibernate},
+                 {PowerSystemShutdown, PowerActionShutdown}};
+    for (const auto& item : table) {
+        const std::string s = stateText(item.state);
+        SCOPED_TRACE(s);
+        EXPECT_EQ(nt::sleepSystem(item.state), STATUS_SUCCESS);
+        EXPECT_EQ(log(), "two?" + s + " one?" + s + " bus?" + s + " two:" + s + " one:" + s + " bus:" + s);
+        EXPECT_EQ(action, item.action);
+        EXPECT_EQ(nt::systemState(), item.state);
+        EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE) << "asleep already";
+        nt::wakeSystem();
+        EXPECT_EQ(log(), "bus:S0 one:S0 two:S0");
+        EXPECT_EQ(nt::systemState(), PowerSystemWorking);
+    }
+    nt::wakeSystem();
+    for (const auto state : {PowerSystemUnspecified, PowerSystemWorking, PowerSystemMaximum}) {
+        EXPECT_EQ(nt::sleepSystem(state), STATUS_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(log(), "") << "nobody is told what does not change";
+}
+
+TEST_F(KernelPower, ARefusedQueryWakesThoseWhoWereAsked) {
+    plug(u"one");
+    plug(u"two");
+    plug(u"three");
+    log();
+    refuses = "two";
+    EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(log(), "three?S3 two?S3 two:S0 three:S0");
+    EXPECT_EQ(nt::systemState(), PowerSystemWorking);
+    refuses.clear();
+    EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
+}
+
+TEST_F(KernelPower, AStackThatFailsDoesNotHoldUpTheOthers) {
+    plug(u"one");
+    plug(u"two");
+    log();
+    fails = "two";
+    EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_DEVICE_POWER_FAILURE);
+    EXPECT_EQ(log(), "two?S3 one?S3 bus?S3 two:S3 one:S3 bus:S3");
+    EXPECT_EQ(nt::systemState(), PowerSystemSleeping3);
+    nt::wakeSystem();
+    EXPECT_EQ(log(), "bus:S0 one:S0 two:S0");
+}
+
+TEST_F(KernelPower, TheNextIsToldWhenTheLastHasAnswered) {
+    plug(u"one");
+    plug(u"two");
+    log();
+    answersLater = "two";
+    EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
+    EXPECT_EQ(log(), "two?S3 one?S3 bus?S3 two:S3 two done one:S3 bus:S3");
+    answersLater = "bus";
+    nt::wakeSystem();
+    EXPECT_EQ(log(), "bus:S0 bus done one:S0 two:S0");
+}
+
+TEST_F(KernelPower, WhoComesAndGoesInBetweenDoesSoAtTheWake) {
+    Child& one = plug(u"one");
+    plug(u"two");
+    log();
+    ASSERT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
+    log();
+    unplug(one);
+    plug(u"three");
+    EXPECT_EQ(log(), "");
+    EXPECT_EQ(exec_.restart("TEST\\Thing\\two"), STATUS_INVALID_DEVICE_STATE) << "a driver might keep it until the wake";
+    nt::wakeSystem();
+    EXPECT_EQ(log(), "bus:S0 one:S0 two:S0 surprise remove add start capabilities");
+    EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
+    EXPECT_EQ(log(), "three?S3 two?S3 bus?S3 three:S3 two:S3 bus:S3");
+}
+
+// Reported from within a driver that is just being told.
+TEST_F(KernelPower, AReportOnTheWayDownOrUpWaitsForItsEnd) {
+    Child& one = plug(u"one");
+    plug(u"two");
+    log();
+    onTold = [&](const std::string& who, bool query) {
+        if (who == "two" && !query) unplug(one);
+        onTold = query ? onTold : nullptr;
+    };
+    ASSERT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
+    exec_.settle();
+    EXPECT_EQ(log(), "two?S3 one?S3 bus?S3 two:S3 one:S3 bus:S3");
+    nt::wakeSystem();
+    EXPECT_EQ(log(), "bus:S0 one:S0 two:S0 surprise remove");
+}
+
+TEST_F(KernelPower, ADeviceWakesTheSystemIfItMay) {
+    const struct {
+        SYSTEM_POWER_STATE deepest, state;
+        NTSTATUS status;
+        bool wakes;
+    } table[] = {
+        {PowerSystemSleeping3, PowerSystemSleeping1, STATUS_SUCCESS, true},
+        {PowerSystemSleeping3, PowerSystemSleeping3, STATUS_SUCCESS, true},
+        {PowerSystemSleeping3, PowerSystemHibernate, STATUS_SUCCESS, false},
+        {PowerSystemSleeping1, PowerSystemSleeping3, STATUS_SUCCESS, false},
+        {PowerSystemHibernate, PowerSystemHibernate, STATUS_SUCCESS, true},
+        {PowerSystemShutdown, PowerSystemShutdown, STATUS_SUCCESS, false},
+        {PowerSystemSleeping3, PowerSystemSleeping3, STATUS_CANCELLED, false},
+    };
+    Child& one = plug(u"one");
+    for (const auto& item : table) {
+        SCOPED_TRACE(stateText(item.deepest) + " in " + stateText(item.state));
+        askForWake(one, item.deepest);
+        EXPECT_TRUE(powerOf("one").waitWake);
+        ASSERT_EQ(nt::sleepSystem(item.state), STATUS_SUCCESS);
+        endWaitWake(item.status);
+        exec_.settle();
+        EXPECT_FALSE(powerOf("one").waitWake);
+        EXPECT_EQ(nt::systemState(), item.wakes ? PowerSystemWorking : item.state);
+        nt::wakeSystem();
+    }
+    askForWake(one, PowerSystemSleeping3);
+    endWaitWake(STATUS_SUCCESS);
+    log();
+    exec_.settle();
+    EXPECT_EQ(log(), "") << "awake already";
+}
+
+TEST_F(KernelPower, AWakeOnTheWayDownFollowsIt) {
+    Child& one = plug(u"one");
+    plug(u"two");
+    askForWake(one, PowerSystemSleeping3);
+    log();
+    onTold = [&](const std::string& who, bool query) {
+        if (who == "two" && !query) {
+            onTold = nullptr;
+            endWaitWake(STATUS_SUCCESS);
+        }
+    };
+    EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
+    exec_.settle();
+    EXPECT_EQ(log(), "two?S3 one?S3 bus?S3 two:S3 one:S3 bus:S3 bus:S0 one:S0 two:S0");
+}
+
+TEST_F(KernelPower, TheStateOfAStackIsTheLowestReported) {
+    Child& one = plug(u"one");
+    POWER_STATE state;
+    state.DeviceState = PowerDeviceD2;
+    PoSetPowerState(one.pdo, DevicePowerState, state);
+    EXPECT_EQ(powerOf("one").deviceState, PowerDeviceD2);
+    state.DeviceState = PowerDeviceD3;
+    PoSetPowerState(one.pdo->AttachedDevice, DevicePowerState, state);
+    EXPECT_EQ(powerOf("one").deviceState, PowerDeviceD3);
+    state.DeviceState = PowerDeviceD0;
+    PoSetPowerState(one.pdo, DevicePowerState, state);
+    PoSetPowerState(one.pdo->AttachedDevice, DevicePowerState, state);
+    EXPECT_EQ(powerOf("one").deviceState, PowerDeviceD0);
+}
+
+TEST_F(KernelPower, ItMayEndAsleep) {
+    Child& one = plug(u"one");
+    ASSERT_EQ(nt::sleepSystem(PowerSystemShutdown), STATUS_SUCCESS);
+    plug(u"two");
+    unplug(one);
+}
+
+// A timer of somebody's is all that keeps such a run from its end.
+TEST_F(KernelPower, AStackThatNeverAnswersIsNamed) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    plug(u"one");
+    world_.onPower = [](PDEVICE_OBJECT device, PIRP irp, NTSTATUS& status) {
+        if (extensionOf(device).kind != functionKind || IoGetCurrentIrpStackLocation(irp)->MinorFunction == IRP_MN_QUERY_POWER) return false;
+        IoMarkIrpPending(irp);
+        status = STATUS_PENDING;
+        return true;
+    };
+    EXPECT_DEATH(nt::sleepSystem(PowerSystemSleeping3), "P7.*TEST.Thing.one");
+    world_.onPower = nullptr;
+}
+
+}  // namespace
