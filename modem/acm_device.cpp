@@ -244,7 +244,7 @@ usb::ControlReply AcmDevice::vendorRequest(const usb::SetupPacket& setup, std::s
 
 void AcmDevice::busReset() {
     configured_ = false;
-    suspended_ = false;
+    suspended(false);
     shortPacketDue_ = false;
     states_.clear();
     reportedState_ = 0;
@@ -262,7 +262,17 @@ void AcmDevice::haltCleared(std::uint8_t endpoint) {
         shortPacketDue_ = false;
 }
 
+void AcmDevice::suspended(bool on) {
+    suspended_ = on;
+    changedAsleep_ = false;
+}
+
+// A host that listens (DTR) wants to know all there is. One that has closed the port left things unfetched and wants to know of a call only.
 bool AcmDevice::wantsRemoteWake() {
+    if (changedAsleep_)
+        return true;
+    if ((controlLines_ & 1) == 0)
+        return false;
     return vendorNotification() || !states_.empty() || line(LineName::clearToSend) != reportedClearToSend_ || hasBytes();
 }
 
@@ -316,6 +326,7 @@ void AcmDevice::reportNow(std::uint16_t bits) {
 
 // Queues a SERIAL_STATE. A host that does not look for long finds the newest state, and every kind of error, once.
 void AcmDevice::notify(std::uint16_t state) {
+    changedAsleep_ = changedAsleep_ || suspended_;
     if (states_.size() == notificationLimit) {
         states_.back() = static_cast<std::uint16_t>((states_.back() & momentaryStates) | state);
     } else {

@@ -79,7 +79,7 @@ class AcmDevice : public usb::Device {
     void busReset() override;
     void configured(std::uint8_t value) override;
     void haltCleared(std::uint8_t endpoint) override;
-    void suspended(bool on) override { suspended_ = on; }
+    void suspended(bool on) override;
     bool wantsRemoteWake() override;
 
   protected:
@@ -144,6 +144,7 @@ class AcmDevice : public usb::Device {
     std::array<std::optional<bool>, lineCount> held_;
     bool configured_ = false;
     bool suspended_ = false;
+    bool changedAsleep_ = false;  // a line has, since the suspension
     bool shortPacketDue_ = false;  // the last IN data ended on a whole packet and the transfer goes on
 
     // What the host has been told.

@@ -238,14 +238,40 @@ TEST(ModemData, CallAndBytesSurviveABusReset) {
     EXPECT_EQ(host.read(), "AT\r\r\nOK\r\n");
 }
 
-TEST(ModemData, AskToBeWokenOnlyForSomethingNew) {
-    Host host;
-    host.states();
-    host.modem.suspended(true);
-    EXPECT_FALSE(host.modem.wantsRemoteWake());
-    host.modem.ringIn();
-    host.modem.tick(host.nowMs);
-    EXPECT_TRUE(host.modem.wantsRemoteWake());
+TEST(ModemData, AsksToBeWokenOnlyForSomethingNew) {
+    using Step = void (*)(Host&);
+    const Step nothing = [](Host&) {};
+    const Step ring = [](Host& host) {
+        host.modem.ringIn();
+        host.modem.tick(host.nowMs);
+    };
+    const Step unread = [](Host& host) { host.write("AT\r"); };
+    const struct {
+        const char* name;
+        bool listens;
+        Step before, asleep;
+        bool wakes;
+    } table[] = {
+        {"nothing", true, nothing, nothing, false},
+        {"a call", true, nothing, ring, true},
+        {"a call, port closed", false, nothing, ring, true},
+        {"unread answer", true, unread, nothing, true},
+        {"unread answer, port closed", false, unread, nothing, false},
+        {"a call before", true, ring, nothing, true},
+        {"a call before, port closed", false, ring, nothing, false},
+    };
+    for (const auto& item : table) {
+        SCOPED_TRACE(item.name);
+        Host host;
+        EXPECT_TRUE(host.lines(item.listens ? 1 : 0));
+        host.states();
+        item.before(host);
+        host.modem.suspended(true);
+        item.asleep(host);
+        EXPECT_EQ(host.modem.wantsRemoteWake(), item.wakes);
+        host.modem.suspended(false);
+        EXPECT_EQ(host.modem.wantsRemoteWake(), item.listens && item.wakes) << "awake, the host looks for itself";
+    }
 }
 
 // Transfers of any size, taken in part or refused, against a reader that is often slow.

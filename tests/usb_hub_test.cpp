@@ -20,7 +20,7 @@ RigOptions busOnly(std::uint64_t seed = 1) {
 struct Wire {
     explicit Wire(std::uint64_t seed = 1) : Wire(busOnly(seed)) {}
     explicit Wire(const RigOptions& options) : rig(options), client(rig.executive()) {
-        rig.plug(std::make_unique<ScriptedDevice>(), "0001");
+        rig.plug(std::make_unique<ScriptedDevice>(options.shape), "0001");
         EXPECT_NE(UsbClient::lower(), nullptr);
     }
     TestRig rig;
@@ -270,6 +270,48 @@ TEST(UsbPower, ASuspendedDeviceWakesTheHostIfThatWasArmed) {
     w.rig.device([](ScriptedDevice& d) { d.wakesHost = true; });
     EXPECT_EQ(wake.wait(), STATUS_SUCCESS);
     EXPECT_EQ(PowerRequest::set(PowerDeviceD0), STATUS_SUCCESS);
+}
+
+// The host's requests around a suspension, and what a device does that may not or shall not wake.
+TEST(UsbPower, RemoteWakeIsAskedForAndTakenBack) {
+    const struct {
+        const char* name;
+        std::uint8_t attributes;
+        bool armed, wakes;
+        std::vector<std::uint8_t> asleep, awake;
+    } table[] = {
+        {"armed", 0xA0, true, true, {usb::requestSetFeature}, {usb::requestClearFeature}},
+        {"not armed", 0xA0, false, false, {}, {}},
+        {"not declared", 0x80, true, false, {usb::requestSetFeature}, {}},
+    };
+    for (const auto& item : table) {
+        SCOPED_TRACE(item.name);
+        RigOptions options = busOnly();
+        options.shape.attributes = item.attributes;
+        Wire w(options);
+        const auto standards = [&] {
+            return w.rig.device([](ScriptedDevice& d) {
+                std::vector<std::uint8_t> requests;
+                for (const auto& setup : std::exchange(d.standards, {})) requests.push_back(setup.request);
+                return requests;
+            });
+        };
+        PowerRequest wake;
+        if (item.armed) wake.start(IRP_MN_WAIT_WAKE, sleeping3());
+        w.rig.run(1);
+        standards();
+        EXPECT_EQ(PowerRequest::set(PowerDeviceD2), STATUS_SUCCESS);
+        EXPECT_EQ(standards(), item.asleep);
+        w.rig.device([](ScriptedDevice& d) { d.wakesHost = true; });
+        w.rig.run(10);
+        EXPECT_EQ(item.armed && wake.ended(), item.wakes);
+        EXPECT_EQ(PowerRequest::set(PowerDeviceD0), STATUS_SUCCESS);
+        EXPECT_EQ(standards(), item.awake);
+        if (item.armed && !item.wakes) {
+            IoCancelIrp(wake.irp);
+            wake.wait();
+        }
+    }
 }
 
 TEST(UsbPower, WaitWakeEndsWithItsCancelAndWithTheDevice) {

@@ -40,7 +40,13 @@ NTSTATUS Function::power(PIRP irp) {
 
 NTSTATUS Function::setPower(PIRP irp) {
     const auto* const stack = IoGetCurrentIrpStackLocation(irp);
-    if (stack->Parameters.Power.Type != DevicePowerState) return completePower(irp, STATUS_SUCCESS);
+    if (stack->Parameters.Power.Type != DevicePowerState) {
+        {
+            SpinGuard guard(lock_);
+            systemState_ = stack->Parameters.Power.State.SystemState;
+        }
+        return completePower(irp, STATUS_SUCCESS);
+    }
     const DEVICE_POWER_STATE state = stack->Parameters.Power.State.DeviceState;
     bool gone;
     bool reject;
@@ -127,6 +133,8 @@ void Function::remoteWake() {
     bool armed;
     {
         SpinGuard guard(lock_);
+        // A machine that sleeps deeper has no power left to notice it.
+        if (systemState_ != PowerSystemWorking && systemState_ > options_.systemWake) return;
         armed = wakeIrp_ != nullptr;
     }
     // With wait-wake armed the driver asks for D0, which ends the notification; without, the notification makes it ask.

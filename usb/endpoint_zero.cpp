@@ -10,6 +10,7 @@ namespace {
 constexpr std::uint8_t descriptorDevice = 1, descriptorConfiguration = 2, descriptorString = 3, descriptorEndpoint = 5;
 constexpr std::uint8_t recipientDevice = 0, recipientInterface = 1, recipientEndpoint = 2;
 constexpr std::uint16_t featureEndpointHalt = 0, featureRemoteWake = 1;
+constexpr std::uint8_t attributeRemoteWake = 0x20;
 
 ControlReply put(std::span<const std::uint8_t> source, std::span<std::uint8_t> data) {
     const std::size_t length = std::min(source.size(), data.size());
@@ -98,9 +99,25 @@ ControlReply EndpointZero::getStatus(const SetupPacket& setup, std::span<std::ui
     return put(status, data);
 }
 
+// As the configuration in use, or the one there is, declares.
+bool EndpointZero::mayWake() const {
+    for (std::uint8_t index = 0; index < 255; ++index) {
+        const auto descriptor = device_.configurationDescriptor(index);
+        if (descriptor.size() < 8) return false;
+        if (configuration_ == 0 || descriptor[5] == configuration_) return (descriptor[7] & attributeRemoteWake) != 0;
+    }
+    return false;
+}
+
+void EndpointZero::enableRemoteWake(bool on) {
+    const SetupPacket setup{0x00, on ? requestSetFeature : requestClearFeature, featureRemoteWake, 0, 0};
+    answer(setup, {});
+}
+
 ControlReply EndpointZero::feature(const SetupPacket& setup, bool set) {
     const std::uint8_t recipient = setup.requestType & 0x1F;
     if (recipient == recipientDevice && setup.value == featureRemoteWake) {
+        if (set && !mayWake()) return ControlReply::stall();
         remoteWake_ = set;
         return ControlReply::ack();
     }

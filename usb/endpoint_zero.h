@@ -27,7 +27,8 @@ public:
 
     std::uint8_t configuration() const { return configuration_; }
     bool remoteWakeEnabled() const { return remoteWake_; }
-    void enableRemoteWake(bool on) { remoteWake_ = on; }
+    // The host's request for it, which a device without remote wake in its descriptor refuses.
+    void enableRemoteWake(bool on);
     // 0: there is no such endpoint in the configuration.
     std::uint16_t packetSize(std::uint8_t endpoint) const { return endpoints_[endpointIndex(endpoint)].packetSize; }
     bool halted(std::uint8_t endpoint) const { return endpoints_[endpointIndex(endpoint)].halted; }
@@ -43,6 +44,7 @@ private:
     ControlReply getDescriptor(const SetupPacket& setup, std::span<std::uint8_t> data);
     ControlReply getStatus(const SetupPacket& setup, std::span<std::uint8_t> data);
     ControlReply feature(const SetupPacket& setup, bool set);
+    bool mayWake() const;
     bool configure(std::uint8_t value);
     void addEndpoints(std::span<const std::uint8_t> configuration);
 

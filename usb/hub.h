@@ -252,6 +252,7 @@ private:
     bool started_ = false;
     bool resetting_ = false;
     DEVICE_POWER_STATE power_ = PowerDeviceD0;
+    SYSTEM_POWER_STATE systemState_ = PowerSystemWorking;  // as last told
     std::array<Pipe, 32> pipes_;
     std::uint32_t generation_ = 0;  // of the pipe handles
     bool configured_ = false;

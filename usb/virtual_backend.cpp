@@ -139,10 +139,10 @@ bool VirtualBackend::resetPort() {
 bool VirtualBackend::suspend(bool remoteWake) {
     {
         MutexGuard device(deviceMutex_);
+        if (remoteWake != zero_.remoteWakeEnabled()) zero_.enableRemoteWake(remoteWake);
+        mayWake_ = remoteWake && zero_.remoteWakeEnabled();
         if (!suspended_) device_->suspended(true);
         suspended_ = true;
-        mayWake_ = remoteWake;
-        zero_.enableRemoteWake(remoteWake);
     }
     kick();
     return true;
@@ -153,6 +153,7 @@ bool VirtualBackend::resume() {
         MutexGuard device(deviceMutex_);
         if (suspended_) device_->suspended(false);
         suspended_ = false;
+        if (zero_.remoteWakeEnabled()) zero_.enableRemoteWake(false);
     }
     kick();
     return true;
