@@ -11,6 +11,7 @@
 #include "wdmpnp.h"
 
 #include "pnpadd.h"
+#include "wdmpwr.h"
 #include "wrsupport.h"
 
 static NTSTATUS CompleteIrp(PIRP Irp, NTSTATUS Status)
@@ -206,10 +207,14 @@ static NTSTATUS HandleCapabilities(const PNP_REQUEST* Request)
         Capabilities->DeviceState[PowerSystemShutdown] = PowerDeviceD3;
         Capabilities->SurpriseRemovalOK = 1;
         Dev->Capabilities = *Capabilities;
+        const BOOLEAN News = Capabilities->WakeFromD2 && !Dev->WakeSupported;
         if (Capabilities->WakeFromD2)
             StoreShared(&Dev->WakeSupported, (UCHAR)1);
         if (TRACE_ON(TRC_PNP))
             TraceCapabilities(Request, Capabilities);
+        // The initialisation arms the wake; one that came before this was known could not.
+        if (News && Dev->Initialized && LoadShared(&Dev->DevicePowerState) == PowerDeviceD0)
+            RequestWakeupIrp(Dev);
     } else {
         TRACE(TRC_ERROR, "%P:%S%S:DispatchPnp: pass down IRP_MN_QUERY_CAPABILITIES failed, st:%D\n", PORT_NAME(Dev), Request->Letter, Status);
     }

@@ -184,11 +184,30 @@ static NTSTATUS SetLowDevicePower(DEVICE* Dev, PDEVICE_OBJECT DeviceObject, PDEV
     return PassDownPowerIrp(Lower, Irp, NULL, NULL);
 }
 
+static BOOLEAN DeviceLeft(NTSTATUS Status)
+{
+    return Status == STATUS_DEVICE_NOT_CONNECTED || Status == STATUS_NO_SUCH_DEVICE || Status == STATUS_DEVICE_DOES_NOT_EXIST ||
+           Status == STATUS_DEVICE_REMOVED;
+}
+
+// The bus has lost the device. Its removal may stand behind a request that waits for power: nobody waits for it any more.
+// Under Lock: a return of the device takes Lower over first and clears the event then.
+static VOID ReleaseWaiters(DEVICE* Dev, PDEVICE_OBJECT DeviceObject)
+{
+    KIRQL Irql;
+    ACQUIRE(Dev, Irql);
+    if (LoadShared(&Dev->LowerDevObj) == LowerOf(DeviceObject))
+        KeSetEvent(&PrivateOf(Dev)->Gone, IO_NO_INCREMENT, FALSE);
+    RELEASE(Dev, Irql);
+}
+
 NTSTATUS PwrCompRoutDevOn(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context)
 {
     DEVICE* Dev = (DEVICE*)Context;
     if (Irp->PendingReturned)
         IoMarkIrpPending(Irp);
+    if (DeviceLeft(Irp->IoStatus.Status))
+        ReleaseWaiters(Dev, DeviceObject);
     if (NT_SUCCESS(Irp->IoStatus.Status) && !AttachmentSuperseded(Dev, DeviceObject)) {
         POWER_STATE State;
         State.DeviceState = PowerDeviceD0;

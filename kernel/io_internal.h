@@ -30,7 +30,10 @@ struct _DEVOBJ_EXTENSION {
     std::atomic<bool> deletePending;
     PDEVICE_OBJECT attachedTo;         // guarded by the attachment lock
     std::atomic<DEVICE_POWER_STATE> powerState;
-    std::atomic<LONG> waitWakes;       // outstanding in the stack; of its lowest device
+    // Of the lowest device of a stack.
+    std::atomic<LONG> waitWakes;       // outstanding
+    nt::IrpRecord* powerActive[2];     // the query or set request under way, by POWER_STATE_TYPE, and those that
+    nt::IrpRecord* powerLast[2];       // wait behind it, the last of them here; po.cpp's lock
     nt::DeviceNodeRecord* node;        // of a PDO the PnP manager knows; guarded by the PnP manager's lock
     std::u16string* name;              // null for a nameless device; fixed
 };
@@ -83,7 +86,9 @@ struct alignas(16) IrpRecord {
     PDEVICE_OBJECT device;       // where it is to be sent from a system thread
     PDEVICE_OBJECT powerDevice;  // as asked for; referenced
     PDEVICE_OBJECT powerTop;     // referenced
-    PDEVICE_OBJECT powerBottom;  // of a wait-wake; referenced
+    PDEVICE_OBJECT powerBottom;  // referenced
+    IrpRecord* powerNext;        // waits behind this one
+    POWER_STATE_TYPE powerType;
     PREQUEST_POWER_COMPLETE powerComplete;
     PVOID powerContext;
     UCHAR powerMinor;
@@ -118,7 +123,7 @@ struct PowerRequest {
     PVOID context = nullptr;
     bool mayFail = true;  // the fault switchboard has its say
 };
-// Sends it to the top of the stack. STATUS_PENDING, or STATUS_INSUFFICIENT_RESOURCES: then nothing is called.
+// Sends it to the top of the stack, after those of its kind that were asked for before. STATUS_PENDING, or STATUS_INSUFFICIENT_RESOURCES: then nothing is called.
 NTSTATUS requestPower(PDEVICE_OBJECT device, const PowerRequest& wanted, PIRP* irp);
 // A wait-wake that was good from `deepest` upwards has ended with success. <= DISPATCH_LEVEL.
 void deviceWoke(SYSTEM_POWER_STATE deepest);

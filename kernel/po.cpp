@@ -1,6 +1,8 @@
 // Power requests: sent to the top of a device's stack, passed on by PoCallDriver, and counted.
 //
-// Each driver that gets a power request says once that it is ready for the next one (PoStartNextPowerIrp) before the request ends.
+// A stack has one request for a system state and one for a device state at a time; the next of its kind is sent when that has ended.
+// Wait-wakes stand beside them. Each driver that gets a power request says once that it is ready for the next one
+// (PoStartNextPowerIrp) before the request ends.
 // Devices whose power code may be paged out get their requests at PASSIVE_LEVEL, from a system thread where need be.
 #include "kernel/io_internal.h"
 #include "kernel/verifier.h"
@@ -12,22 +14,27 @@ namespace {
 
 bool mustDefer(PDEVICE_OBJECT device) { return (device->Flags & DO_POWER_PAGABLE) && KeGetCurrentIrql() != PASSIVE_LEVEL; }
 
-// Sends the request now, or from a system thread. `device` keeps a reference until it has been sent.
-NTSTATUS sendPower(PDEVICE_OBJECT device, PIRP irp) {
-    IrpRecord* record = recordOf(irp);
-    if (!mustDefer(device) || !record) {
-        return IoCallDriver(device, irp);
-    }
+// Sends the request from a system thread. `device` keeps a reference until it has been sent.
+void sendLater(PDEVICE_OBJECT device, IrpRecord& record) {
     referenceDevice(device);
-    record->device = device;
-    record->work.context = record;
-    record->work.routine = [](void* context) {
+    record.device = device;
+    record.work.context = &record;
+    record.work.routine = [](void* context) {
         auto r = static_cast<IrpRecord*>(context);
         PDEVICE_OBJECT target = r->device;
         IoCallDriver(target, &r->irp);
         dereferenceDevice(target);
     };
-    queueWork(record->work);
+    queueWork(record.work);
+}
+
+// Now, or from a system thread where it must be.
+NTSTATUS sendPower(PDEVICE_OBJECT device, PIRP irp) {
+    IrpRecord* record = recordOf(irp);
+    if (!mustDefer(device) || !record) {
+        return IoCallDriver(device, irp);
+    }
+    sendLater(device, *record);
     return STATUS_PENDING;
 }
 
@@ -40,27 +47,64 @@ void checkStarts(IrpRecord& record) {
     }
 }
 
+// Guards powerActive, powerLast and powerNext.
+TinyLock orderLock;
+
+bool takesTurns(const IrpRecord& record) { return record.powerMinor != IRP_MN_WAIT_WAKE; }
+
+// False: one is under way, this one is sent when its turn comes.
+bool takeTurn(IrpRecord& record) {
+    if (!takesTurns(record)) {
+        return true;
+    }
+    TinyGuard guard(orderLock);
+    auto& mine = *record.powerBottom->DeviceObjectExtension;
+    IrpRecord*& last = mine.powerLast[record.powerType];
+    if (mine.powerActive[record.powerType]) {
+        last->powerNext = &record;
+        last = &record;
+        return false;
+    }
+    mine.powerActive[record.powerType] = last = &record;
+    return true;
+}
+
+// The one that is to be sent now, or null.
+IrpRecord* passTurn(IrpRecord& record) {
+    if (!takesTurns(record)) {
+        return nullptr;
+    }
+    TinyGuard guard(orderLock);
+    return record.powerBottom->DeviceObjectExtension->powerActive[record.powerType] = record.powerNext;
+}
+
 void finishPower(IrpRecord& record) {
     if (verifying()) {
         checkStarts(record);
     }
     IO_STATUS_BLOCK status = record.irp.IoStatus;
+    IrpRecord* next = passTurn(record);
     if (record.powerComplete) {
         record.powerComplete(record.powerDevice, record.powerMinor, record.powerState, record.powerContext, &status);
     }
     PDEVICE_OBJECT device = record.powerDevice;
     PDEVICE_OBJECT top = record.powerTop;
     PDEVICE_OBJECT bottom = record.powerBottom;
+    const bool wake = record.powerMinor == IRP_MN_WAIT_WAKE;
     SYSTEM_POWER_STATE deepest = record.powerState.SystemState;
     record.allocated = false;
     unpinIrp(record);
-    if (bottom) {
+    if (wake) {
         bottom->DeviceObjectExtension->waitWakes.fetch_sub(1);
-        dereferenceDevice(bottom);
         if (NT_SUCCESS(status.Status)) {
             deviceWoke(deepest);
         }
     }
+    // Its drivers may wait for what this thread has yet to do.
+    if (next) {
+        sendLater(next->powerTop, *next);
+    }
+    dereferenceDevice(bottom);
     dereferenceDevice(top);
     dereferenceDevice(device);
 }
@@ -78,8 +122,10 @@ NTSTATUS requestPower(PDEVICE_OBJECT device, const PowerRequest& wanted, PIRP* i
     record->finish = finishPower;
     record->powerDevice = device;
     record->powerTop = top;
-    record->powerBottom = nullptr;
+    record->powerBottom = bottomOfStack(device);
+    record->powerNext = nullptr;
     record->powerMinor = wanted.minor;
+    record->powerType = wanted.type;
     record->powerState = wanted.state;
     record->powerComplete = wanted.complete;
     record->powerContext = wanted.context;
@@ -88,7 +134,6 @@ NTSTATUS requestPower(PDEVICE_OBJECT device, const PowerRequest& wanted, PIRP* i
     location->MajorFunction = IRP_MJ_POWER;
     location->MinorFunction = wanted.minor;
     if (wanted.minor == IRP_MN_WAIT_WAKE) {
-        record->powerBottom = bottomOfStack(device);
         record->powerBottom->DeviceObjectExtension->waitWakes.fetch_add(1);
         location->Parameters.WaitWake.PowerState = wanted.state.SystemState;
     } else {
@@ -99,7 +144,9 @@ NTSTATUS requestPower(PDEVICE_OBJECT device, const PowerRequest& wanted, PIRP* i
     if (irp) {
         *irp = &record->irp;
     }
-    sendPower(top, &record->irp);
+    if (takeTurn(*record)) {
+        sendPower(top, &record->irp);
+    }
     return STATUS_PENDING;
 }
 
