@@ -162,16 +162,23 @@ void addPpp(std::vector<Row>& rows, const json& ppp) {
     rows.push_back({"  framing", countsText(ppp.at("framed"), {{"starts", "times begun"}, {"refusals", "refused"}})});
 }
 
+std::string powerText(const json& power) {
+    return plain(power.at("device")) + (power.at("wakeArmed").get<bool>() ? ", wakes the system" : "") +
+           (power.at("idleNotification").get<bool>() ? ", idle notification outstanding" : "");
+}
+
 std::string statusTable(const json& port) {
     const json& open = port.at("port");
     const json& side = port.at("modemSide");
     std::vector<Row> rows = {{plain(port.at("name")), plain(port.at("state")) + ", " +
-                                                          (open.is_null() ? "not open" : "open") + ", " +
+                                                          (port.at("open").get<bool>() ? "open" : "not open") + ", " +
                                                           plain(port.at("modem"))},
                              {"  terminal", plain(port.at("terminal"))}};
     if (port.at("device") != "") {
         rows.push_back({"  device", plain(port.at("device"))});
     }
+    rows.push_back({"  system", plain(port.at("power").at("system"))});
+    rows.push_back({"  power", powerText(port.at("power"))});
     if (!open.is_null()) {
         rows.push_back({"  settings", settingsText(open.at("settings"))});
         rows.push_back({"  lines", linesText(open.at("lines"))});

@@ -18,6 +18,8 @@ using nlohmann::json;
 constexpr std::array<std::string_view, 5> parityNames{"none", "odd", "even", "mark", "space"};
 constexpr std::array<std::string_view, 3> stopBitNames{"1", "1.5", "2"};
 
+constexpr std::uint32_t maxIdleSeconds = 3600;
+
 struct StatusBit {
     const char* name;
     std::uint32_t bit;
@@ -91,7 +93,7 @@ json pppOf(const PppStatus& ppp) {
 json briefOf(const PortStatus& port) {
     return {{"name", port.name},         {"device", port.device},       {"modem", port.modem},
             {"state", port.state},       {"terminal", port.terminal},   {"pluggedIn", port.pluggedIn},
-            {"open", port.open.has_value()}};
+            {"open", port.open.has_value() || port.asleep}};
 }
 
 json statusOf(const PortStatus& port) {
@@ -108,6 +110,10 @@ json statusOf(const PortStatus& port) {
                            {"RTS", (port.controlLines & 2) != 0},
                            {"lines", lines}};
     result["ppp"] = port.ppp ? pppOf(*port.ppp) : json(nullptr);
+    result["power"] = {{"system", port.systemState},
+                       {"device", port.deviceState},
+                       {"wakeArmed", port.wakeArmed},
+                       {"idleNotification", port.idleOffered}};
     result["counters"] = countersOf(port.counters);
     return result;
 }
@@ -216,6 +222,24 @@ std::string parseFrame(Words words, Order& order) {
     return "";
 }
 
+std::string parseSleep(Words words, Order& order) {
+    const std::string state = words.empty() ? "S3" : upper(words[0]);
+    if (state.size() != 2 || state[0] != 'S' || state[1] < '1' || state[1] > '4') {
+        return "'" + words[0] + "' is not S1, S2, S3 or S4";
+    }
+    order.value = static_cast<std::uint32_t>(state[1] - '0');
+    return "";
+}
+
+std::string parseSeconds(Words words, Order& order) {
+    std::optional<std::uint32_t> seconds = words.empty() ? 1 : parseMask(words[0]);
+    if (!seconds || *seconds > maxIdleSeconds) {
+        return "'" + words[0] + "' is not a number of seconds; at most " + std::to_string(maxIdleSeconds) + ", 0 never suspends";
+    }
+    order.value = *seconds;
+    return "";
+}
+
 std::string parseBreak(Words, Order& order) {
     order.value = modem::stateBreak;
     return "";
@@ -240,6 +264,9 @@ constexpr OrderForm orderForms[] = {
     {"plug", Order::Action::plug, 0, 0, nullptr, "plug"},
     {"frame", Order::Action::frame, 1, 2, parseFrame, "frame on|off|late|mid|twice|keep [ESCAPES]"},
     {"trace", Order::Action::trace, 1, 1, parseTrace, "trace MASK"},
+    {"sleep", Order::Action::sleep, 0, 1, parseSleep, "sleep [S1|S2|S3|S4]"},
+    {"wake", Order::Action::wake, 0, 0, nullptr, "wake"},
+    {"suspend", Order::Action::suspend, 0, 1, parseSeconds, "suspend [SECONDS]"},
 };
 
 }  // namespace
@@ -273,7 +300,9 @@ std::string_view orderHelp() {
            "drop                   the far end hangs up\n"
            "unplug, plug           pull the modem's plug, put it in again\n"
            "frame MODE [ESCAPES]   when the modem asks for framed PPP transfers: on, off, late, mid, twice or keep\n"
-           "trace MASK             what the driver traces, from the next opening of the port on";
+           "trace MASK             what the driver traces, from the next opening of the port on\n"
+           "sleep [S1..S4], wake   the machine goes to sleep (S3) and wakes up\n"
+           "suspend [SECONDS]      suspend the modem whenever nothing happens for that long (1; 0: never)";
 }
 
 std::string answer(ControlTarget& target, std::string_view request) {

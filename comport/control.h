@@ -66,6 +66,11 @@ struct PortStatus {
     std::string terminal;  // path of the link
     bool pluggedIn = false;
     std::optional<OpenPort> open;
+    bool asleep = false;  // open, and not asked: that would wait for power, or wake the modem
+    std::string systemState;  // S0 ... S4
+    std::string deviceState;  // D0 ... D3, of the modem
+    bool wakeArmed = false;
+    bool idleOffered = false;  // an idle notification is outstanding
     modem::LineCoding coding;        // as the modem was told
     std::uint16_t controlLines = 0;  // the same: bit 0 DTR, bit 1 RTS
     std::array<ModemLine, modem::lineCount> lines;  // as the modem has them; by LineName
@@ -75,11 +80,11 @@ struct PortStatus {
 
 // One thing `ctl` does.
 struct Order {
-    enum class Action : std::uint8_t { line, errors, ring, drop, unplug, plug, trace, frame };
+    enum class Action : std::uint8_t { line, errors, ring, drop, unplug, plug, trace, frame, sleep, wake, suspend };
     Action action = Action::line;
     modem::LineName line = modem::LineName::carrier;
     std::optional<bool> level;  // nothing: the line follows the modem
-    std::uint32_t value = 0;    // error bits, rings, trace mask, FramingMode
+    std::uint32_t value = 0;    // error bits, rings, trace mask, FramingMode, 1 to 4 for S1 to S4, seconds
     std::optional<std::uint32_t> escapes;
 };
 

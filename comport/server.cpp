@@ -5,6 +5,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "kernel/power.h"
 #include "modem/loopback.h"
 #include "modem/modem.h"
 
@@ -157,6 +158,10 @@ void Server::plugIn() {
         ++reconnects_;
     }
     executive_->settle();
+    tellFrontEnds();
+}
+
+void Server::tellFrontEnds() {
     frontEnd_->modemArrived();
     for (std::unique_ptr<NetServer>& server : netServers_) {
         server->modemArrived();
@@ -168,6 +173,8 @@ std::vector<std::string> Server::stop() {
         return {};
     }
     control_.reset();
+    // A front end may wait for power.
+    nt::wakeSystem();
     netServers_.clear();
     frontEnd_.reset();
     std::vector<std::string> left = executive_->stop().lines;

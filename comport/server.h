@@ -49,6 +49,11 @@ private:
     std::vector<PortStatus> ports() override;
     void carryOut(const std::string& port, const Order& order) override;
     void describeModem(PortStatus& status);
+    void describePower(PortStatus& status);
+    void goToSleep(SYSTEM_POWER_STATE state);
+    void wake();
+    void suspendWhenIdle(std::uint32_t seconds);
+    void tellFrontEnds();
     PortCounters counters();
     template <class Body>
     void withModem(Body&& body) {

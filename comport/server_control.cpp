@@ -8,6 +8,7 @@
 
 #include <stdexcept>
 
+#include "kernel/power.h"
 #include "modem/modem.h"
 
 namespace comport {
@@ -24,6 +25,16 @@ const char* wordOf(nt::DeviceState state) {
     case nt::DeviceState::removed: return "removed";
     }
     return "";
+}
+
+const char* wordOf(SYSTEM_POWER_STATE state) {
+    static const char* const words[] = {"", "S0", "S1", "S2", "S3", "S4", "off"};
+    return state < std::size(words) ? words[state] : "";
+}
+
+const char* wordOf(DEVICE_POWER_STATE state) {
+    static const char* const words[] = {"", "D0", "D1", "D2", "D3"};
+    return state < std::size(words) ? words[state] : "";
 }
 
 template <class Record>
@@ -90,13 +101,55 @@ std::vector<PortStatus> Server::ports() {
             status.state = wordOf(device.state);
         }
     }
-    lease_.withFile([&](nt::File& file) { status.open = askOpen(file); });
+    describePower(status);
+    const bool awake = status.systemState == wordOf(PowerSystemWorking) && status.deviceState == wordOf(PowerDeviceD0);
+    lease_.withFile([&](nt::File& file) {
+        status.asleep = !awake;
+        if (awake) {
+            status.open = askOpen(file);
+        }
+    });
     describeModem(status);
     if (status.open && pluggedIn_) {
         status.open->modemStatus = modemStatusOf(status);
     }
     status.counters = counters();
     return {status};
+}
+
+// plugLock_ held.
+void Server::describePower(PortStatus& status) {
+    const usb::PortStatistics bus = bus_->statistics(usbPort_);
+    status.systemState = wordOf(nt::systemState());
+    status.deviceState = wordOf(bus.power);
+    status.wakeArmed = bus.wakeArmed;
+    status.idleOffered = bus.idlePending;
+}
+
+// A modem that came while the system slept arrives now.
+void Server::wake() {
+    std::lock_guard guard(plugLock_);
+    nt::wakeSystem();
+    executive_->settle();
+    tellFrontEnds();
+}
+
+// The driver reads the interval when it makes the port, so the modem starts anew; with the port open that is not possible.
+void Server::suspendWhenIdle(std::uint32_t seconds) {
+    std::lock_guard guard(plugLock_);
+    const std::string device = bus_->instancePath(usbPort_);
+    executive_->registry().setDword("HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Enum\\" + device + "\\Device Parameters", "IdleInterval",
+                                    seconds);
+    executive_->registry().save();
+    const NTSTATUS status = pluggedIn_ ? executive_->restart(device) : STATUS_SUCCESS;
+    if (status == STATUS_DEVICE_BUSY) {
+        throw std::runtime_error("the port is open; the interval is kept and counts when the modem comes back with the port closed");
+    }
+    if (!NT_SUCCESS(status)) {
+        throw std::runtime_error(status == STATUS_INVALID_DEVICE_STATE ? "the system sleeps, or the modem has not started"
+                                                                       : "the modem does not start again");
+    }
+    tellFrontEnds();
 }
 
 void Server::describeModem(PortStatus& status) {
@@ -128,6 +181,16 @@ PortCounters Server::counters() {
     counters.reconnects = reconnects_;
     counters.heldBackReads = lease_.heldBackReads.load(std::memory_order_relaxed);
     return counters;
+}
+
+void Server::goToSleep(SYSTEM_POWER_STATE state) {
+    const NTSTATUS status = nt::sleepSystem(state);
+    if (status == STATUS_INVALID_DEVICE_STATE) {
+        throw std::runtime_error("the system sleeps already");
+    }
+    if (nt::systemState() == PowerSystemWorking && !NT_SUCCESS(status)) {
+        throw std::runtime_error("a device does not let the system sleep");
+    }
 }
 
 void Server::carryOut(const std::string&, const Order& order) {
@@ -162,6 +225,15 @@ void Server::carryOut(const std::string&, const Order& order) {
     case Action::trace:
         setTraceMask(order.value);
         executive_->registry().save();
+        break;
+    case Action::sleep:
+        goToSleep(static_cast<SYSTEM_POWER_STATE>(PowerSystemWorking + order.value));
+        break;
+    case Action::wake:
+        wake();
+        break;
+    case Action::suspend:
+        suspendWhenIdle(order.value);
         break;
     }
 }

@@ -80,6 +80,15 @@ TEST(ControlOrders, AreUnderstoodOrRefusedWithAReason) {
         {{"frame", "never"}, "'never'", false},
         {{"frame", "on", "100000000"}, "hexadecimal", false},
         {{"frame", "on", ""}, "hexadecimal", false},
+        {{"sleep"}, "COM3:8,0,auto,3 ", true},
+        {{"sleep", "s4"}, "COM3:8,0,auto,4 ", true},
+        {{"wake"}, "COM3:9,0,auto,0 ", true},
+        {{"suspend"}, "COM3:10,0,auto,1 ", true},
+        {{"suspend", "0"}, "COM3:10,0,auto,0 ", true},
+        {{"sleep", "S5"}, "'S5'", false},
+        {{"sleep", "3"}, "'3'", false},
+        {{"suspend", "soon"}, "'soon'", false},
+        {{"suspend", "3601"}, "3600", false},
         {{"drop"}, "no telephone line", false},
         {{}, "--help", false},
         {{"jump"}, "'jump'", false},
@@ -162,15 +171,25 @@ TEST(ControlTables, ShowOpenAndClosedPorts) {
     open.open = OpenPort{1200, 7, 2, 2, 1, 0xB0, 3, 4};
     open.lines[0] = {true, true};
     open.ppp = PppStatus{"framing", {modem::FramingMode::late, 0xA0000}, {11, 12, 13, 14}, {21, 22, 23, 24, 25, 26, 27}};
+    open.systemState = "S0";
+    open.deviceState = "D0";
+    open.wakeArmed = true;
     target.ports_.push_back(open);
+    PortStatus asleep = FakeTarget::port("COM13");
+    asleep.asleep = asleep.idleOffered = true;
+    asleep.systemState = "S3";
+    asleep.deviceState = "D2";
+    target.ports_.push_back(asleep);
     std::string list = tableOf(Command::list, answer(target, R"({"command":"list"})"));
     EXPECT_NE(list.find("\nCOM3   modem  started  no    /tmp/COM3"), std::string::npos) << list;
     EXPECT_NE(list.find("\nCOM12  modem  started  yes   /tmp/COM12"), std::string::npos) << list;
+    EXPECT_NE(list.find("\nCOM13  modem  started  yes   /tmp/COM13"), std::string::npos) << "asleep, but open\n" << list;
     std::string status = tableOf(Command::status, answer(target, R"({"command":"status"})"));
     for (const char* text : {"COM3 ", "not open", "  settings             1200 7E2\n", "CTS DCD DSR DTR\n", "DCD (held: DCD)",
                              "5000000000", "held back reads", "115200 8N1",
                              "framing (framing LATE, escapes 000A0000)", "11 in, 12 out, 13 with FCS errors, 14 dropped",
-                             "21 in, 22 out, 23 missing, 24 bad headers, 25 dropped", "26 times begun, 27 refused"}) {
+                             "21 in, 22 out, 23 missing, 24 bad headers, 25 dropped", "26 times begun, 27 refused",
+                             "D0, wakes the system\n", "  system               S3\n", "D2, idle notification outstanding\n"}) {
         EXPECT_NE(status.find(text), std::string::npos) << text << " in\n" << status;
     }
 }

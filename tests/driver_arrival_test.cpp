@@ -125,7 +125,9 @@ TEST(DriverArrival, states_of_the_dialogue) {
         {"cancel stop again", &nt::Executive::cancelStop, PNP_STARTED, true, true},
     };
     OpenPort port;
-    const LONG before = recordOf(port.rig).Ref;
+    // An armed wake request holds a reference as well; when it is armed depends on who comes first.
+    const auto withoutWake = [](const DEVICE& device) { return device.Ref - (device.WakeIrp != nullptr ? 1 : 0); };
+    const LONG before = withoutWake(recordOf(port.rig));
     for (const auto& item : steps) {
         SCOPED_TRACE(item.what);
         EXPECT_EQ((port.rig.executive().*item.step)(port.rig.instancePath()), STATUS_SUCCESS);
@@ -135,9 +137,7 @@ TEST(DriverArrival, states_of_the_dialogue) {
         EXPECT_EQ(device.UsbDeviceEnabled, 1);
         EXPECT_EQ(port.rig.statistics().pending != 0, item.runs);
         EXPECT_EQ(device.DataPathRef, item.holds ? 1 : 0);
-        // The start arms the wake request, which holds a reference as well.
-        const LONG extra = device.WakeIrp != nullptr ? 1 : 0;
-        EXPECT_EQ(device.Ref, before + extra - (item.holds ? 0 : 1));
+        EXPECT_EQ(withoutWake(device), before - (item.holds ? 0 : 1));
     }
 }
 

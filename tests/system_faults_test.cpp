@@ -266,6 +266,8 @@ public:
     void remove() {
         EXPECT_EQ(rig.executive().queryRemove(rig.instancePath()), STATUS_SUCCESS);
         EXPECT_EQ(rig.executive().removeDevice(rig.instancePath()), STATUS_SUCCESS);
+        // The end of the wake request may be the last to let go.
+        rig.settle();
     }
     TestRig rig;
 };
