@@ -81,16 +81,19 @@ NTSTATUS SubmitWriteBuffer(DEVICE* Dev, UCHAR* Buffer, ULONG Length, USB_PACKET*
     return STATUS_UNSUCCESSFUL;
 }
 
-// The count is up before the timer can expire; moving a queued tick adds none.
+// The count is up before the timer can expire; moving a queued tick adds none. A closed port has nothing to count down, and the open
+// starts the tick: until then nobody is woken for it.
 VOID StartWrTimer(DEVICE* Dev)
 {
     KIRQL OldIrql;
 
     ACQUIRE(Dev, OldIrql);
-    Dev->WrTimerArmed = 1;
-    InterlockedIncrement(&Dev->WrTimerPending);
-    if (ArmTimerObj(&Dev->WrTimer))
-        InterlockedDecrement(&Dev->WrTimerPending);
+    if (Dev->OpenCount > 0) {
+        Dev->WrTimerArmed = 1;
+        InterlockedIncrement(&Dev->WrTimerPending);
+        if (ArmTimerObj(&Dev->WrTimer))
+            InterlockedDecrement(&Dev->WrTimerPending);
+    }
     RELEASE(Dev, OldIrql);
 }
 

@@ -141,10 +141,10 @@ void Server::suspendWhenIdle(std::uint32_t seconds) {
     executive_->registry().setDword("HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Enum\\" + device + "\\Device Parameters", "IdleInterval",
                                     seconds);
     executive_->registry().save();
-    const NTSTATUS status = pluggedIn_ ? executive_->restart(device) : STATUS_SUCCESS;
-    if (status == STATUS_DEVICE_BUSY) {
-        throw std::runtime_error("the port is open; the interval is kept and counts when the modem comes back with the port closed");
+    if (lease_.withFile([](nt::File&) {})) {
+        throw std::runtime_error("the port is open; the interval is kept and counts when the modem is plugged in with the port closed");
     }
+    const NTSTATUS status = pluggedIn_ ? executive_->restart(device) : STATUS_SUCCESS;
     if (!NT_SUCCESS(status)) {
         throw std::runtime_error(status == STATUS_INVALID_DEVICE_STATE ? "the system sleeps, or the modem has not started"
                                                                        : "the modem does not start again");

@@ -5,7 +5,14 @@
 #include "kernel/hand.h"
 #include "kernel/thread.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
 
 namespace {
 
@@ -270,6 +277,65 @@ TEST_F(Stress, opens_and_closes_while_the_modem_comes_and_goes) {
     drain(file);
     checkedStream(file, 200);
     file.close();
+}
+
+// --- Rest -------------------------------------------------------------------------------------------------------------
+
+// How often each thread of the process but this one has gone to sleep by itself, and so been woken.
+std::map<std::string, std::uint64_t> wakeUps() {
+    std::map<std::string, std::uint64_t> counts;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string id = task.path().filename();
+        std::ifstream file(task.path() / "status");
+        for (std::string line; id != std::to_string(::gettid()) && std::getline(file, line);) {
+            if (line.starts_with("voluntary_ctxt_switches:")) counts[id] = std::stoull(line.substr(line.find(':') + 1));
+        }
+    }
+    return counts;
+}
+
+// A port that is closed, or whose device is suspended, wakes nothing up.
+TEST(Rest, closed_and_suspended_ports_wake_nothing) {
+    struct {
+        const char* name;
+        unsigned ports;
+        bool suspended;
+    } const table[] = {{"closed", 1, false}, {"closed", 100, false}, {"suspended", 1, true}, {"suspended", 100, true}};
+    for (const auto& item : table) {
+        SCOPED_TRACE(item.name);
+        const auto others = wakeUps();  // of a sanitizer, say
+        RigOptions options = realTime();
+        options.plug = false;
+        TestRig rig(options);
+        std::vector<test::Plugged> plugged;
+        std::vector<nt::File> files(item.suspended ? item.ports : 0);
+        for (unsigned i = 0; i < item.ports; ++i) {
+            const std::string instance = std::to_string(1000 + i);
+            rig.setDeviceValue("IdleInterval", item.suspended, instance);
+            plugged.push_back(rig.plug(std::make_unique<ScriptedDevice>(), instance));
+        }
+        for (unsigned i = 0; i < files.size(); ++i) {
+            const std::string name = "\\DosDevices\\COM" + std::to_string(3 + i);
+            ASSERT_TRUE(rig.until([&] { return NT_SUCCESS(files[i].open(name)); }, 20'000));
+        }
+        const auto atRest = [&] {
+            return std::all_of(plugged.begin(), plugged.end(), [&](const test::Plugged& p) {
+                const auto bus = rig.bus().statistics(p.port);
+                return bus.pending == 0 && (bus.power == PowerDeviceD2) == item.suspended;
+            });
+        };
+        ASSERT_TRUE(rig.until(atRest, 20'000));
+        rig.run(3000);  // what the last activity left behind is over
+        const auto before = wakeUps();
+        ::sleep(1);
+        std::uint64_t woken = 0;
+        for (const auto& [id, count] : wakeUps()) {
+            const auto known = before.find(id);
+            if (others.count(id) == 0) woken += count - (known == before.end() ? 0 : known->second);
+        }
+        std::printf("%3u %s ports: %llu wake-ups in a second\n", item.ports, item.name, static_cast<unsigned long long>(woken));
+        EXPECT_LE(woken, 2u);
+    }
 }
 
 }  // namespace
