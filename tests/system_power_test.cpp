@@ -2,6 +2,7 @@
 #include "tests/system_port.h"
 
 #include "cdcacm/pnpadd.h"
+#include "kernel/faults.h"
 #include "kernel/power.h"
 #include "kernel/thread.h"
 #include "modem/modem.h"
@@ -541,6 +542,97 @@ TEST(SystemPower, sleep_meets_selective_suspend) {
         port.expectDeleted();
         ASSERT_FALSE(testing::Test::HasFailure());
     }
+}
+
+// The return of the device is a life of its own: its suspension holds a request up as the first one did.
+TEST(SystemPower, suspends_again_after_a_return) {
+    for (const auto seed : test::seeds(20)) {
+        RigOptions options = seeded(seed, {{"IdleInterval", 1}});
+        options.port.rejectD0WhenGone = seed % 2;
+        EchoPort port(options);
+        for (int life = 0; life < 2; ++life) {
+            ASSERT_TRUE(port.rig.until([&] { return suspended(port.rig); }));
+            EXPECT_EQ(port.control(life ? IOCTL_SERIAL_CLR_RTS : IOCTL_SERIAL_SET_RTS), STATUS_SUCCESS) << "sent to a suspended device";
+            ASSERT_TRUE(port.rig.until([&] { return suspended(port.rig); }));
+            if (life == 0) {
+                port.rig.unplug();
+                port.rig.settle();
+                port.rig.replug();
+                port.rig.run(300);
+            }
+        }
+        port.expectAlive();
+        ASSERT_FALSE(testing::Test::HasFailure());
+    }
+}
+
+// The wake request ends well on the bus while the removal cancels it.
+TEST(SystemPower, wake_meets_its_cancellation) {
+    for (const auto seed : test::seeds(150)) {
+        EchoPort port(seeded(seed, {{"IdleInterval", 1}}));
+        ASSERT_TRUE(port.rig.until([&] { return suspended(port.rig); }));
+        nt::Thread waker("waker", [&] {
+            spin(nt::sim::random(100));
+            port.rig.device([](ScriptedDevice& d) { d.wakesHost = true; });
+        });
+        spin(nt::sim::random(60));
+        port.rig.unplug();
+        port.rig.settle();
+        waker.join();
+        port.file.close();
+        port.expectDeleted();
+        ASSERT_FALSE(testing::Test::HasFailure());
+    }
+}
+
+// A request of the way up that cannot be made: whoever waits does so until the device leaves, and nothing is kept.
+TEST(SystemPower, resume_without_memory) {
+    for (const bool byDevice : {false, true}) {
+        for (std::uint64_t n = 1;; ++n) {
+            SCOPED_TRACE(n);
+            EchoPort port(seeded(n, {{"IdleInterval", 1}}));
+            ASSERT_TRUE(port.rig.until([&] { return suspended(port.rig); }));
+            nt::faults::failNth(nt::faults::Kind::request, n);
+            Pending write("w");
+            nt::Thread writer;
+            if (byDevice) {
+                port.rig.device([](ScriptedDevice& d) { d.wakesHost = true; });
+            } else {
+                writer.start("writer", [&] { port.write(write); });
+            }
+            port.rig.run(500);
+            const bool struck = nt::faults::failures(nt::faults::Kind::request) != 0;
+            nt::faults::clear();
+            port.rig.unplug();
+            port.rig.settle();
+            writer.join();
+            port.file.cancelAll();
+            port.rig.run(50);
+            EXPECT_TRUE(byDevice || write.done());
+            port.file.close();
+            port.expectDeleted();
+            if (!struck) break;
+            ASSERT_LT(n, 20u);
+        }
+    }
+}
+
+// A handle keeps the old stack there while the device is back: power of the old one means nothing to the port.
+TEST(SystemPower, power_of_the_old_stack) {
+    EchoPort port;
+    test::PortPower old(port.rig);
+    port.file.close();
+    ASSERT_EQ(port.file.open(port.rig.executive().enabledInterfaces().at(0)), STATUS_SUCCESS);
+    port.rig.unplug();
+    port.rig.settle();
+    port.rig.replug();
+    port.rig.run(500);
+    for (const auto state : {PowerDeviceD3, PowerDeviceD0, PowerDeviceD2}) {
+        old.set(state);
+        EXPECT_EQ(recordOf(port.rig).DevicePowerState, ULONG{PowerDeviceD0});
+    }
+    port.expectAlive();
+    old.release();
 }
 
 }  // namespace
