@@ -1,0 +1,335 @@
+#include "tests/explorer/application.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace explorer {
+
+namespace {
+
+constexpr std::int64_t liveMs = 5000;
+// The close's drain, its control requests timing out, one step of a stop.
+constexpr std::int64_t endMs = 8000;
+constexpr std::int64_t stepMs = 5;
+constexpr std::uint32_t maxLength = 4096;
+
+template <class Value>
+std::string bytesOf(const Value& value) {
+    return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+SERIAL_TIMEOUTS timeoutsOf(std::uint32_t value) {
+    const ULONG forever = MAXULONG;
+    const SERIAL_TIMEOUTS choices[] = {{0, 0, 0, 0, 0},       {forever, 0, 0, 0, 0}, {forever, forever, 200, 0, 0}, {20, 0, 0, 0, 50},
+                                       {0, 0, 100, 0, 300},   {10, 1, 50, 1, 50},    {forever, 0, 30, 0, 0},        {0, 2, 0, 0, 0},
+                                       {0x80000000, 0, 0, 0, 0}};
+    return choices[value % std::size(choices)];
+}
+
+std::string inputOf(const Control& control, std::uint32_t value) {
+    switch (control.code) {
+    case IOCTL_SERIAL_SET_BAUD_RATE: return bytesOf(SERIAL_BAUD_RATE{300 * (1 + value % 400)});
+    case IOCTL_SERIAL_SET_QUEUE_SIZE: return bytesOf(SERIAL_QUEUE_SIZE{50 + value % 7 * 300, 50 + value / 7 % 5 * 200});
+    case IOCTL_SERIAL_SET_TIMEOUTS: return bytesOf(timeoutsOf(value));
+    case IOCTL_SERIAL_SET_WAIT_MASK: return bytesOf(ULONG{value % 8 == 0 ? 0 : value & 0x7ff});
+    case IOCTL_SERIAL_PURGE: return bytesOf(ULONG{value & 0x0f});
+    default: {
+        std::string input(control.input, '\0');
+        for (std::size_t i = 0; i < input.size(); ++i) input[i] = static_cast<char>(payload(value, static_cast<std::uint32_t>(i)));
+        return input;
+    }
+    }
+}
+
+ULONG valueOf(const std::string& input) {
+    ULONG value = 0;
+    std::memcpy(&value, input.data(), std::min(sizeof value, input.size()));
+    return value;
+}
+
+}  // namespace
+
+Application::Application(World& world) : world_(world) {}
+
+void Application::ended(nt::Request& request, void* context) {
+    Op& op = *static_cast<Op*>(context);
+    if (++op.ends != 1) wrong("a request ended twice");
+    op.status = request.status();
+    op.information = static_cast<std::uint32_t>(request.information());
+    op.ended = now();
+}
+
+Op& Application::make(Kind kind, Actor actor) {
+    Op& op = ops_.emplace_back();
+    op.kind = kind;
+    op.opening = current_;
+    op.request.setCompletion(ended, &op);
+    last_[std::size_t(actor)] = &op;
+    return op;
+}
+
+template <class Issue>
+void Application::issue(Op& op, Issue&& issue) {
+    op.issued = now();
+    issue(op.opening->file);
+    op.returned = now();
+    op.back = true;
+}
+
+bool Application::open(std::uint32_t name) {
+    const auto names = world_.names();
+    Opening& opening = openings_.emplace_back();
+    world_.visit(rowCreate);
+    if (!NT_SUCCESS(opening.file.open(names[name % names.size()]))) return false;
+    if (current_ != nullptr) wrong("the port was opened twice at the same time");
+    // The close of the opening before is over.
+    if (closeLoss_) world_.losses.end(*closeLoss_, 0);
+    closeLoss_.reset();
+    current_ = &opening;
+    return true;
+}
+
+void Application::close() {
+    Opening* const opening = current_;
+    if (opening == nullptr) return;
+    world_.visit(rowCleanup);
+    // With the modem taking all it is sent, what has been written goes out, but for the transfer under way at the end.
+    const bool flows = world_.device([](WildDevice& d) { return d.takesAll(); }) && world_.state() == DeviceState::running &&
+                       world_.raised() == 0 && !world_.faulty();
+    if (current_ != opening) return;
+    current_ = nullptr;
+    opening->closing = true;
+    opening->closeBegan = now();
+    closeLoss_ = opening->loss = world_.losses.begin("the port closes", flows ? world_.chunk() : unlimited, true);
+    opening->file.close();
+}
+
+void Application::read(Actor actor, std::uint32_t length) {
+    if (current_ == nullptr) return;
+    world_.visit(rowRead);
+    Op& op = make(Kind::read, actor);
+    op.length = std::min(length, maxLength);
+    op.output.resize(op.length);
+    issue(op, [&](nt::File& file) { file.read(op.request, op.output.data(), op.length); });
+}
+
+void Application::write(Actor actor, std::uint32_t length) {
+    if (current_ == nullptr) return;
+    world_.visit(rowWrite);
+    Op& op = make(Kind::write, actor);
+    op.length = std::min(length, maxLength);
+    op.id = ++writes_;
+    for (std::uint32_t i = 0; i < op.length; ++i) op.input.push_back(static_cast<char>(payload(op.id, i)));
+    if (world_.framing() && op.id % 2 == 0 && op.length != 0) op.input.back() = 0x7e;
+    issue(op, [&](nt::File& file) { file.write(op.request, op.input.data(), op.length); });
+}
+
+void Application::control(Actor actor, const Control& control, std::uint32_t value, std::uint32_t cut) {
+    if (current_ == nullptr) return;
+    world_.visit(rowControls + static_cast<std::uint32_t>(&control - controls));
+    const bool character = control.code == codeImmediateChar;
+    Op& op = make(control.code == codeWaitOnMask ? Kind::wait : character ? Kind::write : Kind::control, actor);
+    op.control = &control;
+    op.input = inputOf(control, value);
+    if (cut != 0) op.input.resize(op.input.size() - std::min<std::size_t>(cut, op.input.size()));
+    op.output.resize(control.output - std::min(cut, control.output));
+    if (character) {
+        op.id = ++writes_;
+        op.length = static_cast<std::uint32_t>(op.input.size());
+        if (op.length != 0) op.input[0] = static_cast<char>(payload(op.id, 0));
+    }
+    if (control.code == codeSetTimeouts && op.input.size() == control.input) {
+        SERIAL_TIMEOUTS timeouts;
+        std::memcpy(&timeouts, op.input.data(), sizeof timeouts);
+        timeouts_ = timeouts_ || timeouts.ReadIntervalTimeout != 0 || timeouts.ReadTotalTimeoutConstant != 0 ||
+                    timeouts.ReadTotalTimeoutMultiplier != 0 || timeouts.WriteTotalTimeoutConstant != 0;
+        shortReads_ = shortReads_ || timeouts.ReadIntervalTimeout == MAXULONG;
+    }
+    if (control.code == codeSetWaitMask) masks_ |= valueOf(op.input);
+    std::optional<std::size_t> loss;
+    const std::uint32_t mask = control.code == codePurge ? valueOf(op.input) : 0;
+    if (control.code == codeSetQueueSize) {
+        loss = world_.losses.begin("a queue is resized", unlimited, true);
+    } else if ((mask & (SERIAL_PURGE_TXCLEAR | SERIAL_PURGE_RXCLEAR)) != 0) {
+        loss = world_.losses.begin("a purge", mask & SERIAL_PURGE_TXCLEAR ? unlimited : 0, mask & SERIAL_PURGE_RXCLEAR);
+    }
+    issue(op, [&](nt::File& file) {
+        file.control(op.request, control.code, op.input.data(), static_cast<ULONG>(op.input.size()), op.output.data(),
+                     static_cast<ULONG>(op.output.size()));
+    });
+    if (loss) world_.losses.end(*loss, 0);
+}
+
+// What another driver, stacked on the port, may ask for.
+void Application::internalControl(std::uint32_t row, std::uint32_t value) {
+    PFILE_OBJECT object = current_ != nullptr ? current_->file.object() : nullptr;
+    if (object == nullptr) return;
+    world_.visit(rowInternal);
+    PDEVICE_OBJECT device = IoGetAttachedDevice(object->DeviceObject);
+    ObReferenceObject(device);
+    const std::uint32_t codes[internalCount] = {0x1B0004, 0x1B0008, 0x1B000C, 0x1B000C, 0x1B0014};
+    const ULONG code = codes[row % internalCount];
+    const ULONG length = row % internalCount == 3 ? value % 44 : 44;
+    std::string buffer(44, '\0');
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+    if (irp != nullptr) {
+        irp->AssociatedIrp.SystemBuffer = buffer.data();
+        const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        next->Parameters.DeviceIoControl.IoControlCode = code;
+        next->Parameters.DeviceIoControl.OutputBufferLength = length;
+        const auto ended = [](PDEVICE_OBJECT, PIRP, PVOID context) -> NTSTATUS {
+            KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
+            return STATUS_MORE_PROCESSING_REQUIRED;
+        };
+        IoSetCompletionRoutine(irp, ended, &done, TRUE, TRUE, TRUE);
+        IoCallDriver(device, irp);
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+        const NTSTATUS expected[internalCount] = {STATUS_NOT_SUPPORTED, STATUS_NOT_SUPPORTED, STATUS_SUCCESS, STATUS_INVALID_PARAMETER,
+                                                  STATUS_INVALID_PARAMETER};
+        const NTSTATUS status = irp->IoStatus.Status;
+        if (status != expected[row % internalCount] && !world_.removals) {
+            wrong("an internal control %x ended with %x", code, static_cast<unsigned>(status));
+        }
+        IoFreeIrp(irp);
+    }
+    ObDereferenceObject(device);
+}
+
+void Application::cancel(std::uint32_t which) {
+    std::vector<Op*> outstanding;
+    for (Op& op : ops_) {
+        if (!op.done() && op.opening == current_ && current_ != nullptr) outstanding.push_back(&op);
+    }
+    if (outstanding.empty()) return;
+    world_.visit(rowCancel);
+    Op& op = *outstanding[outstanding.size() - 1 - which % outstanding.size()];
+    op.cancelled = true;
+    op.cancelledAt = now();
+    current_->file.cancel(op.request);
+}
+
+void Application::await(Actor actor, std::uint32_t ms) {
+    const Op* const op = last_[std::size_t(actor)];
+    for (std::uint32_t waited = 0; op != nullptr && !op->done() && waited < ms; ++waited) sleepMs(1);
+}
+
+void Application::take(const Step& step) {
+    const auto [a, b, c] = step.args;
+    switch (step.verb) {
+    case Verb::open:
+        open(a);
+        return;
+    case Verb::close: return close();
+    case Verb::read: return read(step.actor, a);
+    case Verb::write: return write(step.actor, a);
+    case Verb::flush: {
+        if (current_ == nullptr) return;
+        world_.visit(rowFlush);
+        Op& op = make(Kind::flush, step.actor);
+        return issue(op, [&](nt::File& file) { file.flush(op.request); });
+    }
+    case Verb::control: return control(step.actor, controls[a % controlCount], b, c);
+    case Verb::internal: return internalControl(a, b);
+    case Verb::cancel: return cancel(a);
+    case Verb::cancelAll:
+        if (current_ == nullptr) return;
+        world_.visit(rowCancel);
+        for (Op& op : ops_) op.cancelled = op.cancelled || (!op.done() && op.opening == current_);
+        return current_->file.cancelAll();
+    default: return await(step.actor, a);
+    }
+}
+
+// --- The end of a run ----------------------------------------------------------------------------------------------------------
+
+bool Application::until(bool (Application::*condition)() const, std::int64_t ms) {
+    for (std::int64_t waited = 0; !(this->*condition)(); waited += stepMs) {
+        if (waited >= ms) return false;
+        sleepMs(stepMs);
+    }
+    return true;
+}
+
+bool Application::allEnded() const {
+    return std::all_of(ops_.begin(), ops_.end(), [](const Op& op) { return op.done() && op.back; });
+}
+
+Op& Application::runControl(std::uint32_t code, const std::string& input) {
+    const Control& row = controls[rowOf(code)];
+    Op& op = make(Kind::control, Actor::first);
+    op.control = &row;
+    op.input = input;
+    issue(op, [&](nt::File& file) {
+        file.control(op.request, code, op.input.data(), static_cast<ULONG>(op.input.size()), nullptr, 0);
+    });
+    for (int i = 0; i < 1000 && !op.done(); ++i) sleepMs(1);
+    return op;
+}
+
+bool Application::allTaken() const {
+    const auto sent = inOrder(Kind::write);
+    std::size_t bytes = 0;
+    for (const Op* op : sent) bytes += op->status == STATUS_SUCCESS ? op->length : op->information;
+    return world_.record().taken.size() >= bytes;
+}
+
+// What failed or framed has its own rules; everything else must arrive once the device is well.
+void Application::drain() {
+    if (current_ == nullptr) return;
+    for (Op& op : ops_) op.cancelled = op.cancelled || (!op.done() && op.opening == current_);
+    current_->file.cancelAll();
+    if (!until(&Application::allEnded, endMs)) wrong("a cancelled request does not end");
+    if (world_.framing() || world_.faulty()) return;
+    timeouts_ = true;
+    runControl(codeSetTimeouts, bytesOf(SERIAL_TIMEOUTS{0, 0, 200, 0, 0}));
+    // The silence must be longer than one that a slow receive path makes.
+    for (unsigned silent = 0; silent < 2;) {
+        read(Actor::first, maxLength);
+        const Op& op = *last_[0];
+        for (std::int64_t waited = 0; !op.done() && waited < liveMs; waited += stepMs) sleepMs(stepMs);
+        if (!op.done()) wrong("a read outlives its time-out");
+        silent = op.information == 0 ? silent + 1 : 0;
+    }
+    until(&Application::allTaken, liveMs);
+    whole_ = true;
+}
+
+void Application::live() {
+    sleepMs(1);
+    const std::int64_t begin = now().ms;
+    while (!open(0)) {
+        if (now().ms - begin >= liveMs) wrong("liveness: the port does not open");
+        sleepMs(stepMs);
+    }
+    const std::size_t before = world_.record().taken.size();
+    timeouts_ = true;
+    // A ring that could not be had is asked for again.
+    const auto loss = world_.losses.begin("a queue is resized", unlimited, true);
+    runControl(codeSetQueueSize, bytesOf(SERIAL_QUEUE_SIZE{777, 777}));
+    runControl(codeSetQueueSize, bytesOf(SERIAL_QUEUE_SIZE{4096, 2048}));
+    world_.losses.end(loss, 0);
+    runControl(codeSetTimeouts, bytesOf(SERIAL_TIMEOUTS{0, 0, 4000, 0, 0}));
+    write(Actor::second, 700);
+    world_.device([](WildDevice& d) { d.give(700); });
+    const std::size_t already = world_.record().queued();
+    read(Actor::first, static_cast<std::uint32_t>(already));
+    const Op& in = *last_[std::size_t(Actor::first)];
+    const Op& out = *last_[std::size_t(Actor::second)];
+    while (!in.done() || !out.done() || world_.record().taken.size() < before + 700) {
+        if (now().ms - begin < liveMs) {
+            sleepMs(stepMs);
+            continue;
+        }
+        wrong("liveness: of 700 bytes each way %zu reached the device, %u of %u the reader%s", world_.record().taken.size() - before,
+              in.information, in.length, out.done() ? "" : ", and the write does not end");
+    }
+    if (in.status != STATUS_SUCCESS || out.status != STATUS_SUCCESS) wrong("liveness: %x and %x", in.status, out.status);
+    close();
+    if (!until(&Application::allEnded, endMs)) wrong("a request outlives its handle");
+    sleepMs(endMs);
+}
+
+}  // namespace explorer

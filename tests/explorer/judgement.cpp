@@ -1,0 +1,242 @@
+// The requests and bytes of a run, once it is over.
+#include "tests/explorer/application.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace explorer {
+
+namespace {
+
+constexpr std::uint32_t eventsOfData = SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG | SERIAL_EV_TXEMPTY | SERIAL_EV_RX80FULL;
+constexpr std::int64_t flushMs = 5000;
+constexpr std::size_t manyRequests = 50;
+
+ULONG valueOf(const std::string& bytes) {
+    ULONG value = 0;
+    std::memcpy(&value, bytes.data(), std::min(sizeof value, bytes.size()));
+    return value;
+}
+
+bool overlap(const Moment& begin, const Moment& end, const Op& op) { return begin.number < op.ended.number && end.number > op.issued.number; }
+
+const char* nameOf(Kind kind) {
+    constexpr const char* names[] = {"read", "write", "flush", "wait", "control"};
+    return names[std::size_t(kind)];
+}
+
+[[noreturn]] void unfit(const Op& op, const char* why) {
+    wrong("a %s%s%s of %u bytes ended with %08x, %u: %s", nameOf(op.kind), op.control ? " " : "", op.control ? op.control->name : "",
+          op.kind == Kind::read || op.kind == Kind::write ? op.length : static_cast<std::uint32_t>(op.input.size()),
+          static_cast<unsigned>(op.status), op.information, why);
+}
+
+// The settings that are fetched as they were stored.
+struct Pair {
+    std::uint32_t set, get;
+    const char* first;  // as a new device has it
+    std::size_t size;
+};
+const Pair pairs[] = {
+    {IOCTL_SERIAL_SET_BAUD_RATE, IOCTL_SERIAL_GET_BAUD_RATE, "\x80\x25\0\0", 4},
+    {IOCTL_SERIAL_SET_LINE_CONTROL, IOCTL_SERIAL_GET_LINE_CONTROL, "\1\0\x8", 3},
+    {IOCTL_SERIAL_SET_TIMEOUTS, IOCTL_SERIAL_GET_TIMEOUTS, "\0\0\0\0\xa\0\0\0\xd0\x7\0\0\xa\0\0\0\xd0\x7\0\0", 20},
+    {IOCTL_SERIAL_SET_CHARS, IOCTL_SERIAL_GET_CHARS, "\0\0\0\0\0\0", 6},
+    {IOCTL_SERIAL_SET_HANDFLOW, IOCTL_SERIAL_GET_HANDFLOW, "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 16},
+    {IOCTL_SERIAL_SET_WAIT_MASK, IOCTL_SERIAL_GET_WAIT_MASK, "\0\0\0\0", 4},
+};
+
+}  // namespace
+
+// --- Statuses --------------------------------------------------------------------------------------------------------------------
+
+bool Application::mayBeCancelled(const Op& op, std::uint32_t purge) const {
+    if (op.cancelled || (op.opening->closing && op.opening->closeBegan.number < op.ended.number)) return true;
+    return std::any_of(ops_.begin(), ops_.end(), [&](const Op& other) {
+        return other.control != nullptr && other.control->code == codePurge && (valueOf(other.input) & purge) != 0 &&
+               overlap(other.issued, other.ended, op);
+    });
+}
+
+// Something stood between the request and the device, or the memory it needed.
+bool Application::troubled(const Op& op) const {
+    return std::any_of(world_.losses.all().begin(), world_.losses.all().end(), [&](const Loss& loss) {
+        return loss.in && loss.outBytes != 0 && loss.begin.number < op.ended.number &&
+               (loss.endNumber > op.issued.number || loss.endMs >= op.issued.ms);
+    });
+}
+
+void Application::judgeTransfer(const Op& op) const {
+    const bool reads = op.kind == Kind::read;
+    const bool character = op.control != nullptr;
+    switch (op.status) {
+    case STATUS_SUCCESS:
+        if (op.information > op.length) unfit(op, "more than was asked for");
+        if (!character && op.information < op.length && !(reads && shortReads_)) unfit(op, "a success with less");
+        return;
+    case STATUS_TIMEOUT:
+        if (!timeouts_ || (!reads && world_.plan.value("useCtsFlowControl", 0) == 0)) unfit(op, "nothing was to time out");
+        if (op.information >= op.length && op.length != 0) unfit(op, "a whole request timed out");
+        return;
+    case STATUS_CANCELLED:
+        if (!mayBeCancelled(op, reads ? SERIAL_PURGE_RXABORT : SERIAL_PURGE_TXABORT)) unfit(op, "nobody cancelled it");
+        if (op.information >= op.length) unfit(op, "a whole request was cancelled");
+        return;
+    case STATUS_INSUFFICIENT_RESOURCES:
+        if (world_.faulty() || ops_.size() > manyRequests) return;
+        unfit(op, "nothing was scarce");
+    default:
+        if (!world_.removals) unfit(op, "a status that nothing explains");
+    }
+}
+
+void Application::judgeWait(const Op& op) const {
+    const ULONG value = valueOf(op.output);
+    switch (static_cast<ULONG>(op.status)) {
+    case STATUS_SUCCESS:
+        if (op.information != sizeof(ULONG)) unfit(op, "the events are missing");
+        if ((value & ~masks_) != 0) unfit(op, "events nobody waits for");
+        if ((value & ~(eventsOfData | world_.raised())) != 0) unfit(op, "events that never happened");
+        return;
+    case static_cast<ULONG>(STATUS_INVALID_PARAMETER): return;
+    case static_cast<ULONG>(STATUS_CANCELLED):
+        if (!mayBeCancelled(op, 0)) unfit(op, "nobody cancelled it");
+        return;
+    case 0xC00002B6:
+        if (!world_.removals) unfit(op, "the device has never left");
+        return;
+    default:
+        if (!world_.faulty() && !world_.removals) unfit(op, "a status that nothing explains");
+    }
+}
+
+void Application::judgeControl(const Op& op) const {
+    const Control& control = *op.control;
+    const bool fits = op.input.size() >= control.input && op.output.size() >= control.output;
+    if (world_.removals && !NT_SUCCESS(op.status)) return;
+    if (world_.faulty() && op.status == STATUS_INSUFFICIENT_RESOURCES) return;
+    if (control.effect == Effect::invalid || !fits) {
+        if (op.status != STATUS_INVALID_PARAMETER) unfit(op, "must be refused");
+        return;
+    }
+    if (NT_SUCCESS(op.status)) {
+        if (op.information != control.output) unfit(op, "the output has another size");
+        return;
+    }
+    if (control.effect != Effect::device || !troubled(op)) unfit(op, "must succeed");
+}
+
+void Application::judgeStatus(const Op& op) const {
+    switch (op.kind) {
+    case Kind::read:
+    case Kind::write: return judgeTransfer(op);
+    case Kind::wait: return judgeWait(op);
+    case Kind::control: return judgeControl(op);
+    case Kind::flush: break;
+    }
+    if (op.status == STATUS_CANCELLED && mayBeCancelled(op, 0)) return;
+    if (op.status != STATUS_SUCCESS && !world_.removals && !world_.faulty()) unfit(op, "a flush never fails");
+    // A later flush starts the time again; a driver that waits for power has not begun.
+    std::int64_t from = op.returned.ms;
+    for (const Op& other : ops_) {
+        if (other.kind == Kind::flush && other.issued.number < op.ended.number) from = std::max(from, other.returned.ms);
+    }
+    if (op.ended.ms > from + flushMs + 50) unfit(op, "a flush ends after five seconds");
+}
+
+// --- Settings --------------------------------------------------------------------------------------------------------------------
+
+void Application::noteSettings(std::map<std::uint32_t, Register>& settings) const {
+    for (const Pair& pair : pairs) {
+        Register setting(std::string(pair.first, pair.size));
+        for (const auto& [begin, end] : world_.newDevices) setting.stored(std::string(pair.first, pair.size), begin, end, false);
+        for (const Op& op : ops_) {
+            if (op.control == nullptr || op.control->code != pair.set || op.input.size() < pair.size) continue;
+            setting.stored(op.input.substr(0, pair.size), op.issued, op.ended, NT_SUCCESS(op.status));
+        }
+        settings.emplace(pair.get, std::move(setting));
+    }
+}
+
+void Application::judgeSettings() const {
+    std::map<std::uint32_t, Register> settings;
+    noteSettings(settings);
+    for (const Op& op : ops_) {
+        if (op.control == nullptr || !NT_SUCCESS(op.status)) continue;
+        const auto found = settings.find(op.control->code);
+        if (found == settings.end()) continue;
+        if (!found->second.mayHold(op.output.substr(0, op.information), op.issued, op.ended)) unfit(op, "a setting nobody stored");
+    }
+}
+
+// --- Bytes -----------------------------------------------------------------------------------------------------------------------
+
+std::vector<const Op*> Application::inOrder(Kind kind) const {
+    std::vector<const Op*> order;
+    for (const Op& op : ops_) {
+        if (op.kind == kind) order.push_back(&op);
+    }
+    return order;
+}
+
+namespace {
+
+void appendTaken(std::vector<TakenByte>& taken, const Op& op) {
+    // The platform does not hand over the data of a request that failed; the bytes it reports are gone.
+    const bool seen = !NT_ERROR(op.status);
+    for (std::uint32_t i = 0; i < op.information; ++i) {
+        taken.push_back({seen ? static_cast<std::uint8_t>(op.output[i]) : -1, op.ended});
+    }
+}
+
+void appendSent(std::vector<SentByte>& sent, const Op& op) {
+    const std::uint32_t entered = op.status == STATUS_SUCCESS ? op.length : op.control != nullptr ? 0 : op.information;
+    for (std::uint32_t i = 0; i < entered; ++i) sent.push_back({static_cast<std::uint8_t>(op.input[i]), op.issued});
+}
+
+}  // namespace
+
+// Requests that were on their way to the driver at the same time may have got there in either order.
+void Application::judgeBytes(Way way) const {
+    std::vector<const Op*> order = inOrder(way == Way::out ? Kind::write : Kind::read);
+    std::string first;
+    const auto fits = [&] {
+        std::vector<SentByte> sent;
+        std::vector<TakenByte> taken;
+        for (const Op* op : order) way == Way::out ? appendSent(sent, *op) : appendTaken(taken, *op);
+        const auto& record = world_.record();
+        const std::string verdict = way == Way::out ? judge(sent, record.taken, world_.losses, way, whole_)
+                                                    : judge(record.given, taken, world_.losses, way, whole_);
+        if (first.empty()) first = verdict;
+        return verdict.empty();
+    };
+    if (fits()) return;
+    std::vector<std::size_t> pairs;
+    for (std::size_t i = 0; i + 1 < order.size(); ++i) {
+        if (order[i + 1]->issued.number < order[i]->returned.number) pairs.push_back(i);
+    }
+    // Every combination of the last few such pairs.
+    const std::size_t count = std::min<std::size_t>(pairs.size(), 8);
+    const auto plain = order;
+    for (std::size_t choice = 1; choice < std::size_t(1) << count; ++choice) {
+        order = plain;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (choice >> i & 1) std::swap(order[pairs[i]], order[pairs[i] + 1]);
+        }
+        if (fits()) return;
+    }
+    wrong("bytes %s: %s", way == Way::out ? "to the device" : "to the readers", first.c_str());
+}
+
+void Application::judgeAll() {
+    for (const Op& op : ops_) {
+        if (!op.done()) wrong("a %s never ended", nameOf(op.kind));
+        judgeStatus(op);
+    }
+    judgeSettings();
+    if (world_.framing()) return;
+    judgeBytes(Way::out);
+    judgeBytes(Way::in);
+}
+
+}  // namespace explorer

@@ -1,0 +1,489 @@
+#include "tests/explorer/world.h"
+
+#include "kernel/faults.h"
+#include "kernel/power.h"
+#include "kernel/sim.h"
+
+#include <algorithm>
+#include <cstring>
+
+extern "C" DRIVER_INITIALIZE DriverEntry;
+
+namespace explorer {
+
+namespace {
+
+constexpr const char* service = "qvcdcacm";
+constexpr const char* portsClass = "{4d36e978-e325-11ce-bfc1-08002be10318}";
+constexpr const char* deviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Enum\\USB\\VID_1209&PID_0001\\0001\\Device Parameters";
+constexpr std::uint32_t givenStream = 0;
+// A driver that starts over is done by then: its retries, each with its requests timing out.
+constexpr std::int64_t recoveryMs = 6000;
+// What is ready has run by then.
+constexpr std::int64_t momentMs = 5;
+constexpr std::uint64_t stepBound = 3'000'000;
+constexpr std::size_t packetBytes = 64;
+
+}  // namespace
+
+void sleepMs(std::int64_t ms) {
+    LARGE_INTEGER time;
+    time.QuadPart = -ms * 10000;
+    KeDelayExecutionThread(KernelMode, FALSE, &time);
+}
+
+void pause(const Step& step) {
+    if (step.pauseMs) {
+        if (step.pause != 0) sleepMs(step.pause);
+        return;
+    }
+    KSPIN_LOCK lock;
+    KIRQL irql;
+    KeInitializeSpinLock(&lock);
+    for (std::uint32_t i = 0; i < step.pause; ++i) {
+        KeAcquireSpinLock(&lock, &irql);
+        KeReleaseSpinLock(&lock, irql);
+    }
+}
+
+// --- The device ----------------------------------------------------------------------------------------------------------
+
+WildDevice::WildDevice(World& world) : world_(world) {}
+
+void WildDevice::give(std::uint32_t length) {
+    pieces_.push_back(length);
+    queuedBytes_ += length;
+}
+
+void WildDevice::behave() {
+    holding = false;
+    packetsLeft.reset();
+    stallsIn = stallsOut = stallsControl = mutesControl = 0;
+}
+
+// A transfer of full packets is followed by an empty one, and no other is, unless something came between.
+void WildDevice::checkEmptyPacket(std::size_t length) {
+    const bool disturbed = disturbances_ != world_.losses.all().size();
+    disturbances_ = world_.losses.all().size();
+    if (disturbed || world_.framing() || world_.removals) return;
+    if (emptyDue_ && length != 0) wrong("no empty packet follows a transfer of full packets");
+    if (!emptyDue_ && length == 0) wrong("an empty packet follows a transfer that has ended");
+}
+
+std::int32_t WildDevice::dataOut(std::uint8_t, std::span<const std::uint8_t> data, bool ends) {
+    if (!midTransfer_ && stallsOut > 0) {
+        --stallsOut;
+        emptyDue_ = false;
+        return usb::dataStall;
+    }
+    if (holding || (packetsLeft && *packetsLeft == 0)) return usb::dataNak;
+    std::size_t length = data.size();
+    if (packetsLeft) {
+        length = std::min(length, *packetsLeft * packetBytes);
+        *packetsLeft -= static_cast<std::uint32_t>((length + packetBytes - 1) / packetBytes);
+        if (length == 0) --*packetsLeft;
+    }
+    if (!midTransfer_) checkEmptyPacket(data.size());
+    const Moment at = now();
+    for (const std::uint8_t byte : data.first(length)) taken.push_back({byte, at});
+    outLength_ = (midTransfer_ ? outLength_ : 0) + length;
+    midTransfer_ = length != data.size();
+    if (!midTransfer_) emptyDue_ = outLength_ != 0 && !ends;
+    return static_cast<std::int32_t>(length);
+}
+
+std::int32_t WildDevice::dataIn(std::uint8_t endpoint, std::span<std::uint8_t> space) {
+    if (endpoint == 0x82) return ScriptedDevice::dataIn(endpoint, space);
+    if (endGiven_) {
+        endGiven_ = false;
+        return 0;
+    }
+    if (stallsIn > 0) {
+        --stallsIn;
+        return usb::dataStall;
+    }
+    if (pieces_.empty()) return usb::dataNak;
+    const std::size_t length = std::min<std::size_t>(space.size(), pieces_.front());
+    const Moment at = now();
+    for (std::size_t i = 0; i < length; ++i) {
+        space[i] = payload(givenStream, static_cast<std::uint32_t>(given.size()));
+        given.push_back({space[i], at});
+    }
+    queuedBytes_ -= length;
+    pieces_.front() -= static_cast<std::uint32_t>(length);
+    if (pieces_.front() == 0) {
+        pieces_.erase(pieces_.begin());
+        // The host's transfer goes on until it is full or a short packet comes.
+        endGiven_ = length % packetBytes == 0 && length < space.size();
+    }
+    return static_cast<std::int32_t>(length);
+}
+
+std::optional<usb::ControlReply> WildDevice::misbehave() {
+    if (mutesControl > 0) {
+        --mutesControl;
+        return usb::ControlReply::never();
+    }
+    if (stallsControl > 0) {
+        --stallsControl;
+        return usb::ControlReply::stall();
+    }
+    return std::nullopt;
+}
+
+usb::ControlReply WildDevice::control(const usb::SetupPacket& setup, std::span<std::uint8_t> data) {
+    if (const auto reply = misbehave()) return *reply;
+    return ScriptedDevice::control(setup, data);
+}
+
+std::optional<usb::ControlReply> WildDevice::standardControl(const usb::SetupPacket&, std::span<std::uint8_t>) { return misbehave(); }
+
+void WildDevice::busReset() {
+    midTransfer_ = endGiven_ = emptyDue_ = false;
+    ScriptedDevice::busReset();
+}
+
+// --- Boot and end ------------------------------------------------------------------------------------------------------------
+
+World::World(const Plan& p, Cells& cells)
+    : plan(p), cells_(cells), chunk_(plan.value("FlowTest", 0) != 0 ? 64 : plan.value("WriteBufferSize", 4096)) {
+    framing_ = plan.uses(Verb::framing);
+    faulty_ = plan.uses(Verb::fail) || plan.uses(Verb::stallControl) || plan.uses(Verb::muteControl) || plan.uses(Verb::stallIn) ||
+              plan.uses(Verb::stallOut);
+}
+
+World::~World() = default;
+
+// Assertions of the driver trace and go on; here they end the run.
+void World::sink(void*, const char* text, std::size_t length) {
+    const std::string_view line(text, length);
+    if (line.find("ASSERTION FAILED") != line.npos || line.find("Memory Log") != line.npos) {
+        wrong("the driver says: %.*s", static_cast<int>(length), text);
+    }
+}
+
+void World::boot() {
+    nt::Options options;
+    options.mode = nt::Mode::simulated;
+    options.seed = plan.schedule;
+    options.debugSink = sink;
+    options.debugContext = this;
+    executive_ = std::make_unique<nt::Executive>(options);
+    nt::sim::setMaxSteps(stepBound);
+    restartMoments();
+    bus_ = std::make_unique<usb::Bus>(*executive_);
+    if (!NT_SUCCESS(executive_->loadDriver(service, DriverEntry))) wrong("the driver does not load");
+    executive_->bindDriver("USB\\Class_02&SubClass_02", service, "Ports", portsClass);
+    for (const auto& [name, value] : plan.values) executive_->registry().setDword(deviceKey, name, value);
+    auto device = std::make_unique<WildDevice>(*this);
+    device_ = device.get();
+    backend_ = std::make_shared<usb::VirtualBackend>(std::move(device), "modem");
+    port_ = bus_->plug(backend_, "0001");
+    instance_ = bus_->instancePath(port_);
+    executive_->settle();
+    sleepMs(1);
+}
+
+void World::end() {
+    const bool byHand = plan.schedule % 2 == 0;
+    if (byHand) {
+        if (!NT_SUCCESS(executive_->queryRemove(instance_))) wrong("the closed port may not be removed");
+        executive_->removeDevice(instance_);
+    }
+    bus_->unplug(port_);
+    executive_->settle();
+    sleepMs(10);
+    if (!NT_SUCCESS(executive_->unloadDriver(service))) wrong("the driver does not unload");
+    const nt::LeakReport report = executive_->stop();
+    bus_.reset();
+    if (!report.clean()) wrong("left behind: %s (%zu in all)", report.lines.front().c_str(), report.lines.size());
+    executive_.reset();
+    backend_.reset();
+}
+
+std::vector<std::string> World::names() {
+    std::vector<std::string> names;
+    for (const auto& node : executive_->devices()) {
+        if (node.instancePath == instance_) names.push_back("\\DosDevices\\" + node.portName);
+    }
+    if (names.empty()) names.push_back("\\DosDevices\\COM3");
+    for (auto& link : executive_->enabledInterfaces()) names.push_back(link);
+    return names;
+}
+
+DeviceState World::state() {
+    if (place_ != DeviceState::running) return place_;
+    if (asleep_) return DeviceState::asleep;
+    return low_ || device_->isSuspended ? DeviceState::lowPower : DeviceState::running;
+}
+
+// --- Steps -------------------------------------------------------------------------------------------------------------------
+
+void World::take(const Step& step) {
+    if (step.verb < Verb::unplug) return deviceStep(step);
+    if (step.verb < Verb::powerDown) return plugStep(step);
+    powerStep(step);
+}
+
+// From now on transfers may fail, and the driver may start over.
+void World::error(const char* why) { losses.end(losses.begin(why, unlimited, true), recoveryMs); }
+
+void World::deviceStep(const Step& step) {
+    const auto [a, b, c] = step.args;
+    switch (step.verb) {
+    case Verb::send:
+        return device([&](WildDevice& d) {
+            for (std::uint32_t i = 0; i < std::min(b, 8u); ++i) d.give(a / (i + 1) + 1);
+        });
+    case Verb::stallIn:
+        error("the device stalls bulk IN");
+        return device([&](WildDevice& d) { d.stallsIn += a; });
+    case Verb::stallOut:
+        error("the device stalls bulk OUT");
+        return device([&](WildDevice& d) { d.stallsOut += a; });
+    case Verb::stallControl:
+        error("the device stalls requests");
+        return device([&](WildDevice& d) { d.stallsControl += a; });
+    case Verb::muteControl:
+        error("the device does not answer requests");
+        return device([&](WildDevice& d) { d.mutesControl += a; });
+    case Verb::hold: return device([&](WildDevice& d) { d.holding = a != 0; });
+    case Verb::allow: return device([&](WildDevice& d) { d.packetsLeft = a; });
+    case Verb::remoteWake:
+        // Seen only while the device is suspended and may wake the host.
+        device([](WildDevice& d) { d.wakesHost = true; });
+        return device([](WildDevice& d) { d.wakesHost = false; });
+    default: return lineStep(step);
+    }
+}
+
+void World::lineStep(const Step& step) {
+    const std::uint32_t a = step.args[0];
+    switch (step.verb) {
+    case Verb::lines:
+        raised_ |= SERIAL_EV_DSR | SERIAL_EV_RLSD | SERIAL_EV_RING | SERIAL_EV_BREAK | SERIAL_EV_ERR;
+        return device([&](WildDevice& d) { d.notify(test::serialState(static_cast<std::uint16_t>(a))); });
+    case Verb::network:
+        raised_ |= SERIAL_EV_CTS;
+        return device([&](WildDevice& d) { d.notify(test::networkConnection(a != 0)); });
+    case Verb::framing:
+        return device([&](WildDevice& d) { d.notify(test::vendorNotification(a != 0 ? 0x10 : 0x11)); });
+    default: return malformed(a);
+    }
+}
+
+void World::malformed(std::uint32_t which) {
+    const test::Bytes texts[] = {{0xA1, 0x20, 0, 0, 0, 0, 2},         {0xA1, 0x20, 0, 0, 0, 0, 2, 0, 3}, {0xA1, 0x01, 0, 0, 0, 0, 0, 0},
+                                 {0xC1, 0x12, 0, 0, 0, 0, 0, 0},      {0x81, 0x20, 0, 0, 0, 0, 2, 0, 3, 0}, {0xA1, 0x77, 1, 2, 3, 4, 5, 6, 7, 8}};
+    device([&](WildDevice& d) { d.notify(texts[which % std::size(texts)]); });
+}
+
+void World::unplug() {
+    if (place_ == DeviceState::gone) return;
+    visit(rowSurprise);
+    removals = true;
+    goneSince_ = now();
+    const auto loss = losses.begin("the device is gone", 2 * chunk_, true);
+    if (placeLoss_) losses.end(*placeLoss_, momentMs);
+    placeLoss_ = loss;
+    place_ = DeviceState::gone;
+    low_ = false;
+    bus_->unplug(port_);
+}
+
+void World::replug() {
+    if (place_ != DeviceState::gone) return;
+    visit(rowStart);
+    bus_->replug(port_);
+    instance_ = bus_->instancePath(port_);
+    if (!asleep_) executive_->settle();
+    sleepMs(1);
+    place_ = DeviceState::running;
+    newDevices.push_back({goneSince_, now()});
+    losses.end(*placeLoss_, momentMs);
+    placeLoss_.reset();
+}
+
+void World::queryStop() {
+    if (place_ != DeviceState::running) return;
+    visit(rowQueryStop);
+    placeLoss_ = losses.begin("the device is to stop", 2 * chunk_, true);
+    place_ = DeviceState::stopPending;
+    executive_->queryStop(instance_);
+}
+
+void World::startDevice() {
+    if (place_ != DeviceState::stopped && place_ != DeviceState::removed) return;
+    visit(rowStart);
+    const bool removed = place_ == DeviceState::removed;
+    executive_->startDevice(instance_);
+    sleepMs(1);
+    place_ = DeviceState::running;
+    if (removed) newDevices.push_back({goneSince_, now()});
+    losses.end(*placeLoss_, momentMs);
+    placeLoss_.reset();
+}
+
+void World::plugStep(const Step& step) {
+    // The PnP manager stands still while the system sleeps.
+    if (asleep_ && step.verb != Verb::unplug) return;
+    const auto cancel = [&](DeviceState from, std::uint32_t row, auto&& call) {
+        if (place_ != from) return;
+        visit(row);
+        call();
+        place_ = DeviceState::running;
+        losses.end(*placeLoss_, momentMs);
+        placeLoss_.reset();
+    };
+    switch (step.verb) {
+    case Verb::unplug: return unplug();
+    case Verb::replug: return replug();
+    case Verb::queryStop: return queryStop();
+    case Verb::stop:
+        if (place_ != DeviceState::stopPending) return;
+        visit(rowStop);
+        place_ = DeviceState::stopped;
+        executive_->stopDevice(instance_);
+        return;
+    case Verb::cancelStop:
+        return cancel(DeviceState::stopPending, rowCancelStop, [&] { executive_->cancelStop(instance_); });
+    case Verb::start: return startDevice();
+    case Verb::cancelRemove:
+        return cancel(DeviceState::removePending, rowCancelRemove, [&] { executive_->cancelRemove(instance_); });
+    case Verb::queryRemove: {
+        if (place_ != DeviceState::running) return;
+        visit(rowQueryRemove);
+        placeLoss_ = losses.begin("the device is to be removed", 2 * chunk_, true);
+        const bool may = NT_SUCCESS(executive_->queryRemove(instance_));
+        if (may) {
+            place_ = DeviceState::removePending;
+        } else {
+            losses.end(*placeLoss_, momentMs);
+            placeLoss_.reset();
+        }
+        return;
+    }
+    case Verb::remove:
+        if (place_ != DeviceState::removePending) return;
+        visit(rowRemove);
+        removals = true;
+        goneSince_ = now();
+        place_ = DeviceState::removed;
+        low_ = false;
+        executive_->removeDevice(instance_);
+        return;
+    default: {
+        if (place_ != DeviceState::running) return;
+        removals = true;
+        const Moment begin = now();
+        const auto loss = losses.begin("the device restarts", 2 * chunk_, true);
+        executive_->restart(instance_);
+        sleepMs(1);
+        newDevices.push_back({begin, now()});
+        losses.end(loss, momentMs);
+    }
+    }
+}
+
+// A device power request to the top of the stack, as its power policy owner would make it; waits for its end.
+void World::powerTo(DEVICE_POWER_STATE state) {
+    PDEVICE_OBJECT pdo = nullptr;
+    for (const auto& node : executive_->devices()) {
+        if (node.instancePath == instance_ && node.state == nt::DeviceState::started) pdo = node.pdo;
+    }
+    if (pdo == nullptr) return;
+    ObReferenceObject(pdo);
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    POWER_STATE power;
+    power.DeviceState = state;
+    const auto ended = [](PDEVICE_OBJECT, UCHAR, POWER_STATE, PVOID context, PIO_STATUS_BLOCK) {
+        KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
+    };
+    if (NT_SUCCESS(PoRequestPowerIrp(pdo, IRP_MN_SET_POWER, power, ended, &done, nullptr))) {
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    }
+    ObDereferenceObject(pdo);
+}
+
+void World::powerUp() {
+    if (!powerLoss_) return;
+    if (present()) {
+        visit(rowPowerUp);
+        powerTo(PowerDeviceD0);
+    }
+    low_ = false;
+    losses.end(*powerLoss_, momentMs);
+    powerLoss_.reset();
+}
+
+void World::wake() {
+    if (!asleep_) return;
+    visit(rowWake);
+    nt::wakeSystem();
+    asleep_ = false;
+    if (place_ != DeviceState::gone) executive_->settle();
+    sleepMs(1);
+    losses.end(*sleepLoss_, momentMs);
+    sleepLoss_.reset();
+}
+
+void World::heal() {
+    nt::faults::clear();
+    if (faultLoss_) losses.end(*faultLoss_, recoveryMs);
+    faultLoss_.reset();
+}
+
+void World::powerStep(const Step& step) {
+    const std::uint32_t a = step.args[0];
+    switch (step.verb) {
+    case Verb::powerDown:
+        if (powerLoss_ || place_ != DeviceState::running || asleep_) return;
+        visit(rowPowerDown);
+        powerLoss_ = losses.begin("the device goes to low power", 2 * chunk_, true);
+        low_ = true;
+        return powerTo(a == 2 ? PowerDeviceD2 : PowerDeviceD3);
+    case Verb::powerUp: return asleep_ ? void() : powerUp();
+    case Verb::sleep:
+        if (asleep_ || powerLoss_) return;
+        visit(rowSleep);
+        sleepLoss_ = losses.begin("the system sleeps", 2 * chunk_, true);
+        asleep_ = true;
+        nt::sleepSystem(static_cast<SYSTEM_POWER_STATE>(std::clamp(a, 2u, 5u)));
+        return;
+    case Verb::wake: return wake();
+    case Verb::fail:
+        if (faultLoss_) return;
+        faultLoss_ = losses.begin("calls fail", unlimited, true);
+        return nt::faults::failNth(static_cast<nt::faults::Kind>(a % std::size_t(nt::faults::Kind::count_)), std::max(step.args[1], 1u),
+                                   step.args[2] != 0 ? nt::faults::Extent::fromThenOn : nt::faults::Extent::once);
+    default: return heal();
+    }
+}
+
+void World::mend() {
+    heal();
+    device([](WildDevice& d) { d.behave(); });
+    wake();
+    powerUp();
+    const auto step = [&](Verb verb) { plugStep(Step{Actor::system, verb, 0, false, {}}); };
+    step(Verb::cancelStop);
+    step(Verb::cancelRemove);
+    step(Verb::start);
+    replug();
+    if (raised_ != 0) {
+        device([](WildDevice& d) {
+            d.notify(test::serialState(0));
+            d.notify(test::networkConnection(true));
+        });
+    }
+}
+
+void World::startOver() {
+    unplug();
+    executive_->settle();
+    sleepMs(1);
+    replug();
+}
+
+}  // namespace explorer
