@@ -49,7 +49,14 @@ ULONG valueOf(const std::string& input) {
 
 }  // namespace
 
-Application::Application(World& world) : world_(world) {}
+Application::Application(World& world) : world_(world) {
+    world_.readerBehind = [this](std::size_t given) {
+        std::size_t left = given;
+        for (const Op& op : ops_) left -= op.kind == Kind::read && op.done() ? op.information : 0;
+        return left > ring_;
+    };
+    ring_ = world_.plan.value("ReadCircBufferSize", 65536);
+}
 
 void Application::ended(nt::Request& request, void* context) {
     Op& op = *static_cast<Op*>(context);
@@ -95,7 +102,7 @@ void Application::close() {
     world_.visit(rowCleanup);
     // With the modem taking all it is sent, what has been written goes out, but for the transfer under way at the end.
     const bool flows = world_.device([](WildDevice& d) { return d.takesAll(); }) && world_.state() == DeviceState::running &&
-                       world_.raised() == 0 && !world_.faulty();
+                       world_.raised() == 0 && !world_.faulty() && world_.plan.value("useCtsFlowControl", 0) == 0;
     if (current_ != opening) return;
     current_ = nullptr;
     opening->closing = true;
@@ -150,6 +157,7 @@ void Application::control(Actor actor, const Control& control, std::uint32_t val
     const std::uint32_t mask = control.code == codePurge ? valueOf(op.input) : 0;
     if (control.code == codeSetQueueSize) {
         loss = world_.losses.begin("a queue is resized", unlimited, true);
+        ring_ = 100;
     } else if ((mask & (SERIAL_PURGE_TXCLEAR | SERIAL_PURGE_RXCLEAR)) != 0) {
         loss = world_.losses.begin("a purge", mask & SERIAL_PURGE_TXCLEAR ? unlimited : 0, mask & SERIAL_PURGE_RXCLEAR);
     }
@@ -299,11 +307,13 @@ void Application::drain() {
 
 void Application::live() {
     sleepMs(1);
+    world_.device([](WildDevice& d) { d.forget(); });
     const std::int64_t begin = now().ms;
     while (!open(0)) {
         if (now().ms - begin >= liveMs) wrong("liveness: the port does not open");
         sleepMs(stepMs);
     }
+    world_.raiseLines();
     const std::size_t before = world_.record().taken.size();
     timeouts_ = true;
     // A ring that could not be had is asked for again.
@@ -314,8 +324,7 @@ void Application::live() {
     runControl(codeSetTimeouts, bytesOf(SERIAL_TIMEOUTS{0, 0, 4000, 0, 0}));
     write(Actor::second, 700);
     world_.device([](WildDevice& d) { d.give(700); });
-    const std::size_t already = world_.record().queued();
-    read(Actor::first, static_cast<std::uint32_t>(already));
+    read(Actor::first, 700);
     const Op& in = *last_[std::size_t(Actor::first)];
     const Op& out = *last_[std::size_t(Actor::second)];
     while (!in.done() || !out.done() || world_.record().taken.size() < before + 700) {

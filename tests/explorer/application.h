@@ -97,6 +97,7 @@ private:
     std::optional<std::size_t> closeLoss_;
     Op* last_[actorCount] = {};
     std::uint32_t writes_ = 0;
+    std::size_t ring_ = 0;      // bytes the receive ring holds, or less
     std::uint32_t masks_ = 0;   // every event ever waited for
     bool timeouts_ = false;     // reads and writes may time out
     bool shortReads_ = false;   // reads may end with less

@@ -13,80 +13,117 @@ namespace {
 
 std::uint64_t lastNumber = 0;
 
-// Whether a byte sent at `at` may be lost to what began before `taken`; with room for how many.
-std::uint64_t roomFor(const Losses& losses, Way way, const Moment& at, std::uint64_t takenNumber) {
-    std::uint64_t room = 0;
-    for (const Loss& loss : losses.all()) {
-        const std::uint64_t bytes = way == Way::out ? loss.outBytes : (loss.in ? unlimited : 0);
-        if (bytes == 0 || loss.begin.number >= takenNumber) continue;
-        if (at.number > loss.endNumber && at.ms > loss.endMs) continue;
-        room = bytes == unlimited || room == unlimited ? unlimited : room + bytes;
-    }
-    return room;
-}
+// What may be lost of a sequence, seen from the moment at which something later was taken.
+class Allowance {
+public:
+    Allowance(const std::vector<SentByte>& sent, const Losses& losses, Way way) : sent_(sent), losses_(losses), way_(way) {}
 
-// Follows all places at which the receiver may stand. A gap may follow any byte, so the places after it are looked up by value.
+    void lookFrom(std::uint64_t takenNumber) {
+        if (takenNumber == lookedFrom_) return;
+        lookedFrom_ = takenNumber;
+        parts_.clear();
+        limit_ = 0;
+        for (const Loss& loss : losses_.all()) {
+            const std::uint64_t room = way_ == Way::out ? loss.outBytes : (loss.in ? unlimited : 0);
+            if (room == 0 || loss.begin.number >= takenNumber) continue;
+            parts_.push_back({limitOf(loss), room});
+            limit_ = std::max(limit_, parts_.back().limit);
+        }
+    }
+    // Places from here on may not be lost.
+    std::size_t limit() const { return limit_; }
+    // How many bytes in a row, the last of them `place`, may be missing.
+    std::uint64_t roomAt(std::size_t place) const {
+        std::uint64_t room = 0;
+        for (const Part& part : parts_) {
+            if (place >= part.limit) continue;
+            room = part.room == unlimited || room == unlimited ? unlimited : room + part.room;
+        }
+        return room;
+    }
+
+private:
+    struct Part {
+        std::size_t limit;
+        std::uint64_t room;
+    };
+    // Places are in the order of their moments.
+    std::size_t limitOf(const Loss& loss) const {
+        const auto end = std::partition_point(sent_.begin(), sent_.end(), [&](const SentByte& byte) {
+            return byte.at.number <= loss.endNumber || byte.at.ms <= loss.endMs;
+        });
+        return static_cast<std::size_t>(end - sent_.begin());
+    }
+
+    const std::vector<SentByte>& sent_;
+    const Losses& losses_;
+    const Way way_;
+    std::vector<Part> parts_;
+    std::size_t limit_ = 0;
+    std::uint64_t lookedFrom_ = 0;
+};
+
+// Follows all places at which the receiver may stand, as ranges.
 class Judge {
 public:
-    Judge(const std::vector<SentByte>& sent, const Losses& losses, Way way) : sent_(sent), losses_(losses), way_(way) {
+    Judge(const std::vector<SentByte>& sent, const Losses& losses, Way way) : sent_(sent), allowance_(sent, losses, way) {
         for (std::size_t i = 0; i < sent.size(); ++i) places_[sent[i].byte].push_back(i);
     }
 
     // False: no place explains this byte.
     bool take(const TakenByte& byte) {
         next_.clear();
-        for (const std::size_t at : at_) {
-            if (at < sent_.size() && fits(byte, at)) next_.push_back(at + 1);
-        }
-        if (losses_.none(way_)) return move();
-        std::size_t begin = at_.front();
-        if (begin >= sent_.size() || roomFor(losses_, way_, sent_[begin].at, byte.at.number) == 0) return move();
-        if (byte.byte >= 0) {
-            const auto& places = places_[static_cast<std::size_t>(byte.byte)];
-            for (auto place = std::upper_bound(places.begin(), places.end(), begin); place != places.end(); ++place) {
-                if (!reach(*place, byte)) break;
+        allowance_.lookFrom(byte.at.number);
+        const std::size_t begin = at_.front().first;
+        const std::size_t limit = allowance_.limit();
+        if (byte.byte < 0) {
+            for (const Range& range : at_) {
+                if (range.first < sent_.size()) next_.push_back({range.first + 1, std::min(range.last, sent_.size() - 1) + 1});
             }
+            // Only readers consume bytes unseen, and what they lose is not bounded.
+            if (limit > begin) next_.push_back({begin + 1, std::min(limit, sent_.size() - 1) + 1});
         } else {
-            for (std::size_t place = begin + 1; place < sent_.size() && reach(place, byte); ++place) {
+            const auto& places = places_[static_cast<std::size_t>(byte.byte)];
+            const std::size_t end = std::max(limit, at_.back().last) + 1;
+            for (auto place = std::lower_bound(places.begin(), places.end(), begin); place != places.end() && *place < end; ++place) {
+                if (reachable(*place)) next_.push_back({*place + 1, *place + 1});
             }
         }
         return move();
     }
-    bool restMayBeLost() const {
-        for (const std::size_t at : at_) {
-            if (at == sent_.size()) return true;
-            const std::uint64_t room = roomFor(losses_, way_, sent_.back().at, unlimited);
-            if (room >= sent_.size() - at) return true;
-        }
-        return false;
+    bool restMayBeLost() {
+        allowance_.lookFrom(unlimited);
+        const std::size_t last = at_.back().last;
+        return last == sent_.size() || allowance_.roomAt(sent_.size() - 1) >= sent_.size() - last;
     }
-    std::size_t first() const { return at_.front(); }
+    std::size_t first() const { return at_.front().first; }
 
 private:
-    bool fits(const TakenByte& byte, std::size_t at) const {
-        return byte.byte < 0 || sent_[at].byte == static_cast<std::uint8_t>(byte.byte);
-    }
-    // Adds `place` if what lies between it and a place before may be lost. False: nor may anything further be.
-    bool reach(std::size_t place, const TakenByte& byte) {
-        const std::uint64_t room = roomFor(losses_, way_, sent_[place - 1].at, byte.at.number);
-        if (room == 0) return false;
-        const auto after = std::lower_bound(at_.begin(), at_.end(), place);
-        if (after != at_.begin() && room >= place - *(after - 1)) next_.push_back(place + 1);
-        return true;
+    struct Range {
+        std::size_t first, last;
+    };
+    bool reachable(std::size_t place) const {
+        const auto after = std::partition_point(at_.begin(), at_.end(), [place](const Range& r) { return r.first <= place; });
+        const std::size_t before = std::min((after - 1)->last, place);
+        return before == place || (place <= allowance_.limit() && allowance_.roomAt(place - 1) >= place - before);
     }
     bool move() {
-        std::sort(next_.begin(), next_.end());
-        next_.erase(std::unique(next_.begin(), next_.end()), next_.end());
-        if (next_.empty()) return false;
-        at_.swap(next_);
-        return true;
+        std::sort(next_.begin(), next_.end(), [](const Range& a, const Range& b) { return a.first < b.first; });
+        at_.clear();
+        for (const Range& range : next_) {
+            if (!at_.empty() && range.first <= at_.back().last + 1) {
+                at_.back().last = std::max(at_.back().last, range.last);
+            } else {
+                at_.push_back(range);
+            }
+        }
+        return !at_.empty();
     }
 
     const std::vector<SentByte>& sent_;
-    const Losses& losses_;
-    const Way way_;
+    Allowance allowance_;
     std::array<std::vector<std::size_t>, 256> places_;
-    std::vector<std::size_t> at_{0}, next_;
+    std::vector<Range> at_{{0, 0}}, next_;
 };
 
 }  // namespace
@@ -123,17 +160,14 @@ void Losses::end(std::size_t index, std::int64_t graceMs) {
     losses_[index].endMs = graceMs == 0 ? -1 : at.ms + graceMs;
 }
 
-bool Losses::none(Way way) const {
-    return std::none_of(losses_.begin(), losses_.end(), [way](const Loss& l) { return way == Way::out ? l.outBytes != 0 : l.in; });
-}
-
 std::string judge(const std::vector<SentByte>& sent, const std::vector<TakenByte>& taken, const Losses& losses, Way way, bool whole) {
     Judge judge(sent, losses, way);
     char text[300];
     for (std::size_t i = 0; i < taken.size(); ++i) {
+        const std::size_t place = judge.first();
         if (judge.take(taken[i])) continue;
         snprintf(text, sizeof text, "byte %zu of %zu taken (%02x, at %lld ms) cannot be what follows place %zu of %zu sent", i,
-                 taken.size(), static_cast<unsigned>(taken[i].byte) & 0xff, static_cast<long long>(taken[i].at.ms), judge.first(), sent.size());
+                 taken.size(), static_cast<unsigned>(taken[i].byte) & 0xff, static_cast<long long>(taken[i].at.ms), place, sent.size());
         return text;
     }
     if (whole && !judge.restMayBeLost()) {

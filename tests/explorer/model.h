@@ -62,7 +62,6 @@ public:
     std::size_t begin(const char* why, std::uint64_t outBytes, bool in);
     // Nothing that is sent `graceMs` from now, or later, may be lost for this reason.
     void end(std::size_t index, std::int64_t graceMs);
-    bool none(Way way) const;
     const std::vector<Loss>& all() const { return losses_; }
 
 private:

@@ -71,9 +71,9 @@ struct Features {
         stalls = perhaps(4) && !calm;
         controlFaults = perhaps(6) && !calm;
         removal = perhaps(3) && !calm;
-        pnp = perhaps(3) && !calm;
-        power = perhaps(4) && !calm;
-        sleep = perhaps(5) && !calm;
+        pnp = perhaps(2) && !calm;
+        power = perhaps(3) && !calm;
+        sleep = perhaps(3) && !calm;
         faults = perhaps(6) && !calm;
         framing = perhaps(8) && !calm;
     }
@@ -116,8 +116,8 @@ public:
         while (plan_.steps.size() < count) {
             const std::uint32_t turn = dice_.below(10);
             if (turn < 6) {
-                application(features_.second && dice_.oneIn(2) ? Actor::second : Actor::first);
-            } else if (turn < 9) {
+                application(anyone());
+            } else if (turn < 8) {
                 device();
             } else {
                 system();
@@ -128,7 +128,7 @@ public:
 
 private:
     void add(Actor actor, Verb verb, std::uint32_t a = 0, std::uint32_t b = 0, std::uint32_t c = 0) {
-        Step step{actor, verb, 0, false, {a, b, c}};
+        Step step{actor, verb, 0, false, !dice_.oneIn(4), {a, b, c}};
         if (dice_.oneIn(3)) {
             step.pauseMs = true;
             step.pause = dice_.oneIn(6) ? dice_.below(300) : dice_.below(20);
@@ -246,13 +246,19 @@ private:
     // Others get something done in this state.
     void dwell() {
         for (std::uint32_t n = dice_.below(12); n > 0; --n) {
-            if (dice_.oneIn(3)) {
-                device();
-            } else {
-                application(features_.second && dice_.oneIn(2) ? Actor::second : Actor::first);
+            switch (dice_.below(4)) {
+            case 0: device(); break;
+            case 1: application(anyone()); break;
+            default: nextControl(anyone());
             }
         }
     }
+    // One after the other over all seeds, so that each is sent in each state.
+    void nextControl(Actor actor) {
+        const auto row = static_cast<std::uint32_t>((plan_.schedule * 5 + dwelt_++) % controlCount);
+        if (allowed(controls[row], features_) || dice_.oneIn(3)) add(actor, Verb::control, row, dice_.below(1u << 16));
+    }
+    Actor anyone() { return features_.second && dice_.oneIn(2) ? Actor::second : Actor::first; }
     void plugAndPlay() {
         switch (dice_.below(4)) {
         case 0:
@@ -280,6 +286,7 @@ private:
     Dice dice_;
     Features features_;
     Plan plan_;
+    std::uint64_t dwelt_ = 0;
 };
 
 template <class Names>
@@ -292,7 +299,12 @@ std::size_t find(const Names& names, const std::string& name, const std::string&
 Step stepOf(const std::string& actor, std::istringstream& words, const std::string& line) {
     Step step;
     std::string pause, verb;
-    if (!(words >> pause >> verb >> step.args[0] >> step.args[1] >> step.args[2]) || pause.size() < 2) {
+    words >> pause >> verb;
+    if (verb == "then") {
+        step.ordered = true;
+        words >> verb;
+    }
+    if (!(words >> step.args[0] >> step.args[1] >> step.args[2]) || pause.size() < 2) {
         throw std::runtime_error("cannot read this line of a plan: " + line);
     }
     step.actor = static_cast<Actor>(find(actorNames, actor, line));
@@ -320,8 +332,8 @@ std::string toText(const Plan& plan) {
     text << "schedule " << plan.schedule << "\n";
     for (const auto& [name, value] : plan.values) text << "set " << name << " " << value << "\n";
     for (const Step& step : plan.steps) {
-        text << actorNames[std::size_t(step.actor)] << " " << (step.pauseMs ? '~' : '+') << step.pause << " "
-             << verbNames[std::size_t(step.verb)] << " " << step.args[0] << " " << step.args[1] << " " << step.args[2];
+        text << actorNames[std::size_t(step.actor)] << " " << (step.pauseMs ? '~' : '+') << step.pause 
+             << (step.ordered ? " then " : " ") << verbNames[std::size_t(step.verb)] << " " << step.args[0] << " " << step.args[1] << " " << step.args[2];
         if (step.verb == Verb::control && step.args[0] < controlCount) text << "  # " << controls[step.args[0]].name;
         text << "\n";
     }

@@ -5,8 +5,8 @@
 //
 //   schedule 17
 //   set IdleInterval 1
-//   first ~5 write 300 0 0        # after 5 ms
-//   system +120 unplug 0 0 0      # after 120 scheduling points
+//   first ~5 write 300 0 0           # after 5 ms
+//   system +120 then unplug 0 0 0    # once all steps above have begun, and after 120 scheduling points
 #pragma once
 
 #include <array>
@@ -73,6 +73,7 @@ struct Step {
     Verb verb = Verb::open;
     std::uint32_t pause = 0;
     bool pauseMs = false;  // else in scheduling points
+    bool ordered = false;  // begins after all steps above it, unless one of them hangs
     std::array<std::uint32_t, 3> args{};
 };
 

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <csignal>
@@ -24,19 +25,29 @@ constexpr std::int64_t actorsMs = 120'000;
 // In real time no run takes a tenth of it.
 constexpr unsigned aliveSeconds = 60;
 
+// A step that waits for others goes on without them after this time.
+constexpr std::int64_t orderMs = 1500;
+
 struct Actors {
-    Actors(const Plan& plan, World& world, Application& application) {
+    Actors(const Plan& plan, World& world, Application& application) : begun(plan.steps.size()) {
         for (std::size_t i = 0; i < actorCount; ++i) {
             const Actor actor = static_cast<Actor>(i);
             threads[i].start(i == std::size_t(Actor::system) ? "system" : i == 0 ? "first" : "second", [&, actor, i] {
-                for (const Step& step : plan.steps) {
+                for (std::size_t n = 0; n < plan.steps.size(); ++n) {
+                    const Step& step = plan.steps[n];
                     if (step.actor != actor) continue;
+                    if (step.ordered) awaitOrder(n);
                     pause(step);
+                    begun[n] = true;
                     step.verb < Verb::send ? application.take(step) : world.take(step);
                 }
                 done[i] = true;
             });
         }
+    }
+    void awaitOrder(std::size_t n) {
+        const auto all = [&] { return std::find(begun.begin(), begun.begin() + static_cast<std::ptrdiff_t>(n), false) - begun.begin(); };
+        for (std::int64_t waited = 0; all() != static_cast<std::ptrdiff_t>(n) && waited < orderMs; ++waited) sleepMs(1);
     }
     void wait(std::size_t i, const char* who) {
         for (std::int64_t waited = 0; !done[i]; waited += 5) {
@@ -46,6 +57,7 @@ struct Actors {
         threads[i].join();
     }
 
+    std::vector<bool> begun;
     std::array<nt::Thread, actorCount> threads;
     bool done[actorCount] = {};
 };

@@ -52,13 +52,16 @@ WildDevice::WildDevice(World& world) : world_(world) {}
 
 void WildDevice::give(std::uint32_t length) {
     pieces_.push_back(length);
-    queuedBytes_ += length;
 }
 
 void WildDevice::behave() {
     holding = false;
     packetsLeft.reset();
     stallsIn = stallsOut = stallsControl = mutesControl = 0;
+}
+
+void WildDevice::forget() {
+    pieces_.clear();
 }
 
 // A transfer of full packets is followed by an empty one, and no other is, unless something came between.
@@ -109,7 +112,6 @@ std::int32_t WildDevice::dataIn(std::uint8_t endpoint, std::span<std::uint8_t> s
         space[i] = payload(givenStream, static_cast<std::uint32_t>(given.size()));
         given.push_back({space[i], at});
     }
-    queuedBytes_ -= length;
     pieces_.front() -= static_cast<std::uint32_t>(length);
     if (pieces_.front() == 0) {
         pieces_.erase(pieces_.begin());
@@ -137,6 +139,12 @@ usb::ControlReply WildDevice::control(const usb::SetupPacket& setup, std::span<s
 }
 
 std::optional<usb::ControlReply> WildDevice::standardControl(const usb::SetupPacket&, std::span<std::uint8_t>) { return misbehave(); }
+
+// A driver that suspends a device stops its reads: what they hold because the reader's ring is full goes.
+void WildDevice::suspended(bool on) {
+    ScriptedDevice::suspended(on);
+    if (on && world_.readerBehind(given.size())) world_.losses.end(world_.losses.begin("the device is suspended", 0, true), 0);
+}
 
 void WildDevice::busReset() {
     midTransfer_ = endGiven_ = emptyDue_ = false;
@@ -466,17 +474,22 @@ void World::mend() {
     device([](WildDevice& d) { d.behave(); });
     wake();
     powerUp();
-    const auto step = [&](Verb verb) { plugStep(Step{Actor::system, verb, 0, false, {}}); };
+    const auto step = [&](Verb verb) { plugStep(Step{Actor::system, verb, 0, false, false, {}}); };
     step(Verb::cancelStop);
     step(Verb::cancelRemove);
     step(Verb::start);
     replug();
-    if (raised_ != 0) {
-        device([](WildDevice& d) {
-            d.notify(test::serialState(0));
-            d.notify(test::networkConnection(true));
-        });
-    }
+    raiseLines();
+}
+
+// Nothing holds the host back. An open port hears of it.
+void World::raiseLines() {
+    if (raised_ == 0 && plan.value("useCtsFlowControl", 0) == 0) return;
+    raised_ |= SERIAL_EV_CTS;
+    device([](WildDevice& d) {
+        d.notify(test::serialState(0));
+        d.notify(test::networkConnection(true));
+    });
 }
 
 void World::startOver() {

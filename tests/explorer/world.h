@@ -20,6 +20,7 @@
 #include "usb/host.h"
 #include "usb/virtual_backend.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,19 +40,21 @@ public:
     std::optional<std::uint32_t> packetsLeft;  // takes so many, then nothing
     unsigned stallsIn = 0, stallsOut = 0, stallsControl = 0, mutesControl = 0;
     void give(std::uint32_t length);
+    // Nothing more to give.
+    void forget();
     // Answers everything again.
     void behave();
 
     // Record: -----------------------------------------------------------------------------------------------------------
     std::vector<SentByte> given;
     std::vector<TakenByte> taken;
-    std::size_t queued() const { return queuedBytes_; }
     bool takesAll() const { return !holding && !packetsLeft && stallsOut == 0; }
 
     std::int32_t dataOut(std::uint8_t endpoint, std::span<const std::uint8_t> data, bool ends) override;
     std::int32_t dataIn(std::uint8_t endpoint, std::span<std::uint8_t> space) override;
     usb::ControlReply control(const usb::SetupPacket& setup, std::span<std::uint8_t> data) override;
     std::optional<usb::ControlReply> standardControl(const usb::SetupPacket& setup, std::span<std::uint8_t> data) override;
+    void suspended(bool on) override;
     void busReset() override;
 
 private:
@@ -60,7 +63,6 @@ private:
 
     World& world_;
     std::vector<std::uint32_t> pieces_;  // lengths still to give; oldest first
-    std::size_t queuedBytes_ = 0;
     bool endGiven_ = false;              // an empty packet ends the last piece
     bool midTransfer_ = false;           // the host's transfer has been taken in part
     std::size_t outLength_ = 0;          // of the host's transfer so far
@@ -88,6 +90,10 @@ public:
     DeviceState state();
     void visit(std::uint32_t row) { cells_.visit(row, state()); }
     std::vector<std::string> names();  // the port's: COM name first
+
+    void raiseLines();
+    // Says whether, of so many bytes given, readers have left more than the ring holds.
+    std::function<bool(std::size_t given)> readerBehind;
 
     // Byte streams of this kind of run are not judged.
     bool framing() const { return framing_; }
