@@ -106,7 +106,8 @@ public:
     PDEVICE_OBJECT lookUp(std::string_view name);
 
     // Plug and Play by hand, run in order on the PnP manager's thread, back when done. STATUS_NO_SUCH_DEVICE for an unknown instance;
-    // STATUS_INVALID_DEVICE_STATE for a step that does not fit the device's state.
+    // STATUS_INVALID_DEVICE_STATE for a step that does not fit the device's state. A removal that meets an open file on the stack is
+    // called off with STATUS_DEVICE_BUSY, at the question or at the step itself.
     NTSTATUS queryStop(std::string_view instancePath);
     NTSTATUS stopDevice(std::string_view instancePath);
     NTSTATUS cancelStop(std::string_view instancePath);

@@ -96,6 +96,13 @@ LONG handlesOnStack(PDEVICE_OBJECT device) {
     return count;
 }
 
+void setLeaving(PDEVICE_OBJECT device, bool leaving) {
+    TinyGuard guard(attachmentLock);
+    for (; device; device = device->AttachedDevice) {
+        device->DeviceObjectExtension->leaving = leaving;
+    }
+}
+
 PDEVICE_OBJECT topOfStack(PDEVICE_OBJECT device) {
     TinyGuard guard(attachmentLock);
     while (device->AttachedDevice) {

@@ -111,7 +111,8 @@ NTSTATUS FileRecord::open(std::string_view path) {
     KeInitializeEvent(&object.Lock, SynchronizationEvent, TRUE);
     KeInitializeEvent(&object.Event, NotificationEvent, FALSE);
     InitializeListHead(&object.IrpList);
-    if (device->DeviceObjectExtension->deletePending || (device->Flags & DO_DEVICE_INITIALIZING)) {
+    const auto& mine = *device->DeviceObjectExtension;
+    if (mine.deletePending || mine.leaving || (device->Flags & DO_DEVICE_INITIALIZING)) {
         status = STATUS_NO_SUCH_DEVICE;
     } else {
         status = callForFile(IRP_MJ_CREATE);

@@ -28,6 +28,7 @@ struct _DEVOBJ_EXTENSION {
     std::atomic<LONG> references;
     std::atomic<LONG> handles;         // files open or being opened
     std::atomic<bool> deletePending;
+    std::atomic<bool> leaving;         // its stack is being removed: nobody opens it any more
     PDEVICE_OBJECT attachedTo;         // guarded by the attachment lock
     std::atomic<DEVICE_POWER_STATE> powerState;
     // Of the lowest device of a stack.
@@ -48,6 +49,8 @@ void discountHandle(PDEVICE_OBJECT device);
 std::string deviceName(PDEVICE_OBJECT device);
 // Open files on the stack that `device` belongs to, from `device` upwards.
 LONG handlesOnStack(PDEVICE_OBJECT device);
+// From now on files on that stack, from `device` upwards, are refused, or no longer.
+void setLeaving(PDEVICE_OBJECT device, bool leaving);
 // Top of the stack with a reference.
 PDEVICE_OBJECT topOfStack(PDEVICE_OBJECT device);
 // Lowest of its stack with a reference.

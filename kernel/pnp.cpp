@@ -298,6 +298,7 @@ NTSTATUS PnpManager::bringUp(DeviceNodeRecord& node) {
         return STATUS_NO_SUCH_DEVICE;
     }
     choosePortName(node);
+    setLeaving(node.pdo, false);
     verifier::RoutineFrame frame = verifier::enterRoutine();
     NTSTATUS status = driver->DriverExtension->AddDevice(driver, node.pdo);
     verifier::leaveRoutine(frame, "AddDevice", node.pdo);
@@ -348,6 +349,8 @@ void PnpManager::depart(DeviceNodeRecord& node) {
         }
     }
     setState(node, DeviceState::surpriseRemoved);
+    // In this order: whoever is not seen here is refused.
+    setLeaving(node.pdo, true);
     if (handlesOnStack(node.pdo) != 0 || !childrenOf(node).empty()) {
         node.waitsForHandles = true;
         waitingForHandles_.fetch_add(1);
@@ -499,6 +502,12 @@ NTSTATUS PnpManager::removeDevice(DeviceNodeRecord& node) {
         return STATUS_INVALID_DEVICE_STATE;
     }
     node.removePending = false;
+    setLeaving(node.pdo, true);
+    if (handlesOnStack(node.pdo) != 0) {
+        setLeaving(node.pdo, false);
+        send(node, IRP_MN_CANCEL_REMOVE_DEVICE);
+        return STATUS_DEVICE_BUSY;
+    }
     removeChildren(node);
     finishRemoval(node);
     return STATUS_SUCCESS;
@@ -518,7 +527,10 @@ NTSTATUS PnpManager::restart(DeviceNodeRecord& node) {
         if (!NT_SUCCESS(status)) {
             return status;
         }
-        removeDevice(node);
+        status = removeDevice(node);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
     }
     return startAgain(node);
 }

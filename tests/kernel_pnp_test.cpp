@@ -75,6 +75,33 @@ TEST_F(KernelPnp, RemovalWaitsForTheLastHandleOnTheStack) {
     RtlFreeUnicodeString(&link);
 }
 
+// Whoever opens the stack once its removal has been agreed to holds the removal up; whoever comes later finds nothing.
+TEST_F(KernelPnp, AHandleOpenedAfterTheQuestionHoldsTheRemovalBack) {
+    GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
+    Child& child = plug(u"one");
+    const std::string path = "TEST\\Thing\\one";
+    UNICODE_STRING link;
+    ASSERT_EQ(IoRegisterDeviceInterface(child.pdo, &guid, nullptr, &link), STATUS_SUCCESS);
+    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
+    const std::string name = exec_.enabledInterfaces().at(0);
+    EXPECT_EQ(exec_.queryRemove(path), STATUS_SUCCESS);
+    nt::File file;
+    ASSERT_EQ(file.open(name), STATUS_SUCCESS);
+    log();
+    EXPECT_EQ(exec_.removeDevice(path), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(log(), "cancelRemove");
+    unplug(child);
+    exec_.settle();
+    EXPECT_EQ(log(), "surprise");
+    nt::File late;
+    EXPECT_EQ(late.open(name), STATUS_NO_SUCH_DEVICE);
+    EXPECT_EQ(log(), "");
+    file.close();
+    exec_.settle();
+    EXPECT_EQ(log(), "remove");
+    RtlFreeUnicodeString(&link);
+}
+
 TEST_F(KernelPnp, AFailureToAddOrStartLeavesNothingAndTheNextTryWorks) {
     world_.addStatus = STATUS_UNSUCCESSFUL;
     plug(u"one");
