@@ -64,6 +64,8 @@ void Application::ended(nt::Request& request, void* context) {
     op.status = request.status();
     op.information = static_cast<std::uint32_t>(request.information());
     op.ended = now();
+    say("a %s ends with %x, %u", op.control ? op.control->name : op.kind == Kind::read ? "read" : op.kind == Kind::write ? "write" : "flush",
+        static_cast<unsigned>(op.status), op.information);
 }
 
 Op& Application::make(Kind kind, Actor actor) {
@@ -88,11 +90,18 @@ bool Application::open(std::uint32_t name) {
     Opening& opening = openings_.emplace_back();
     world_.visit(rowCreate);
     if (!NT_SUCCESS(opening.file.open(names[name % names.size()]))) return false;
-    if (current_ != nullptr) wrong("the port was opened twice at the same time");
+    opening.port = names[0];
+    if (current_ != nullptr) {
+        if (current_->port == opening.port) wrong("the port was opened twice at the same time");
+        // The modem came back under another identifier: two ports.
+        opening.file.close();
+        return false;
+    }
     // The close of the opening before is over.
-    if (closeLoss_) world_.losses.end(*closeLoss_, 0);
-    closeLoss_.reset();
+    if (world_.closing) world_.losses.end(*world_.closing, 0);
+    world_.closing.reset();
     current_ = &opening;
+    say("open");
     return true;
 }
 
@@ -107,8 +116,9 @@ void Application::close() {
     current_ = nullptr;
     opening->closing = true;
     opening->closeBegan = now();
-    closeLoss_ = opening->loss = world_.losses.begin("the port closes", flows ? world_.chunk() : unlimited, true);
+    world_.closing = world_.losses.begin("the port closes", flows ? world_.chunk() : unlimited, true);
     opening->file.close();
+    say("closed");
 }
 
 void Application::read(Actor actor, std::uint32_t length) {
@@ -219,6 +229,14 @@ void Application::cancel(std::uint32_t which) {
     current_->file.cancel(op.request);
 }
 
+// It finds requests, too, that others issue meanwhile.
+void Application::cancelAll() {
+    Opening& opening = *current_;
+    const Moment begin = now();
+    opening.file.cancelAll();
+    opening.cancelled.push_back({begin, now()});
+}
+
 void Application::await(Actor actor, std::uint32_t ms) {
     const Op* const op = last_[std::size_t(actor)];
     for (std::uint32_t waited = 0; op != nullptr && !op->done() && waited < ms; ++waited) sleepMs(1);
@@ -245,8 +263,7 @@ void Application::take(const Step& step) {
     case Verb::cancelAll:
         if (current_ == nullptr) return;
         world_.visit(rowCancel);
-        for (Op& op : ops_) op.cancelled = op.cancelled || (!op.done() && op.opening == current_);
-        return current_->file.cancelAll();
+        return cancelAll();
     default: return await(step.actor, a);
     }
 }
@@ -287,8 +304,7 @@ bool Application::allTaken() const {
 // What failed or framed has its own rules; everything else must arrive once the device is well.
 void Application::drain() {
     if (current_ == nullptr) return;
-    for (Op& op : ops_) op.cancelled = op.cancelled || (!op.done() && op.opening == current_);
-    current_->file.cancelAll();
+    cancelAll();
     if (!until(&Application::allEnded, endMs)) wrong("a cancelled request does not end");
     if (world_.framing() || world_.faulty()) return;
     timeouts_ = true;

@@ -42,9 +42,10 @@ struct Op {
 // From an open to its close.
 struct Opening {
     nt::File file;
+    std::string port;
     bool closing = false;
     Moment closeBegan;
-    std::size_t loss = 0;
+    std::vector<std::pair<Moment, Moment>> cancelled;  // all of its requests
 };
 
 class Application {
@@ -72,6 +73,7 @@ private:
     void control(Actor actor, const Control& control, std::uint32_t value, std::uint32_t cut);
     void internalControl(std::uint32_t row, std::uint32_t value);
     void cancel(std::uint32_t which);
+    void cancelAll();
     void await(Actor actor, std::uint32_t ms);
     bool until(bool (Application::*condition)() const, std::int64_t ms);
     Op& runControl(std::uint32_t code, const std::string& input);
@@ -94,7 +96,6 @@ private:
     std::deque<Op> ops_;
     std::deque<Opening> openings_;
     Opening* current_ = nullptr;
-    std::optional<std::size_t> closeLoss_;
     Op* last_[actorCount] = {};
     std::uint32_t writes_ = 0;
     std::size_t ring_ = 0;      // bytes the receive ring holds, or less

@@ -52,6 +52,9 @@ const Pair pairs[] = {
 
 bool Application::mayBeCancelled(const Op& op, std::uint32_t purge) const {
     if (op.cancelled || (op.opening->closing && op.opening->closeBegan.number < op.ended.number)) return true;
+    for (const auto& [begin, end] : op.opening->cancelled) {
+        if (overlap(begin, end, op)) return true;
+    }
     return std::any_of(ops_.begin(), ops_.end(), [&](const Op& other) {
         return other.control != nullptr && other.control->code == codePurge && (valueOf(other.input) & purge) != 0 &&
                overlap(other.issued, other.ended, op);

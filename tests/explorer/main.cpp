@@ -3,6 +3,7 @@
 //   explorer --soak 200                     seeds 1...200 on all processors
 //   explorer --soak-seed 17                 one seed; EXPLORE_SEED=17 does the same
 //   explorer --plan FILE                    a plan as a failure printed it
+#include "tests/explorer/model.h"
 #include "tests/explorer/run.h"
 
 #include <CLI/CLI.hpp>
@@ -56,7 +57,7 @@ bool failsAlike(Plan& plan, const std::string& fault) {
     return false;
 }
 
-void tell(const Plan& plan, const Outcome& outcome, const Options& options) {
+void showFailure(const Plan& plan, const Outcome& outcome, const Options& options) {
     printf("%s", outcome.text.c_str());
     if (options.shrinkRuns == 0) return;
     const std::string fault = outcome.fault();
@@ -123,7 +124,7 @@ public:
         }
         for (const auto& [seed, outcome] : failed_) {
             printf("seed %llu failed (--soak-seed %llu)\n", static_cast<unsigned long long>(seed), static_cast<unsigned long long>(seed));
-            tell(generate(seed), outcome, options_);
+            showFailure(generate(seed), outcome, options_);
         }
         failed_.clear();
     }
@@ -167,7 +168,7 @@ int soak(const Options& options) {
 int one(const Plan& plan, const Options& options) {
     if (options.showPlan) printf("%s", toText(plan).c_str());
     const Outcome outcome = runAlone(plan, *shareCells());
-    if (!outcome.good) tell(plan, outcome, options);
+    if (!outcome.good && !explorer::tell) showFailure(plan, outcome, options);
     printf("%s\n", outcome.good ? "good" : "failed");
     return outcome.good ? 0 : 1;
 }
@@ -185,6 +186,7 @@ int main(int argc, char** argv) {
     app.add_option("--shrink", options.shrinkRuns, "runs to spend on making a failure short; 0: none");
     app.add_option("--failures", options.failures, "stop after so many");
     app.add_flag("--show-plan", options.showPlan, "print the plan of one seed");
+    app.add_flag("--tell", explorer::tell, "print what happens in one run");
     CLI11_PARSE(app, argc, argv);
     setvbuf(stdout, nullptr, _IOLBF, 0);
     if (!options.plan.empty()) {

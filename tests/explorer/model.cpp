@@ -32,14 +32,12 @@ public:
     }
     // Places from here on may not be lost.
     std::size_t limit() const { return limit_; }
-    // How many bytes in a row, the last of them `place`, may be missing.
-    std::uint64_t roomAt(std::size_t place) const {
-        std::uint64_t room = 0;
-        for (const Part& part : parts_) {
-            if (place >= part.limit) continue;
-            room = part.room == unlimited || room == unlimited ? unlimited : room + part.room;
-        }
-        return room;
+    // Whether all bytes from one place to before another may be missing: what a loss cannot have met, later ones must have taken.
+    bool mayMiss(std::size_t from, std::size_t to) const {
+        if (!fit(from, to)) return false;
+        return std::all_of(parts_.begin(), parts_.end(), [&](const Part& part) {
+            return part.limit <= from || part.limit >= to || fit(part.limit, to);
+        });
     }
 
 private:
@@ -47,6 +45,13 @@ private:
         std::size_t limit;
         std::uint64_t room;
     };
+    bool fit(std::size_t from, std::size_t to) const {
+        std::uint64_t room = 0;
+        for (const Part& part : parts_) {
+            if (part.limit > from) room = part.room == unlimited || room == unlimited ? unlimited : room + part.room;
+        }
+        return room >= to - from;
+    }
     // Places are in the order of their moments.
     std::size_t limitOf(const Loss& loss) const {
         const auto end = std::partition_point(sent_.begin(), sent_.end(), [&](const SentByte& byte) {
@@ -94,7 +99,7 @@ public:
     bool restMayBeLost() {
         allowance_.lookFrom(unlimited);
         const std::size_t last = at_.back().last;
-        return last == sent_.size() || allowance_.roomAt(sent_.size() - 1) >= sent_.size() - last;
+        return last == sent_.size() || (allowance_.limit() == sent_.size() && allowance_.mayMiss(last, sent_.size()));
     }
     std::size_t first() const { return at_.front().first; }
 
@@ -105,7 +110,7 @@ private:
     bool reachable(std::size_t place) const {
         const auto after = std::partition_point(at_.begin(), at_.end(), [place](const Range& r) { return r.first <= place; });
         const std::size_t before = std::min((after - 1)->last, place);
-        return before == place || (place <= allowance_.limit() && allowance_.roomAt(place - 1) >= place - before);
+        return before == place || (place <= allowance_.limit() && allowance_.mayMiss(before, place));
     }
     bool move() {
         std::sort(next_.begin(), next_.end(), [](const Range& a, const Range& b) { return a.first < b.first; });
@@ -139,6 +144,18 @@ void wrong(const char* format, ...) {
     _exit(3);
 }
 
+bool tell = false;
+
+void say(const char* format, ...) {
+    if (!tell) return;
+    fprintf(stderr, "%6lld ms  ", static_cast<long long>(KeQueryInterruptTime() / 10000));
+    va_list arguments;
+    va_start(arguments, format);
+    vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    fputc('\n', stderr);
+}
+
 Moment now() { return {++lastNumber, static_cast<std::int64_t>(KeQueryInterruptTime() / 10000)}; }
 void restartMoments() { lastNumber = 0; }
 
@@ -158,6 +175,11 @@ void Losses::end(std::size_t index, std::int64_t graceMs) {
     const Moment at = now();
     losses_[index].endNumber = at.number;
     losses_[index].endMs = graceMs == 0 ? -1 : at.ms + graceMs;
+}
+
+bool Losses::anyNow() const {
+    const std::int64_t ms = now().ms;
+    return std::any_of(losses_.begin(), losses_.end(), [ms](const Loss& l) { return l.outBytes != 0 && l.endMs >= ms; });
 }
 
 std::string judge(const std::vector<SentByte>& sent, const std::vector<TakenByte>& taken, const Losses& losses, Way way, bool whole) {

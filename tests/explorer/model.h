@@ -22,6 +22,10 @@ namespace explorer {
 // The run is wrong: prints "explorer: ..." and ends the process.
 [[noreturn]] void wrong(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// With `tell` every step, end of a request and byte count is printed, and what the driver traces under its mask.
+extern bool tell;
+void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // Every event of a run has its number; two events of one virtual moment are in order, too.
 struct Moment {
     std::uint64_t number = 0;
@@ -62,6 +66,10 @@ public:
     std::size_t begin(const char* why, std::uint64_t outBytes, bool in);
     // Nothing that is sent `graceMs` from now, or later, may be lost for this reason.
     void end(std::size_t index, std::int64_t graceMs);
+    // Whether one that stops the paths is under way.
+    bool anyNow() const;
+    // It may take any number of bytes.
+    void widen(std::size_t index) { losses_[index].outBytes = unlimited; }
     const std::vector<Loss>& all() const { return losses_; }
 
 private:

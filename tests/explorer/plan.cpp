@@ -327,16 +327,19 @@ bool Plan::uses(Verb verb) const {
 
 Plan generate(std::uint64_t seed) { return Generator(seed).make(); }
 
+std::string toText(const Step& step) {
+    std::ostringstream text;
+    text << actorNames[std::size_t(step.actor)] << " " << (step.pauseMs ? '~' : '+') << step.pause << (step.ordered ? " then " : " ")
+         << verbNames[std::size_t(step.verb)] << " " << step.args[0] << " " << step.args[1] << " " << step.args[2];
+    if (step.verb == Verb::control && step.args[0] < controlCount) text << "  # " << controls[step.args[0]].name;
+    return text.str();
+}
+
 std::string toText(const Plan& plan) {
     std::ostringstream text;
     text << "schedule " << plan.schedule << "\n";
     for (const auto& [name, value] : plan.values) text << "set " << name << " " << value << "\n";
-    for (const Step& step : plan.steps) {
-        text << actorNames[std::size_t(step.actor)] << " " << (step.pauseMs ? '~' : '+') << step.pause 
-             << (step.ordered ? " then " : " ") << verbNames[std::size_t(step.verb)] << " " << step.args[0] << " " << step.args[1] << " " << step.args[2];
-        if (step.verb == Verb::control && step.args[0] < controlCount) text << "  # " << controls[step.args[0]].name;
-        text << "\n";
-    }
+    for (const Step& step : plan.steps) text << toText(step) << "\n";
     return text.str();
 }
 

@@ -87,6 +87,7 @@ struct Plan {
 };
 
 Plan generate(std::uint64_t seed);
+std::string toText(const Step& step);
 std::string toText(const Plan& plan);
 // Throws std::runtime_error with the line that cannot be taken.
 Plan fromText(std::string_view text);

@@ -39,6 +39,7 @@ struct Actors {
                     if (step.ordered) awaitOrder(n);
                     pause(step);
                     begun[n] = true;
+                    if (tell) say("%s", toText(step).c_str());
                     step.verb < Verb::send ? application.take(step) : world.take(step);
                 }
                 done[i] = true;
@@ -71,12 +72,15 @@ void live(const Plan& plan, Cells& cells) {
         Application application(world);
         Actors actors(plan, world, application);
         actors.wait(std::size_t(Actor::system), "a step of the system");
+        say("mended");
         world.mend();
         actors.wait(0, "the first application");
         actors.wait(1, "the second application");
+        say("drained");
         application.drain();
         application.close();
         if (world.faulty()) world.startOver();
+        say("opened afresh");
         application.live();
         application.judgeAll();
     }
@@ -109,7 +113,7 @@ Child::Child(const Plan& plan, Cells& cells) : output_(memfd_create("explorer", 
     pid_ = fork();
     if (pid_ < 0 || output_ < 0) throw std::runtime_error("no process for a run");
     if (pid_ == 0) {
-        dup2(output_, STDERR_FILENO);
+        if (!tell) dup2(output_, STDERR_FILENO);
         alarm(aliveSeconds);
         live(plan, cells);
         _exit(0);

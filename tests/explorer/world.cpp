@@ -23,6 +23,8 @@ constexpr std::int64_t recoveryMs = 6000;
 constexpr std::int64_t momentMs = 5;
 constexpr std::uint64_t stepBound = 3'000'000;
 constexpr std::size_t packetBytes = 64;
+// Assertions, errors, progress, open and close, Plug and Play and power.
+constexpr std::uint32_t tellMask = 0x205f;
 
 }  // namespace
 
@@ -62,13 +64,14 @@ void WildDevice::behave() {
 
 void WildDevice::forget() {
     pieces_.clear();
+    drop(0x82);
 }
 
 // A transfer of full packets is followed by an empty one, and no other is, unless something came between.
 void WildDevice::checkEmptyPacket(std::size_t length) {
-    const bool disturbed = disturbances_ != world_.losses.all().size();
+    const bool disturbed = disturbances_ != world_.losses.all().size() || world_.losses.anyNow();
     disturbances_ = world_.losses.all().size();
-    if (disturbed || world_.framing() || world_.removals) return;
+    if (disturbed || world_.framing() || world_.removals || world_.faulty()) return;
     if (emptyDue_ && length != 0) wrong("no empty packet follows a transfer of full packets");
     if (!emptyDue_ && length == 0) wrong("an empty packet follows a transfer that has ended");
 }
@@ -92,6 +95,7 @@ std::int32_t WildDevice::dataOut(std::uint8_t, std::span<const std::uint8_t> dat
     outLength_ = (midTransfer_ ? outLength_ : 0) + length;
     midTransfer_ = length != data.size();
     if (!midTransfer_) emptyDue_ = outLength_ != 0 && !ends;
+    say("the device takes %zu of %zu bytes", length, data.size());
     return static_cast<std::int32_t>(length);
 }
 
@@ -165,6 +169,7 @@ World::~World() = default;
 // Assertions of the driver trace and go on; here they end the run.
 void World::sink(void*, const char* text, std::size_t length) {
     const std::string_view line(text, length);
+    if (tell) say("driver: %.*s", static_cast<int>(length - (length != 0 && text[length - 1] == '\n')), text);
     if (line.find("ASSERTION FAILED") != line.npos || line.find("Memory Log") != line.npos) {
         wrong("the driver says: %.*s", static_cast<int>(length), text);
     }
@@ -182,6 +187,7 @@ void World::boot() {
     bus_ = std::make_unique<usb::Bus>(*executive_);
     if (!NT_SUCCESS(executive_->loadDriver(service, DriverEntry))) wrong("the driver does not load");
     executive_->bindDriver("USB\\Class_02&SubClass_02", service, "Ports", portsClass);
+    if (tell) executive_->registry().setDword("HKLM\\SYSTEM\\CurrentControlSet\\Services\\qvcdcacm", "TraceMask", tellMask);
     for (const auto& [name, value] : plan.values) executive_->registry().setDword(deviceKey, name, value);
     auto device = std::make_unique<WildDevice>(*this);
     device_ = device.get();
@@ -228,6 +234,8 @@ DeviceState World::state() {
 // --- Steps -------------------------------------------------------------------------------------------------------------------
 
 void World::take(const Step& step) {
+    // A close that meets anything of this may not get its bytes out.
+    if (closing) losses.widen(*closing);
     if (step.verb < Verb::unplug) return deviceStep(step);
     if (step.verb < Verb::powerDown) return plugStep(step);
     powerStep(step);
@@ -376,9 +384,15 @@ void World::plugStep(const Step& step) {
         visit(rowRemove);
         removals = true;
         goneSince_ = now();
-        place_ = DeviceState::removed;
-        low_ = false;
-        executive_->removeDevice(instance_);
+        if (NT_SUCCESS(executive_->removeDevice(instance_))) {
+            place_ = DeviceState::removed;
+            low_ = false;
+            return;
+        }
+        // Opened meanwhile.
+        place_ = DeviceState::running;
+        losses.end(*placeLoss_, momentMs);
+        placeLoss_.reset();
         return;
     default: {
         if (place_ != DeviceState::running) return;

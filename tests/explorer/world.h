@@ -113,6 +113,7 @@ public:
     const Plan& plan;
     Losses losses;
     std::vector<std::pair<Moment, Moment>> newDevices;  // settings may be the first ones again after these
+    std::optional<std::size_t> closing;                 // the loss of a close that may be under way
     bool removals = false;                              // the device left, or was removed, at least once
 
 private:
