@@ -4,7 +4,7 @@
 //   started <-> stop pending -> stopped -> started            (QUERY_STOP, CANCEL_STOP, STOP, START)
 //   started <-> remove pending -> removed -> added again      (QUERY_REMOVE, CANCEL_REMOVE, REMOVE, restart)
 //   no longer reported -> SURPRISE_REMOVAL -> (no handle open on the stack) -> REMOVE -> forgotten
-//   a START that fails -> REMOVE -> startFailed
+//   a START that fails -> REMOVE -> startFailed; with files open on the stack SURPRISE_REMOVAL first, and REMOVE when they are closed
 //
 // Everything happens on one thread, in the order it was asked for; the power manager (po_system.cpp) uses it too. While the system
 // sleeps nothing arrives and nothing departs: buses that report a change are looked at when it wakes.
@@ -316,9 +316,7 @@ NTSTATUS PnpManager::bringUp(DeviceNodeRecord& node) {
 NTSTATUS PnpManager::startDevice(DeviceNodeRecord& node) {
     NTSTATUS status = send(node, IRP_MN_START_DEVICE);
     if (!NT_SUCCESS(status)) {
-        send(node, IRP_MN_REMOVE_DEVICE);
-        node.driverAdded = false;
-        setState(node, DeviceState::startFailed);
+        startFailed(node);
         return status;
     }
     setState(node, DeviceState::started);
@@ -327,6 +325,19 @@ NTSTATUS PnpManager::startDevice(DeviceNodeRecord& node) {
     send(node, IRP_MN_QUERY_PNP_DEVICE_STATE);
     enumerate(node.pdo);
     return STATUS_SUCCESS;
+}
+
+void PnpManager::startFailed(DeviceNodeRecord& node) {
+    setLeaving(node.pdo, true);
+    if (handlesOnStack(node.pdo) != 0) {
+        send(node, IRP_MN_SURPRISE_REMOVAL);
+        setState(node, DeviceState::startFailed);
+        awaitHandles(node);
+        return;
+    }
+    send(node, IRP_MN_REMOVE_DEVICE);
+    node.driverAdded = false;
+    setState(node, DeviceState::startFailed);
 }
 
 // Removal ----------------------------------------------------------------------------------------------------------------
@@ -341,6 +352,10 @@ void PnpManager::depart(DeviceNodeRecord& node) {
             depart(*child);
         }
     }
+    // A device whose start failed under open files has been told.
+    if (node.waitsForHandles) {
+        return;
+    }
     PDEVICE_OBJECT above = node.pdo->AttachedDevice;
     if (node.driverAdded) {
         send(node, IRP_MN_SURPRISE_REMOVAL);
@@ -352,13 +367,18 @@ void PnpManager::depart(DeviceNodeRecord& node) {
     // In this order: whoever is not seen here is refused.
     setLeaving(node.pdo, true);
     if (handlesOnStack(node.pdo) != 0 || !childrenOf(node).empty()) {
-        node.waitsForHandles = true;
-        waitingForHandles_.fetch_add(1);
-        // A file closed in between has posted nothing.
-        post([this] { removeWaiting(); });
+        awaitHandles(node);
         return;
     }
     finishRemoval(node);
+}
+
+// REMOVE follows when the last file on the stack is closed.
+void PnpManager::awaitHandles(DeviceNodeRecord& node) {
+    node.waitsForHandles = true;
+    waitingForHandles_.fetch_add(1);
+    // A file closed in between has posted nothing.
+    post([this] { removeWaiting(); });
 }
 
 void PnpManager::removeWaiting() {

@@ -110,6 +110,8 @@ private:
     NTSTATUS queryCapabilities(DeviceNodeRecord& node, DEVICE_CAPABILITIES& capabilities);
     NTSTATUS addRootNode(std::string_view service, std::string_view instanceId);
     bool hasOtherNode(const DeviceNodeRecord& node);
+    void startFailed(DeviceNodeRecord& node);
+    void awaitHandles(DeviceNodeRecord& node);
     void removeWaiting();
     void forget(DeviceNodeRecord& node);
     NTSTATUS bringUp(DeviceNodeRecord& node);

@@ -102,6 +102,38 @@ TEST_F(KernelPnp, AHandleOpenedAfterTheQuestionHoldsTheRemovalBack) {
     RtlFreeUnicodeString(&link);
 }
 
+// A device that does not start again is removed when its files are closed, and not before.
+TEST_F(KernelPnp, ARestartThatFailsUnderAnOpenFile) {
+    GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
+    Child& child = plug(u"one");
+    const std::string path = "TEST\\Thing\\one";
+    UNICODE_STRING link;
+    ASSERT_EQ(IoRegisterDeviceInterface(child.pdo, &guid, nullptr, &link), STATUS_SUCCESS);
+    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
+    for (const bool unplugged : {false, true}) {
+        nt::File file;
+        ASSERT_EQ(file.open(exec_.enabledInterfaces().at(0)), STATUS_SUCCESS);
+        EXPECT_EQ(exec_.queryStop(path), STATUS_SUCCESS);
+        EXPECT_EQ(exec_.stopDevice(path), STATUS_SUCCESS);
+        log();
+        world_.startStatus = STATUS_DEVICE_DATA_ERROR;
+        EXPECT_EQ(exec_.startDevice(path), STATUS_DEVICE_DATA_ERROR);
+        world_.startStatus = STATUS_SUCCESS;
+        EXPECT_EQ(log(), "start surprise");
+        EXPECT_EQ(exec_.startDevice(path), STATUS_INVALID_DEVICE_STATE);
+        if (unplugged) unplug(child);
+        exec_.settle();
+        EXPECT_EQ(log(), "");
+        file.close();
+        exec_.settle();
+        EXPECT_EQ(log(), "remove");
+        if (unplugged) break;
+        EXPECT_EQ(exec_.startDevice(path), STATUS_SUCCESS);
+        EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
+    }
+    RtlFreeUnicodeString(&link);
+}
+
 TEST_F(KernelPnp, AFailureToAddOrStartLeavesNothingAndTheNextTryWorks) {
     world_.addStatus = STATUS_UNSUCCESSFUL;
     plug(u"one");
