@@ -199,36 +199,48 @@ void appendSent(std::vector<SentByte>& sent, const Op& op) {
 
 }  // namespace
 
-// Requests that were on their way to the driver at the same time may have got there in either order.
+// Requests that were on their way to the driver at the same time may have got there in either order: where the bytes do not fit,
+// those that may come first are tried, as long as that gets further.
 void Application::judgeBytes(Way way) const {
     std::vector<const Op*> order = inOrder(way == Way::out ? Kind::write : Kind::read);
-    std::string first;
-    const auto fits = [&] {
+    const auto bytesOf = [&](const Op* op) {
+        std::vector<SentByte> sent;
+        std::vector<TakenByte> taken;
+        way == Way::out ? appendSent(sent, *op) : appendTaken(taken, *op);
+        return sent.size() + taken.size();
+    };
+    const auto check = [&] {
         std::vector<SentByte> sent;
         std::vector<TakenByte> taken;
         for (const Op* op : order) way == Way::out ? appendSent(sent, *op) : appendTaken(taken, *op);
         const auto& record = world_.record();
-        const std::string verdict = way == Way::out ? judge(sent, record.taken, world_.losses, way, whole_)
-                                                    : judge(record.given, taken, world_.losses, way, whole_);
-        if (first.empty()) first = verdict;
-        return verdict.empty();
+        return way == Way::out ? judge(sent, record.taken, world_.losses, way, whole_)
+                               : judge(record.given, taken, world_.losses, way, whole_);
     };
-    if (fits()) return;
-    std::vector<std::size_t> pairs;
-    for (std::size_t i = 0; i + 1 < order.size(); ++i) {
-        if (order[i + 1]->issued.number < order[i]->returned.number) pairs.push_back(i);
-    }
-    // Every combination of the last few such pairs.
-    const std::size_t count = std::min<std::size_t>(pairs.size(), 8);
-    const auto plain = order;
-    for (std::size_t choice = 1; choice < std::size_t(1) << count; ++choice) {
-        order = plain;
-        for (std::size_t i = 0; i < count; ++i) {
-            if (choice >> i & 1) std::swap(order[pairs[i]], order[pairs[i] + 1]);
+    Verdict best = check();
+    for (bool further = true; further && !best.text.empty();) {
+        further = false;
+        // The request that the first unfit byte is in, or behind which it comes.
+        std::size_t at = 0;
+        const std::size_t place = way == Way::out ? best.place : best.taken;
+        for (std::size_t bytes = 0; at < order.size() && (bytes += bytesOf(order[at])) <= place;) ++at;
+        for (std::size_t first = at < 2 ? 0 : at - 2; first < order.size() && first <= at && !further; ++first) {
+            for (std::size_t later = first + 1; later < order.size() && !further; ++later) {
+                if (order[later]->issued.number > order[first]->returned.number) continue;
+                std::rotate(order.begin() + static_cast<std::ptrdiff_t>(first), order.begin() + static_cast<std::ptrdiff_t>(later),
+                            order.begin() + static_cast<std::ptrdiff_t>(later) + 1);
+                const Verdict other = check();
+                further = other.text.empty() || other.taken > best.taken;
+                if (further) {
+                    best = other;
+                } else {
+                    std::rotate(order.begin() + static_cast<std::ptrdiff_t>(first), order.begin() + static_cast<std::ptrdiff_t>(first) + 1,
+                                order.begin() + static_cast<std::ptrdiff_t>(later) + 1);
+                }
+            }
         }
-        if (fits()) return;
     }
-    wrong("bytes %s: %s", way == Way::out ? "to the device" : "to the readers", first.c_str());
+    if (!best.text.empty()) wrong("bytes %s: %s", way == Way::out ? "to the device" : "to the readers", best.text.c_str());
 }
 
 void Application::judgeAll() {

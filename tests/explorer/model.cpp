@@ -177,12 +177,11 @@ void Losses::end(std::size_t index, std::int64_t graceMs) {
     losses_[index].endMs = graceMs == 0 ? -1 : at.ms + graceMs;
 }
 
-bool Losses::anyNow() const {
-    const std::int64_t ms = now().ms;
-    return std::any_of(losses_.begin(), losses_.end(), [ms](const Loss& l) { return l.outBytes != 0 && l.endMs >= ms; });
+bool Losses::anySince(std::int64_t ms) const {
+    return std::any_of(losses_.begin(), losses_.end(), [ms](const Loss& l) { return l.in && l.endMs >= ms; });
 }
 
-std::string judge(const std::vector<SentByte>& sent, const std::vector<TakenByte>& taken, const Losses& losses, Way way, bool whole) {
+Verdict judge(const std::vector<SentByte>& sent, const std::vector<TakenByte>& taken, const Losses& losses, Way way, bool whole) {
     Judge judge(sent, losses, way);
     char text[300];
     for (std::size_t i = 0; i < taken.size(); ++i) {
@@ -190,12 +189,12 @@ std::string judge(const std::vector<SentByte>& sent, const std::vector<TakenByte
         if (judge.take(taken[i])) continue;
         snprintf(text, sizeof text, "byte %zu of %zu taken (%02x, at %lld ms) cannot be what follows place %zu of %zu sent", i,
                  taken.size(), static_cast<unsigned>(taken[i].byte) & 0xff, static_cast<long long>(taken[i].at.ms), place, sent.size());
-        return text;
+        return {text, i, place};
     }
     if (whole && !judge.restMayBeLost()) {
         snprintf(text, sizeof text, "%zu bytes taken, the last %zu of %zu sent never came", taken.size(), sent.size() - judge.first(),
                  sent.size());
-        return text;
+        return {text, taken.size(), judge.first()};
     }
     return {};
 }

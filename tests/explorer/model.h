@@ -66,8 +66,8 @@ public:
     std::size_t begin(const char* why, std::uint64_t outBytes, bool in);
     // Nothing that is sent `graceMs` from now, or later, may be lost for this reason.
     void end(std::size_t index, std::int64_t graceMs);
-    // Whether one that stops the paths is under way.
-    bool anyNow() const;
+    // Whether the paths may have been stopped since.
+    bool anySince(std::int64_t ms) const;
     // It may take any number of bytes.
     void widen(std::size_t index) { losses_[index].outBytes = unlimited; }
     const std::vector<Loss>& all() const { return losses_; }
@@ -76,8 +76,14 @@ private:
     std::vector<Loss> losses_;
 };
 
-// Empty, or what is wrong. `whole`: everything that was sent must have been taken, but for the losses.
-std::string judge(const std::vector<SentByte>& sent, const std::vector<TakenByte>& taken, const Losses& losses, Way way, bool whole);
+struct Verdict {
+    std::string text;       // empty, or what is wrong
+    std::size_t taken = 0;  // the byte that nothing explains
+    std::size_t place = 0;  // the first place where it could have been
+};
+
+// `whole`: everything that was sent must have been taken, but for the losses.
+Verdict judge(const std::vector<SentByte>& sent, const std::vector<TakenByte>& taken, const Losses& losses, Way way, bool whole);
 
 // A setting that any thread may store and fetch at any time: what is fetched was the last stored, or one of those stored meanwhile.
 class Register {

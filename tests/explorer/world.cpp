@@ -69,7 +69,7 @@ void WildDevice::forget() {
 
 // A transfer of full packets is followed by an empty one, and no other is, unless something came between.
 void WildDevice::checkEmptyPacket(std::size_t length) {
-    const bool disturbed = disturbances_ != world_.losses.all().size() || world_.losses.anyNow();
+    const bool disturbed = disturbances_ != world_.losses.all().size() || world_.losses.anySince(lastOutMs_);
     disturbances_ = world_.losses.all().size();
     if (disturbed || world_.framing() || world_.removals || world_.faulty()) return;
     if (emptyDue_ && length != 0) wrong("no empty packet follows a transfer of full packets");
@@ -91,6 +91,7 @@ std::int32_t WildDevice::dataOut(std::uint8_t, std::span<const std::uint8_t> dat
     }
     if (!midTransfer_) checkEmptyPacket(data.size());
     const Moment at = now();
+    lastOutMs_ = at.ms;
     for (const std::uint8_t byte : data.first(length)) taken.push_back({byte, at});
     outLength_ = (midTransfer_ ? outLength_ : 0) + length;
     midTransfer_ = length != data.size();

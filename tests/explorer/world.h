@@ -68,6 +68,7 @@ private:
     std::size_t outLength_ = 0;          // of the host's transfer so far
     bool emptyDue_ = false;              // the last transfer was of full packets
     std::size_t disturbances_ = 0;       // losses known then
+    std::int64_t lastOutMs_ = 0;
 };
 
 class World {
