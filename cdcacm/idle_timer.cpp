@@ -96,9 +96,10 @@ static BOOLEAN NothingToSend(DEVICE* Dev)
     return Empty;
 }
 
+// Activity that came after the expiry and before this has armed the timer again: the interval has begun anew, and what that
+// activity brings is perhaps not to be seen yet.
 VOID IdleTimerFnc(TIMER_OBJ* Timer, VOID* Context)
 {
-    UNREFERENCED_PARAMETER(Timer);
     IDLE_CTX* Idle = (IDLE_CTX*)Context;
     KIRQL Irql;
     if (!NothingToSend(Idle->Dev)) {
@@ -107,9 +108,11 @@ VOID IdleTimerFnc(TIMER_OBJ* Timer, VOID* Context)
         return;
     }
     KeAcquireSpinLock(&Idle->IdleLock, &Irql);
-    Idle->IsIdle = 1;
+    const BOOLEAN Expired = KeReadStateTimer(&Timer->Timer);
+    if (Expired)
+        Idle->IsIdle = 1;
     KeReleaseSpinLock(&Idle->IdleLock, Irql);
-    if (!QueueWorkItem(Idle->Dev, IdleTimerWorker, Idle, NULL))
+    if (Expired && !QueueWorkItem(Idle->Dev, IdleTimerWorker, Idle, NULL))
         IdleRestartTimer(Idle);
 }
 

@@ -478,6 +478,21 @@ TEST(DriverLifecycle, suspend_races_activity) {
     });
 }
 
+// Activity at the very moment the interval ends starts it again: the timer that has just run out does not count any more. What a
+// suspended device is left with goes out at the next request only.
+TEST(DriverLifecycle, activity_when_the_idle_interval_ends) {
+    overSeeds(200, {{"IdleInterval", 1}, {"WriteBufferSize", 64}}, [](Modem& m, std::uint64_t) {
+        m.rig.run(1);
+        EXPECT_EQ(m.write("a"), STATUS_SUCCESS);
+        const std::int64_t begin = test::nowMs();
+        const std::string rest(300, 'b');
+        m.rig.run(static_cast<std::uint32_t>(begin + 1000 - test::nowMs()));
+        spin(nt::sim::random(40));
+        EXPECT_EQ(m.write(rest), STATUS_SUCCESS);
+        EXPECT_TRUE(m.rig.until([&] { return m.received() == "a" + rest; }, 100)) << m.received().size() << m.rig.trace();
+    });
+}
+
 // Any request of the way down that cannot be made leaves a port that works, and that can be removed.
 TEST(DriverLifecycle, suspend_without_memory) {
     for (std::uint64_t n = 1;; ++n) {
