@@ -318,7 +318,9 @@ void Application::drain() {
         silent = op.information == 0 ? silent + 1 : 0;
     }
     until(&Application::allTaken, liveMs);
-    whole_ = true;
+    // Before the close, which may lose what is left.
+    judgeBytes(Way::out, true);
+    judgeBytes(Way::in, true);
 }
 
 void Application::live() {

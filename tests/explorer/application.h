@@ -89,7 +89,7 @@ private:
     bool troubled(const Op& op) const;
     void noteSettings(std::map<std::uint32_t, Register>& settings) const;
     void judgeSettings() const;
-    void judgeBytes(Way way) const;
+    void judgeBytes(Way way, bool whole) const;
     std::vector<const Op*> inOrder(Kind kind) const;
 
     World& world_;
@@ -102,7 +102,6 @@ private:
     std::uint32_t masks_ = 0;   // every event ever waited for
     bool timeouts_ = false;     // reads and writes may time out
     bool shortReads_ = false;   // reads may end with less
-    bool whole_ = false;        // everything has been drained
 };
 
 }  // namespace explorer

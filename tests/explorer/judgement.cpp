@@ -201,7 +201,7 @@ void appendSent(std::vector<SentByte>& sent, const Op& op) {
 
 // Requests that were on their way to the driver at the same time may have got there in either order: where the bytes do not fit,
 // those that may come first are tried, as long as that gets further.
-void Application::judgeBytes(Way way) const {
+void Application::judgeBytes(Way way, bool whole) const {
     std::vector<const Op*> order = inOrder(way == Way::out ? Kind::write : Kind::read);
     const auto bytesOf = [&](const Op* op) {
         std::vector<SentByte> sent;
@@ -214,8 +214,8 @@ void Application::judgeBytes(Way way) const {
         std::vector<TakenByte> taken;
         for (const Op* op : order) way == Way::out ? appendSent(sent, *op) : appendTaken(taken, *op);
         const auto& record = world_.record();
-        return way == Way::out ? judge(sent, record.taken, world_.losses, way, whole_)
-                               : judge(record.given, taken, world_.losses, way, whole_);
+        return way == Way::out ? judge(sent, record.taken, world_.losses, way, whole)
+                               : judge(record.given, taken, world_.losses, way, whole);
     };
     Verdict best = check();
     for (bool further = true; further && !best.text.empty();) {
@@ -250,8 +250,8 @@ void Application::judgeAll() {
     }
     judgeSettings();
     if (world_.framing()) return;
-    judgeBytes(Way::out);
-    judgeBytes(Way::in);
+    judgeBytes(Way::out, false);
+    judgeBytes(Way::in, false);
 }
 
 }  // namespace explorer

@@ -68,8 +68,8 @@ public:
     void end(std::size_t index, std::int64_t graceMs);
     // Whether the paths may have been stopped since.
     bool anySince(std::int64_t ms) const;
-    // It may take any number of bytes.
-    void widen(std::size_t index) { losses_[index].outBytes = unlimited; }
+    // It may take so many bytes on their way to the device.
+    void allow(std::size_t index, std::uint64_t outBytes) { losses_[index].outBytes = outBytes; }
     const std::vector<Loss>& all() const { return losses_; }
 
 private:

@@ -64,7 +64,7 @@ struct Features {
         timeouts = perhaps(2);
         lines = perhaps(2);
         holds = perhaps(2);
-        idle = perhaps(4);
+        idle = perhaps(3);
         purge = perhaps(3) && !calm;
         sizes = perhaps(4) && !calm;
         reopen = perhaps(2) && !calm;
@@ -88,6 +88,7 @@ std::map<std::string, std::uint32_t> chooseValues(Dice& dice, const Features& fe
     values["ReadBufferCount"] = dice.among({1, 2, 3, 5});
     values["TimerInterval"] = dice.among({1, 10, 100});
     if (features.idle) values["IdleInterval"] = 1;
+    if (features.removal && dice.oneIn(2)) values[rejectD0] = 1;
     if (dice.oneIn(8)) values["FlowTest"] = 20;
     if (features.lines && dice.oneIn(3)) values["useCtsFlowControl"] = 1;
     if (dice.oneIn(4)) values["RequestTimeout"] = 50;
@@ -132,7 +133,7 @@ private:
         if (dice_.oneIn(3)) {
             step.pauseMs = true;
             step.pause = dice_.oneIn(6) ? dice_.below(300) : dice_.below(20);
-            if (features_.idle && dice_.oneIn(8)) step.pause = 1005 + dice_.below(20);
+            if (features_.idle && dice_.oneIn(8)) step.pause = 995 + dice_.below(15);
         } else {
             step.pause = dice_.below(dice_.oneIn(4) ? 1000 : 60);
         }

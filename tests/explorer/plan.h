@@ -77,6 +77,9 @@ struct Step {
     std::array<std::uint32_t, 3> args{};
 };
 
+// A setting of the bus, not of the driver: the device that left refuses to be powered.
+constexpr const char* rejectD0 = "RejectD0WhenGone";
+
 struct Plan {
     std::uint64_t schedule = 1;
     std::map<std::string, std::uint32_t> values;

@@ -4,8 +4,9 @@
 #include "kernel/power.h"
 #include "kernel/sim.h"
 
+#include "usb/sync.h"
+
 #include <algorithm>
-#include <cstring>
 
 extern "C" DRIVER_INITIALIZE DriverEntry;
 
@@ -156,6 +157,37 @@ void WildDevice::busReset() {
     ScriptedDevice::busReset();
 }
 
+// --- The wire ------------------------------------------------------------------------------------------------------------
+
+Wire::Wire(std::shared_ptr<usb::Backend> inner, Losses& losses) : inner_(std::move(inner)), losses_(losses) {
+    KeInitializeSpinLock(&lock_);
+}
+
+void Wire::submit(usb::Transfer* transfer) {
+    if (transfer->type == usb::TransferType::bulk && !transfer->isIn()) {
+        usb::SpinGuard guard(lock_);
+        callers_[transfer] = {transfer->complete, transfer->context};
+        transfer->complete = done;
+        transfer->context = this;
+    }
+    inner_->submit(transfer);
+}
+
+void Wire::done(usb::Transfer* transfer) {
+    Wire& self = *static_cast<Wire*>(transfer->context);
+    {
+        usb::SpinGuard guard(self.lock_);
+        const auto found = self.callers_.find(transfer);
+        transfer->complete = found->second.complete;
+        transfer->context = found->second.context;
+        self.callers_.erase(found);
+    }
+    if (transfer->status != usb::TransferStatus::ok && transfer->actual < transfer->length) {
+        self.losses_.end(self.losses_.begin("a transfer ends early", transfer->length - transfer->actual, false), 0);
+    }
+    transfer->complete(transfer);
+}
+
 // --- Boot and end ------------------------------------------------------------------------------------------------------------
 
 World::World(const Plan& p, Cells& cells)
@@ -189,11 +221,15 @@ void World::boot() {
     if (!NT_SUCCESS(executive_->loadDriver(service, DriverEntry))) wrong("the driver does not load");
     executive_->bindDriver("USB\\Class_02&SubClass_02", service, "Ports", portsClass);
     if (tell) executive_->registry().setDword("HKLM\\SYSTEM\\CurrentControlSet\\Services\\qvcdcacm", "TraceMask", tellMask);
-    for (const auto& [name, value] : plan.values) executive_->registry().setDword(deviceKey, name, value);
+    for (const auto& [name, value] : plan.values) {
+        if (name != rejectD0) executive_->registry().setDword(deviceKey, name, value);
+    }
     auto device = std::make_unique<WildDevice>(*this);
     device_ = device.get();
     backend_ = std::make_shared<usb::VirtualBackend>(std::move(device), "modem");
-    port_ = bus_->plug(backend_, "0001");
+    usb::PortOptions port;
+    port.rejectD0WhenGone = plan.value(rejectD0, 0) != 0;
+    port_ = bus_->plug(std::make_shared<Wire>(backend_, losses), "0001", port);
     instance_ = bus_->instancePath(port_);
     executive_->settle();
     sleepMs(1);
@@ -236,7 +272,7 @@ DeviceState World::state() {
 
 void World::take(const Step& step) {
     // A close that meets anything of this may not get its bytes out.
-    if (closing) losses.widen(*closing);
+    if (closing) losses.allow(*closing, unlimited);
     if (step.verb < Verb::unplug) return deviceStep(step);
     if (step.verb < Verb::powerDown) return plugStep(step);
     powerStep(step);
@@ -324,7 +360,7 @@ void World::replug() {
 void World::queryStop() {
     if (place_ != DeviceState::running) return;
     visit(rowQueryStop);
-    placeLoss_ = losses.begin("the device is to stop", 2 * chunk_, true);
+    placeLoss_ = losses.begin("the device is to stop", 0, true);
     place_ = DeviceState::stopPending;
     executive_->queryStop(instance_);
 }
@@ -360,6 +396,7 @@ void World::plugStep(const Step& step) {
         if (place_ != DeviceState::stopPending) return;
         visit(rowStop);
         place_ = DeviceState::stopped;
+        losses.allow(*placeLoss_, 2 * chunk_);
         executive_->stopDevice(instance_);
         return;
     case Verb::cancelStop:
@@ -370,7 +407,7 @@ void World::plugStep(const Step& step) {
     case Verb::queryRemove: {
         if (place_ != DeviceState::running) return;
         visit(rowQueryRemove);
-        placeLoss_ = losses.begin("the device is to be removed", 2 * chunk_, true);
+        placeLoss_ = losses.begin("the device is to be removed", 0, true);
         const bool may = NT_SUCCESS(executive_->queryRemove(instance_));
         if (may) {
             place_ = DeviceState::removePending;
@@ -388,6 +425,7 @@ void World::plugStep(const Step& step) {
         if (NT_SUCCESS(executive_->removeDevice(instance_))) {
             place_ = DeviceState::removed;
             low_ = false;
+            losses.allow(*placeLoss_, 2 * chunk_);
             return;
         }
         // Opened meanwhile.

@@ -21,6 +21,7 @@
 #include "usb/virtual_backend.h"
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -69,6 +70,33 @@ private:
     bool emptyDue_ = false;              // the last transfer was of full packets
     std::size_t disturbances_ = 0;       // losses known then
     std::int64_t lastOutMs_ = 0;
+};
+
+// Between the bus and the modem: knows which bytes a transfer to the device did not get there.
+class Wire final : public usb::Backend {
+public:
+    Wire(std::shared_ptr<usb::Backend> inner, Losses& losses);
+    bool start(usb::BackendEvents& events) override { return inner_->start(events); }
+    void stop() override { inner_->stop(); }
+    void submit(usb::Transfer* transfer) override;
+    void cancel(usb::Transfer* transfer) override { inner_->cancel(transfer); }
+    bool resetPort() override { return inner_->resetPort(); }
+    bool suspend(bool remoteWake) override { return inner_->suspend(remoteWake); }
+    bool resume() override { return inner_->resume(); }
+    usb::Speed speed() const override { return inner_->speed(); }
+    std::string location() const override { return inner_->location(); }
+
+private:
+    struct Caller {
+        usb::Transfer::Completion complete;
+        void* context;
+    };
+    static void done(usb::Transfer* transfer);
+
+    const std::shared_ptr<usb::Backend> inner_;
+    Losses& losses_;
+    KSPIN_LOCK lock_;
+    std::map<usb::Transfer*, Caller> callers_;  // of transfers under way; guarded by lock_
 };
 
 class World {
