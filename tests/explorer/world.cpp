@@ -146,10 +146,11 @@ usb::ControlReply WildDevice::control(const usb::SetupPacket& setup, std::span<s
 
 std::optional<usb::ControlReply> WildDevice::standardControl(const usb::SetupPacket&, std::span<std::uint8_t>) { return misbehave(); }
 
-// A driver that suspends a device stops its reads: what they hold because the reader's ring is full goes.
+// A driver that suspends a device stops its reads: what they hold because the reader's ring is full goes, and what arrives in that moment.
 void WildDevice::suspended(bool on) {
     ScriptedDevice::suspended(on);
-    if (on && world_.readerBehind(given.size())) world_.losses.end(world_.losses.begin("the device is suspended", 0, true), 0);
+    const bool justGiven = !given.empty() && given.back().at.ms == now().ms;
+    if (on && (justGiven || world_.readerBehind(given.size()))) world_.losses.end(world_.losses.begin("the device is suspended", 0, true), 0);
 }
 
 void WildDevice::busReset() {
