@@ -81,7 +81,7 @@ std::vector<CellName> requiredCells() {
     for (const std::uint32_t row : {rowCreate, rowRead, rowWrite}) cells.push_back({row, S::removePending});
     cells.insert(cells.end(), {{rowStart, S::stopped}, {rowStart, S::removed}, {rowStart, S::gone}, {rowQueryStop, S::running},
                                {rowQueryStop, S::lowPower}, {rowStop, S::stopPending}, {rowCancelStop, S::stopPending},
-                               {rowQueryRemove, S::running}, {rowQueryRemove, S::lowPower}, {rowRemove, S::removePending},
+                               {rowQueryRemove, S::running}, {rowRemove, S::removePending},
                                {rowCancelRemove, S::removePending}, {rowSurprise, S::running}, {rowSurprise, S::lowPower},
                                {rowPowerDown, S::running}, {rowPowerUp, S::lowPower}, {rowSleep, S::running},
                                {rowSleep, S::lowPower}, {rowWake, S::asleep}});

@@ -64,7 +64,7 @@ bool Application::mayBeCancelled(const Op& op, std::uint32_t purge) const {
 // Something stood between the request and the device, or the memory it needed.
 bool Application::troubled(const Op& op) const {
     return std::any_of(world_.losses.all().begin(), world_.losses.all().end(), [&](const Loss& loss) {
-        return loss.in && loss.outBytes != 0 && loss.begin.number < op.ended.number &&
+        return loss.in && loss.begin.number < op.ended.number &&
                (loss.endNumber > op.issued.number || loss.endMs >= op.issued.ms);
     });
 }

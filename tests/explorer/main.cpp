@@ -1,6 +1,6 @@
 // The explorer: random applications, a random device and a random system in the simulated mode, seed by seed, beside a model.
 //
-//   explorer --soak 200                     seeds 1...200 on all processors
+//   explorer --soak 1000                    seeds 1...1000 on all processors
 //   explorer --soak-seed 17                 one seed; EXPLORE_SEED=17 does the same
 //   explorer --plan FILE                    a plan as a failure printed it
 #include "tests/explorer/model.h"
@@ -35,7 +35,7 @@ struct Options {
 };
 
 // A soak this long visits every cell of the table.
-constexpr std::uint64_t seedsForAllCells = 200;
+constexpr std::uint64_t seedsForAllCells = 1000;
 // A cut plan meets other schedules: each cut is tried with some.
 constexpr unsigned schedulesPerCut = 3;
 

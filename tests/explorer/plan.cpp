@@ -250,7 +250,12 @@ private:
             switch (dice_.below(4)) {
             case 0: device(); break;
             case 1: application(anyone()); break;
-            default: nextControl(anyone());
+            default:
+                if (dice_.oneIn(12)) {
+                    add(anyone(), Verb::internal, dice_.below(internalCount), dice_.below(1u << 16));
+                } else {
+                    nextControl(anyone());
+                }
             }
         }
     }

@@ -279,8 +279,8 @@ void World::take(const Step& step) {
     powerStep(step);
 }
 
-// From now on transfers may fail, and the driver may start over.
-void World::error(const char* why) { losses.end(losses.begin(why, unlimited, true), recoveryMs); }
+// From now on transfers may fail, and the driver may start over. What that costs on the way to the device the wire knows.
+void World::error(const char* why) { losses.end(losses.begin(why, 0, true), recoveryMs); }
 
 void World::deviceStep(const Step& step) {
     const auto [a, b, c] = step.args;
