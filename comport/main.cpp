@@ -44,22 +44,28 @@ private:
     asio::signal_set signals_{loop_, SIGINT, SIGTERM};
 };
 
-int serve(const comport::Options& options) {
-    Signals signals;
-    comport::Server server(options);
-    std::string link = server.link();
-    std::printf("%s is served at %s\nTry: picocom %s   (type ATI, Enter; leave with Ctrl-A Ctrl-X)\n",
-                server.portName().c_str(), link.c_str(), link.c_str());
-    if (options.modem == comport::ModemKind::modem) {
+void greet(const comport::Options& options, const comport::Server& server) {
+    const bool telephone = options.modem == comport::ModemKind::modem;
+    const std::string link = server.link();
+    std::printf("%s is served at %s\n", server.portName().c_str(), link.c_str());
+    for (const std::string& url : server.urls()) {
+        std::printf("and at %s\n", url.c_str());
+    }
+    std::printf("Try: picocom %s   (%s; leave with Ctrl-A Ctrl-X)\n", link.c_str(),
+                telephone ? "type ATI, Enter" : "what you type comes back");
+    if (telephone) {
         std::printf("Dial up: pppd %s 115200 local nodetach noauth user me password me connect "
                     "'/usr/sbin/chat -v \"\" ATD*99# CONNECT'\n  (Debian's package ppp; as root, where there is /dev/ppp), "
                     "then: ping 192.0.2.1\n",
                     link.c_str());
     }
-    for (const std::string& url : server.urls()) {
-        std::printf("and at %s\n", url.c_str());
-    }
     std::fflush(stdout);
+}
+
+int serve(const comport::Options& options) {
+    Signals signals;
+    comport::Server server(options);
+    greet(options, server);
     signals.run(server);
     std::vector<std::string> left = server.stop();
     for (const std::string& line : left) {
