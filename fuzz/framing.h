@@ -1,0 +1,114 @@
+// The converters of framing mode against definitions that know nothing of state: what comes out must be what the whole stream
+// says, however it was cut, and however much room there was.
+//
+// The first byte of an input picks the escapes, the second the pace; the rest is the stream.
+#pragma once
+
+#include "tests/support/converter_rig.h"
+#include "tests/support/ppp_oracle.h"
+
+#include <cstdlib>
+#include <span>
+
+namespace framing {
+
+using test::Bytes;
+namespace ppp = test::ppp;
+
+inline void require(bool holds) {
+    if (!holds)
+        std::abort();
+}
+
+inline test::ConverterRig& rig() {
+    // Gone before the executive's own globals.
+    static test::ConverterRig one([] {
+        test::ConverterRig::Options options;
+        options.receiveRing = options.sendRing = 5000;
+        return options;
+    }());
+    return one;
+}
+
+// A sequence of numbers that an input decides.
+class Pace {
+  public:
+    explicit Pace(std::uint8_t seed) : state_(seed * 2654435761u + 1) {}
+    std::size_t upTo(std::size_t most) {
+        state_ = state_ * 1664525u + 1013904223u;
+        return (state_ >> 8) % (most + 1);
+    }
+
+  private:
+    std::uint32_t state_;
+};
+
+inline Bytes escapeSet(std::uint8_t kind) {
+    Bytes special;
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        if ((kind % 4 == 1 && byte < 0x20) || (kind % 4 == 2 && (byte * kind & 8) != 0) || (kind % 4 == 3 && byte == kind))
+            special.push_back(static_cast<std::uint8_t>(byte));
+    }
+    return special;
+}
+
+inline void requireInBounds(const PPP_FRAMER& framer) {
+    const bool header = framer.State == FRAMER_HEADER;
+    const UCHAR* const begin = header ? framer.Header : framer.OutBuf;
+    const UCHAR* const end = header ? std::end(framer.Header) : std::end(framer.OutBuf);
+    require(framer.State <= FRAMER_DELIVER && framer.Dev == &rig().dev());
+    require(framer.State == FRAMER_HUNT || framer.State == FRAMER_RESYNC || (framer.OutPtr >= begin && framer.OutPtr <= end));
+}
+
+// In blocks of their own size: one byte read too far is seen.
+inline Bytes throughFramer(const Bytes& stream, Pace& pace) {
+    Bytes host;
+    const ULONG ring = 1 + static_cast<ULONG>(pace.upTo(3000));
+    rig().receiveRing(ring);
+    for (std::size_t at = 0; at < stream.size() || rig().framer().State == FRAMER_DELIVER;) {
+        const std::size_t length = std::min(pace.upTo(400), stream.size() - at);
+        const auto from = stream.begin() + static_cast<std::ptrdiff_t>(at);
+        const Bytes piece(from, from + static_cast<std::ptrdiff_t>(length));
+        at += rig().offer(piece.data(), length);
+        if (at == stream.size() && rig().framer().State == FRAMER_DELIVER)
+            rig().locked([] { PppFramerDeliver(&rig().framer()); });
+        requireInBounds(rig().framer());
+        rig().read(host, pace.upTo(ring));
+    }
+    while (rig().read(host, ring) != 0) {}
+    return host;
+}
+
+inline Bytes throughDeFramer(const Bytes& stream, Pace& pace) {
+    rig().dev().MaxWriteChunk = pace.upTo(1) != 0 ? 4096 : 1 + static_cast<ULONG>(pace.upTo(600));
+    for (std::size_t at = 0; at < stream.size() || !rig().idle();) {
+        at += rig().fill(stream.data() + at, std::min(pace.upTo(900), stream.size() - at));
+        rig().send();
+        if (!rig().pending.empty() && pace.upTo(2) != 0)
+            rig().complete();
+    }
+    Bytes wire;
+    for (const Bytes& transfer : rig().transfers)
+        ppp::append(wire, transfer);
+    return wire;
+}
+
+struct Input {
+    std::span<const std::uint8_t> stream;
+    Bytes special;
+    Pace pace;
+};
+
+// Runs `check` over an input.
+inline void run(const std::uint8_t* data, std::size_t size, void (*check)(Input&)) {
+    if (size < 2 || size > 4096)
+        return;
+    Input input{{data + 2, size - 2}, escapeSet(data[0]), Pace(data[1])};
+    rig().escape(input.special);
+    rig().start();
+    check(input);
+    // The start after a frame of the very limit notes its bytes; nothing else may be asserted.
+    require(rig().count("ASSERTION FAILED") == rig().count("ASSERTION FAILED: (DeFramer->Count == 0)"));
+}
+
+}  // namespace framing
