@@ -377,15 +377,20 @@ IoResult File::control(ULONG code, const void* input, ULONG inputLength, void* o
     return waited.wait();
 }
 
+// The last request may end here, and with it a file that is being closed: not under our feet.
 void File::cancel(Request& request) {
-    if (record_) {
-        record_->cancel(request);
+    if (FileRecord* record = record_) {
+        record->references.fetch_add(1, std::memory_order_relaxed);
+        record->cancel(request);
+        record->release(false);
     }
 }
 
 void File::cancelAll() {
-    if (record_) {
-        record_->cancelAll();
+    if (FileRecord* record = record_) {
+        record->references.fetch_add(1, std::memory_order_relaxed);
+        record->cancelAll();
+        record->release(false);
     }
 }
 

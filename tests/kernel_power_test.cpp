@@ -23,6 +23,8 @@ protected:
     KernelPower() {
         world_.onPower = [this](PDEVICE_OBJECT device, PIRP irp, NTSTATUS& status) { return onPower(device, irp, status); };
     }
+    // The machine still runs down after this part of the fixture is gone.
+    ~KernelPower() override { world_.onPower = nullptr; }
 
     // Notes what reaches the function drivers and the bus; the devices below hear it after them.
     bool onPower(PDEVICE_OBJECT device, PIRP irp, NTSTATUS& status) {
