@@ -174,6 +174,8 @@ private:
     DeviceState place_ = DeviceState::running;
     bool asleep_ = false, low_ = false;
     bool framing_ = false, faulty_ = false;
+    // The start of a stopped device drops its pipes; where it fails, a recovery that waited finds none before the device is told to go.
+    bool startingAgain_ = false, pipeMissed_ = false;
     std::uint32_t raised_ = 0;
     std::uint32_t chunk_;
     std::optional<std::size_t> placeLoss_, powerLoss_, sleepLoss_, faultLoss_;
