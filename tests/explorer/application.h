@@ -89,6 +89,8 @@ private:
     bool troubled(const Op& op) const;
     void noteSettings(std::map<std::uint32_t, Register>& settings) const;
     void judgeSettings() const;
+    Verdict judgeOrder(const std::vector<const Op*>& order, Way way, bool whole) const;
+    Verdict judgeFrom(std::vector<const Op*> order, Way way, bool whole) const;
     void judgeBytes(Way way, bool whole) const;
     std::vector<const Op*> inOrder(Kind kind) const;
 

@@ -184,63 +184,138 @@ std::vector<const Op*> Application::inOrder(Kind kind) const {
 
 namespace {
 
+// The platform does not hand over the data of a request that failed; the bytes it reports are gone.
+bool dataSeen(const Op& op) { return !NT_ERROR(op.status); }
+
 void appendTaken(std::vector<TakenByte>& taken, const Op& op) {
-    // The platform does not hand over the data of a request that failed; the bytes it reports are gone.
-    const bool seen = !NT_ERROR(op.status);
     for (std::uint32_t i = 0; i < op.information; ++i) {
-        taken.push_back({seen ? static_cast<std::uint8_t>(op.output[i]) : -1, op.ended});
+        taken.push_back({dataSeen(op) ? static_cast<std::uint8_t>(op.output[i]) : -1, op.ended});
     }
 }
 
+std::uint32_t entered(const Op& op) { return op.status == STATUS_SUCCESS ? op.length : op.control != nullptr ? 0 : op.information; }
+
+// What follows another write entered no earlier than that was issued.
 void appendSent(std::vector<SentByte>& sent, const Op& op) {
-    const std::uint32_t entered = op.status == STATUS_SUCCESS ? op.length : op.control != nullptr ? 0 : op.information;
-    for (std::uint32_t i = 0; i < entered; ++i) sent.push_back({static_cast<std::uint8_t>(op.input[i]), op.issued});
+    const Moment at = sent.empty() || sent.back().at.number < op.issued.number ? op.issued : sent.back().at;
+    for (std::uint32_t i = 0; i < entered(op); ++i) sent.push_back({static_cast<std::uint8_t>(op.input[i]), at});
+}
+
+std::string bytesOf(const Op& op, Way way) {
+    if (way == Way::out) return op.input.substr(0, entered(op));
+    return dataSeen(op) ? op.output.substr(0, op.information) : std::string();
+}
+
+// The request was on its way to the driver only when the other had arrived.
+bool mustFollow(const Op& op, const Op& other) { return op.issued.number > other.returned.number; }
+
+using Order = std::vector<const Op*>;
+
+// Where the bytes of each request stand in the other side's record; npos: not to be seen. What is short is looked for in what the
+// others leave.
+std::vector<std::size_t> placesIn(const std::string& record, const Order& order, Way way) {
+    constexpr std::size_t piece = 8, none = std::string::npos;
+    std::vector<bool> claimed(record.size());
+    std::vector<std::size_t> places(order.size(), none);
+    const auto claim = [&](std::size_t i, std::size_t at, const std::string& bytes, std::size_t from) {
+        places[i] = at;
+        for (std::size_t n = 0; at + n < record.size() && from + n < bytes.size() && record[at + n] == bytes[from + n]; ++n) {
+            claimed[at + n] = true;
+        }
+    };
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        const std::string bytes = bytesOf(*order[i], way);
+        if (bytes.size() < piece) continue;
+        for (const std::size_t from : {std::size_t{0}, bytes.size() / 2, bytes.size() - piece}) {
+            const std::size_t at = record.find(bytes.substr(from, piece));
+            if (at == none) continue;
+            claim(i, at, bytes, from);
+            break;
+        }
+    }
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        const std::string bytes = bytesOf(*order[i], way);
+        if (bytes.empty() || bytes.size() >= piece) continue;
+        std::size_t at = record.find(bytes);
+        while (at != none && claimed[at]) at = record.find(bytes, at + 1);
+        if (at != none) claim(i, at, bytes, 0);
+    }
+    return places;
+}
+
+// The requests as the other side's record shows them, as far as they may have come so.
+Order asSeen(const std::string& record, const Order& order, Way way) {
+    const std::vector<std::size_t> places = placesIn(record, order, way);
+    std::vector<std::size_t> left(order.size());
+    for (std::size_t i = 0; i < left.size(); ++i) left[i] = i;
+    Order seen;
+    const auto mayBeNext = [&](std::size_t i) {
+        return std::none_of(left.begin(), left.end(), [&](std::size_t other) { return mustFollow(*order[i], *order[other]); });
+    };
+    while (!left.empty()) {
+        auto next = left.begin();
+        while (!mayBeNext(*next)) ++next;
+        for (auto i = next + 1; i != left.end() && places[*next] != std::string::npos; ++i) {
+            if (places[*i] < places[*next] && mayBeNext(*i)) next = i;
+        }
+        seen.push_back(order[*next]);
+        left.erase(next);
+    }
+    return seen;
 }
 
 }  // namespace
 
-// Requests that were on their way to the driver at the same time may have got there in either order: where the bytes do not fit,
-// those that may come first are tried, as long as that gets further.
-void Application::judgeBytes(Way way, bool whole) const {
-    std::vector<const Op*> order = inOrder(way == Way::out ? Kind::write : Kind::read);
-    const auto bytesOf = [&](const Op* op) {
-        std::vector<SentByte> sent;
-        std::vector<TakenByte> taken;
-        way == Way::out ? appendSent(sent, *op) : appendTaken(taken, *op);
-        return sent.size() + taken.size();
-    };
-    const auto check = [&] {
-        std::vector<SentByte> sent;
-        std::vector<TakenByte> taken;
-        for (const Op* op : order) way == Way::out ? appendSent(sent, *op) : appendTaken(taken, *op);
-        const auto& record = world_.record();
-        return way == Way::out ? judge(sent, record.taken, world_.losses, way, whole)
-                               : judge(record.given, taken, world_.losses, way, whole);
-    };
-    Verdict best = check();
+Verdict Application::judgeOrder(const std::vector<const Op*>& order, Way way, bool whole) const {
+    std::vector<SentByte> sent;
+    std::vector<TakenByte> taken;
+    for (const Op* op : order) way == Way::out ? appendSent(sent, *op) : appendTaken(taken, *op);
+    const WildDevice& record = world_.record();
+    return way == Way::out ? judge(sent, record.taken, world_.losses, way, whole)
+                           : judge(record.given, taken, world_.losses, way, whole);
+}
+
+// Where the bytes do not fit, requests that may have come first are tried, as long as that gets further.
+Verdict Application::judgeFrom(std::vector<const Op*> order, Way way, bool whole) const {
+    Verdict best = judgeOrder(order, way, whole);
     for (bool further = true; further && !best.text.empty();) {
         further = false;
         // The request that the first unfit byte is in, or behind which it comes.
         std::size_t at = 0;
         const std::size_t place = way == Way::out ? best.place : best.taken;
-        for (std::size_t bytes = 0; at < order.size() && (bytes += bytesOf(order[at])) <= place;) ++at;
+        const auto lengthOf = [way](const Op& op) { return way == Way::out ? entered(op) : op.information; };
+        for (std::size_t bytes = 0; at < order.size() && (bytes += lengthOf(*order[at])) <= place;) ++at;
         for (std::size_t first = at < 2 ? 0 : at - 2; first < order.size() && first <= at && !further; ++first) {
             for (std::size_t later = first + 1; later < order.size() && !further; ++later) {
-                if (order[later]->issued.number > order[first]->returned.number) continue;
-                std::rotate(order.begin() + static_cast<std::ptrdiff_t>(first), order.begin() + static_cast<std::ptrdiff_t>(later),
-                            order.begin() + static_cast<std::ptrdiff_t>(later) + 1);
-                const Verdict other = check();
+                const auto begin = order.begin() + static_cast<std::ptrdiff_t>(first), moved = order.begin() + static_cast<std::ptrdiff_t>(later);
+                if (std::any_of(begin, moved, [&](const Op* op) { return mustFollow(**moved, *op); })) continue;
+                std::rotate(begin, moved, moved + 1);
+                const Verdict other = judgeOrder(order, way, whole);
                 further = other.text.empty() || other.taken > best.taken;
                 if (further) {
                     best = other;
                 } else {
-                    std::rotate(order.begin() + static_cast<std::ptrdiff_t>(first), order.begin() + static_cast<std::ptrdiff_t>(first) + 1,
-                                order.begin() + static_cast<std::ptrdiff_t>(later) + 1);
+                    std::rotate(begin, begin + 1, moved + 1);
                 }
             }
         }
     }
-    if (!best.text.empty()) wrong("bytes %s: %s", way == Way::out ? "to the device" : "to the readers", best.text.c_str());
+    return best;
+}
+
+// Requests that were on their way to the driver at the same time may have got there in either order.
+void Application::judgeBytes(Way way, bool whole) const {
+    const std::vector<const Op*> order = inOrder(way == Way::out ? Kind::write : Kind::read);
+    const Verdict verdict = judgeFrom(order, way, whole);
+    if (verdict.text.empty()) return;
+    std::string record;
+    if (way == Way::out) {
+        for (const TakenByte& byte : world_.record().taken) record += static_cast<char>(byte.byte);
+    } else {
+        for (const SentByte& byte : world_.record().given) record += static_cast<char>(byte.byte);
+    }
+    if (judgeFrom(asSeen(record, order, way), way, whole).text.empty()) return;
+    wrong("bytes %s: %s", way == Way::out ? "to the device" : "to the readers", verdict.text.c_str());
 }
 
 void Application::judgeAll() {
