@@ -177,8 +177,9 @@ void Losses::end(std::size_t index, std::int64_t graceMs) {
     losses_[index].endMs = graceMs == 0 ? -1 : at.ms + graceMs;
 }
 
-bool Losses::anySince(std::int64_t ms) const {
-    return std::any_of(losses_.begin(), losses_.end(), [ms](const Loss& l) { return l.in && l.endMs >= ms; });
+bool Losses::anySince(const Moment& moment) const {
+    return std::any_of(losses_.begin(), losses_.end(),
+                       [&](const Loss& l) { return l.in && (l.endNumber > moment.number || l.endMs >= moment.ms); });
 }
 
 Verdict judge(const std::vector<SentByte>& sent, const std::vector<TakenByte>& taken, const Losses& losses, Way way, bool whole) {

@@ -67,7 +67,7 @@ public:
     // Nothing that is sent `graceMs` from now, or later, may be lost for this reason.
     void end(std::size_t index, std::int64_t graceMs);
     // Whether the paths may have been stopped since.
-    bool anySince(std::int64_t ms) const;
+    bool anySince(const Moment& moment) const;
     // It may take so many bytes on their way to the device.
     void allow(std::size_t index, std::uint64_t outBytes) { losses_[index].outBytes = outBytes; }
     const std::vector<Loss>& all() const { return losses_; }

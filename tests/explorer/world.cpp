@@ -70,7 +70,7 @@ void WildDevice::forget() {
 
 // A transfer of full packets is followed by an empty one, and no other is, unless something came between.
 void WildDevice::checkEmptyPacket(std::size_t length) {
-    const bool disturbed = disturbances_ != world_.losses.all().size() || world_.losses.anySince(lastOutMs_);
+    const bool disturbed = disturbances_ != world_.losses.all().size() || world_.losses.anySince(lastOut_);
     disturbances_ = world_.losses.all().size();
     if (disturbed || world_.framing() || world_.removals || world_.faulty()) return;
     if (emptyDue_ && length != 0) wrong("no empty packet follows a transfer of full packets");
@@ -92,7 +92,7 @@ std::int32_t WildDevice::dataOut(std::uint8_t, std::span<const std::uint8_t> dat
     }
     if (!midTransfer_) checkEmptyPacket(data.size());
     const Moment at = now();
-    lastOutMs_ = at.ms;
+    lastOut_ = at;
     for (const std::uint8_t byte : data.first(length)) taken.push_back({byte, at});
     outLength_ = (midTransfer_ ? outLength_ : 0) + length;
     midTransfer_ = length != data.size();
@@ -160,12 +160,27 @@ void WildDevice::busReset() {
 
 // --- The wire ------------------------------------------------------------------------------------------------------------
 
+namespace {
+
+bool isOut(const usb::Transfer& transfer) { return transfer.type == usb::TransferType::bulk && !transfer.isIn(); }
+
+// The pipe to the device works again afterwards.
+bool revives(const usb::Transfer& transfer) {
+    constexpr std::uint8_t toEndpoint = 2, clearFeature = 1, setConfiguration = 9;
+    if (transfer.type != usb::TransferType::control) return false;
+    const usb::SetupPacket& setup = transfer.setup;
+    return (setup.requestType == 0 && setup.request == setConfiguration) ||
+           (setup.requestType == toEndpoint && setup.request == clearFeature && (setup.index & 0x80) == 0);
+}
+
+}  // namespace
+
 Wire::Wire(std::shared_ptr<usb::Backend> inner, Losses& losses) : inner_(std::move(inner)), losses_(losses) {
     KeInitializeSpinLock(&lock_);
 }
 
 void Wire::submit(usb::Transfer* transfer) {
-    if (transfer->type == usb::TransferType::bulk && !transfer->isIn()) {
+    if (isOut(*transfer) || revives(*transfer)) {
         usb::SpinGuard guard(lock_);
         callers_[transfer] = {transfer->complete, transfer->context};
         transfer->complete = done;
@@ -183,10 +198,33 @@ void Wire::done(usb::Transfer* transfer) {
         transfer->context = found->second.context;
         self.callers_.erase(found);
     }
-    if (transfer->status != usb::TransferStatus::ok && transfer->actual < transfer->length) {
-        self.losses_.end(self.losses_.begin("a transfer ends early", transfer->length - transfer->actual, false), 0);
-    }
+    isOut(*transfer) ? self.outEnded(*transfer) : self.revived(transfer->status);
     transfer->complete(transfer);
+}
+
+// The driver sends once more what failed first, and asks to start over when the next fails, too. Until it does, the bus refuses what
+// comes for a pipe that the device has halted, and that is gone.
+void Wire::outEnded(const usb::Transfer& transfer) {
+    if (transfer.status == usb::TransferStatus::ok) {
+        failures_ = 0;
+        return;
+    }
+    if (transfer.actual < transfer.length) {
+        losses_.end(losses_.begin("a transfer ends early", transfer.length - transfer.actual, false), 0);
+    }
+    const bool halts = transfer.status == usb::TransferStatus::stalled || transfer.status == usb::TransferStatus::failed;
+    if (halts && ++failures_ > 1 && !refusing_) refusing_ = losses_.begin("a halted pipe takes nothing", unlimited, false);
+}
+
+void Wire::revived(usb::TransferStatus status) {
+    if (!refusing_ || status != usb::TransferStatus::ok) return;
+    losses_.end(*refusing_, 0);
+    refusing_.reset();
+}
+
+bool Wire::resetPort() {
+    revived(usb::TransferStatus::ok);
+    return inner_->resetPort();
 }
 
 // --- Boot and end ------------------------------------------------------------------------------------------------------------

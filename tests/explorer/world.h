@@ -69,7 +69,7 @@ private:
     std::size_t outLength_ = 0;          // of the host's transfer so far
     bool emptyDue_ = false;              // the last transfer was of full packets
     std::size_t disturbances_ = 0;       // losses known then
-    std::int64_t lastOutMs_ = 0;
+    Moment lastOut_;
 };
 
 // Between the bus and the modem: knows which bytes a transfer to the device did not get there.
@@ -80,7 +80,7 @@ public:
     void stop() override { inner_->stop(); }
     void submit(usb::Transfer* transfer) override;
     void cancel(usb::Transfer* transfer) override { inner_->cancel(transfer); }
-    bool resetPort() override { return inner_->resetPort(); }
+    bool resetPort() override;
     bool suspend(bool remoteWake) override { return inner_->suspend(remoteWake); }
     bool resume() override { return inner_->resume(); }
     usb::Speed speed() const override { return inner_->speed(); }
@@ -92,11 +92,15 @@ private:
         void* context;
     };
     static void done(usb::Transfer* transfer);
+    void outEnded(const usb::Transfer& transfer);
+    void revived(usb::TransferStatus status);
 
     const std::shared_ptr<usb::Backend> inner_;
     Losses& losses_;
     KSPIN_LOCK lock_;
     std::map<usb::Transfer*, Caller> callers_;  // of transfers under way; guarded by lock_
+    unsigned failures_ = 0;                     // of transfers to the device, in a row
+    std::optional<std::size_t> refusing_;       // the loss while its pipe is halted
 };
 
 class World {
