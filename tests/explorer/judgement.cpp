@@ -243,25 +243,36 @@ std::vector<std::size_t> placesIn(const std::string& record, const Order& order,
     return places;
 }
 
-// The requests as the other side's record shows them, as far as they may have come so.
-Order asSeen(const std::string& record, const Order& order, Way way) {
-    const std::vector<std::size_t> places = placesIn(record, order, way);
+// The requests by these keys, as far as they may have come so; one without a key keeps its turn.
+Order arranged(const Order& order, const std::vector<std::size_t>& keys) {
     std::vector<std::size_t> left(order.size());
     for (std::size_t i = 0; i < left.size(); ++i) left[i] = i;
-    Order seen;
+    Order result;
     const auto mayBeNext = [&](std::size_t i) {
         return std::none_of(left.begin(), left.end(), [&](std::size_t other) { return mustFollow(*order[i], *order[other]); });
     };
     while (!left.empty()) {
         auto next = left.begin();
         while (!mayBeNext(*next)) ++next;
-        for (auto i = next + 1; i != left.end() && places[*next] != std::string::npos; ++i) {
-            if (places[*i] < places[*next] && mayBeNext(*i)) next = i;
+        for (auto i = next + 1; i != left.end() && keys[*next] != std::string::npos; ++i) {
+            if (keys[*i] < keys[*next] && mayBeNext(*i)) next = i;
         }
-        seen.push_back(order[*next]);
+        result.push_back(order[*next]);
         left.erase(next);
     }
-    return seen;
+    return result;
+}
+
+// The orders in which the requests are likely to have got there: as the other side's record shows them, and reads, of which some
+// hide what they got, as they ended.
+std::vector<Order> likelyOrders(const std::string& record, const Order& order, Way way) {
+    std::vector<Order> orders{arranged(order, placesIn(record, order, way))};
+    if (way == Way::in) {
+        std::vector<std::size_t> ends;
+        for (const Op* op : order) ends.push_back(op->ended.number);
+        orders.push_back(arranged(order, ends));
+    }
+    return orders;
 }
 
 }  // namespace
@@ -314,7 +325,9 @@ void Application::judgeBytes(Way way, bool whole) const {
     } else {
         for (const SentByte& byte : world_.record().given) record += static_cast<char>(byte.byte);
     }
-    if (judgeFrom(asSeen(record, order, way), way, whole).text.empty()) return;
+    for (Order& likely : likelyOrders(record, order, way)) {
+        if (judgeFrom(std::move(likely), way, whole).text.empty()) return;
+    }
     wrong("bytes %s: %s", way == Way::out ? "to the device" : "to the readers", verdict.text.c_str());
 }
 

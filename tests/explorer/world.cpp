@@ -146,10 +146,11 @@ usb::ControlReply WildDevice::control(const usb::SetupPacket& setup, std::span<s
 
 std::optional<usb::ControlReply> WildDevice::standardControl(const usb::SetupPacket&, std::span<std::uint8_t>) { return misbehave(); }
 
-// A driver that suspends a device stops its reads: what they hold because the reader's ring is full goes, and what arrives in that moment.
+// A driver that suspends a device stops its reads: what they hold because the reader's ring is full goes, and what arrives while it
+// waits for them to come home.
 void WildDevice::suspended(bool on) {
     ScriptedDevice::suspended(on);
-    const bool justGiven = !given.empty() && given.back().at.ms == now().ms;
+    const bool justGiven = !given.empty() && now().ms - given.back().at.ms <= momentMs;
     if (on && (justGiven || world_.readerBehind(given.size()))) world_.losses.end(world_.losses.begin("the device is suspended", 0, true), 0);
 }
 
