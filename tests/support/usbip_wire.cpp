@@ -1,0 +1,183 @@
+#include "tests/support/usbip_wire.h"
+
+#include "kernel/sim.h"
+
+#include <algorithm>
+
+namespace test {
+
+using usb::SpinGuard;
+
+class UsbipWire::Link final : public usb::UsbipLink {
+public:
+    explicit Link(UsbipWire& wire) : wire_(wire) {}
+    ~Link() override { close(); }
+
+    bool open(std::uint32_t, std::string& why) override {
+        close();
+        {
+            SpinGuard guard(wire_.lock_);
+            if (wire_.unreachable) {
+                why = "nobody there";
+                return false;
+            }
+            wire_.toServer_.bytes.clear();
+            wire_.toClient_.bytes.clear();
+            wire_.open_ = true;
+            ++wire_.connections_;
+        }
+        KeSetEvent(&wire_.serverEvent_, 0, FALSE);
+        return true;
+    }
+    void close() override {
+        {
+            SpinGuard guard(wire_.lock_);
+            wire_.open_ = false;
+        }
+        KeSetEvent(&wire_.serverEvent_, 0, FALSE);
+    }
+    std::ptrdiff_t send(std::span<const std::uint8_t> bytes) override {
+        std::size_t count;
+        {
+            SpinGuard guard(wire_.lock_);
+            if (!wire_.open_) return -1;
+            count = wire_.draw(bytes.size());
+            wire_.toServer_.bytes.insert(wire_.toServer_.bytes.end(), bytes.begin(),
+                                         bytes.begin() + static_cast<std::ptrdiff_t>(count));
+        }
+        KeSetEvent(&wire_.serverEvent_, 0, FALSE);
+        return static_cast<std::ptrdiff_t>(count);
+    }
+    std::ptrdiff_t receive(std::span<std::uint8_t> room) override {
+        SpinGuard guard(wire_.lock_);
+        const std::size_t count = wire_.take(wire_.toClient_, room);
+        if (count == 0 && !wire_.open_) return -1;
+        return static_cast<std::ptrdiff_t>(count);
+    }
+    void wait(bool forRoom, std::int64_t timeoutMs) override {
+        {
+            SpinGuard guard(wire_.lock_);
+            if (!wire_.toClient_.bytes.empty()) forRoom = true;
+        }
+        if (forRoom) timeoutMs = 1;
+        LARGE_INTEGER timeout;
+        timeout.QuadPart = -timeoutMs * 10000;
+        KeWaitForSingleObject(&wire_.clientEvent_, Executive, KernelMode, FALSE, timeoutMs < 0 ? nullptr : &timeout);
+    }
+    void wake() override { KeSetEvent(&wire_.clientEvent_, 0, FALSE); }
+
+private:
+    UsbipWire& wire_;
+};
+
+UsbipWire::UsbipWire(std::vector<std::shared_ptr<usb::UsbipExport>> exports) : exports_(std::move(exports)) {
+    KeInitializeEvent(&serverEvent_, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&clientEvent_, SynchronizationEvent, FALSE);
+    KeInitializeSpinLock(&lock_);
+    thread_.start("usbip server", [this] { run(); });
+}
+
+UsbipWire::~UsbipWire() {
+    {
+        SpinGuard guard(lock_);
+        stopping_ = true;
+    }
+    KeSetEvent(&serverEvent_, 0, FALSE);
+    thread_.join();
+}
+
+std::unique_ptr<usb::UsbipLink> UsbipWire::link() { return std::make_unique<Link>(*this); }
+
+// Never none of some.
+std::size_t UsbipWire::draw(std::size_t most) {
+    if (most == 0) return 0;
+    const std::size_t limit = pieceBytes == 0 ? most : std::min<std::size_t>(most, pieceBytes);
+    return 1 + nt::sim::random(static_cast<std::uint32_t>(limit));
+}
+
+// The connection breaks behind the byte that is one too many.
+std::size_t UsbipWire::take(Way& way, std::span<std::uint8_t> room) {
+    const std::uint64_t left = cutAfter == ~0ull ? ~0ull : cutAfter - std::min(cutAfter, moved_);
+    const std::size_t wanted = draw(std::min(way.bytes.size(), room.size()));
+    const std::size_t count = std::min<std::uint64_t>(wanted, left);
+    std::copy_n(way.bytes.begin(), count, room.begin());
+    way.bytes.erase(way.bytes.begin(), way.bytes.begin() + static_cast<std::ptrdiff_t>(count));
+    moved_ += count;
+    if (cutAfter != ~0ull && moved_ >= cutAfter) {
+        open_ = false;
+        toServer_.bytes.clear();
+        toClient_.bytes.clear();
+        KeSetEvent(&serverEvent_, 0, FALSE);
+        KeSetEvent(&clientEvent_, 0, FALSE);
+    }
+    return count;
+}
+
+void UsbipWire::wait() {
+    LARGE_INTEGER timeout;
+    bool some;
+    {
+        SpinGuard guard(lock_);
+        some = !toServer_.bytes.empty();
+    }
+    timeout.QuadPart = -10000;
+    KeWaitForSingleObject(&serverEvent_, Executive, KernelMode, FALSE, some ? &timeout : nullptr);
+}
+
+void UsbipWire::run() {
+    for (;;) {
+        {
+            SpinGuard guard(lock_);
+            if (stopping_) return;
+        }
+        if (!serveConnection()) wait();
+    }
+}
+
+// One connection from its beginning to its end. False: there is none.
+bool UsbipWire::serveConnection() {
+    unsigned number;
+    {
+        SpinGuard guard(lock_);
+        if (!open_) return false;
+        number = connections_;
+    }
+    usb::UsbipConnection connection(exports_, [this] { KeSetEvent(&serverEvent_, 0, FALSE); });
+    usb::usbip::Bytes come, back;
+    for (;;) {
+        std::uint8_t piece[4096];
+        std::size_t count;
+        {
+            SpinGuard guard(lock_);
+            if (!open_ || stopping_ || number != connections_) return true;
+            count = take(toServer_, piece);
+        }
+        bool over = false;
+        if (liar) {
+            come.insert(come.end(), piece, piece + count);
+            over = !liar(come, back);
+        } else {
+            connection.received(std::span(piece).first(count));
+            connection.step();
+            over = connection.over();
+            back.insert(back.end(), connection.output().begin(), connection.output().end());
+            connection.output().clear();
+        }
+        if (delayMs != 0 && !back.empty() && nt::sim::random(4) == 0) {
+            LARGE_INTEGER time;
+            time.QuadPart = -static_cast<LONGLONG>(1 + nt::sim::random(delayMs)) * 10000;
+            KeDelayExecutionThread(KernelMode, FALSE, &time);
+        }
+        {
+            SpinGuard guard(lock_);
+            if (number == connections_) toClient_.bytes.insert(toClient_.bytes.end(), back.begin(), back.end());
+            back.clear();
+            if (over && number == connections_) open_ = false;
+        }
+        KeSetEvent(&clientEvent_, 0, FALSE);
+        if (over) return true;
+        if (count == 0) wait();
+    }
+}
+
+}  // namespace test
