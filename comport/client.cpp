@@ -185,8 +185,10 @@ std::string statusTable(const json& port) {
         rows.push_back({"  in queue", plain(open.at("queues").at("in"))});
         rows.push_back({"  out queue", plain(open.at("queues").at("out"))});
     }
-    rows.push_back({"  modem's settings", settingsText(side.at("settings"))});
-    rows.push_back({"  modem's lines", modemLinesText(side)});
+    if (!side.is_null()) {
+        rows.push_back({"  modem's settings", settingsText(side.at("settings"))});
+        rows.push_back({"  modem's lines", modemLinesText(side)});
+    }
     if (!port.at("ppp").is_null()) {
         addPpp(rows, port.at("ppp"));
     }

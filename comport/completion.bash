@@ -10,15 +10,16 @@ _comport() {
         ;;
     --modem) words='modem loopback' ;;
     --port) words=$(_comport_ports) ;;
-    --trace | --rfc2217 | --tcp) return ;;
+    --trace | --rfc2217 | --tcp | --usb | --usbip) return ;;
     *)
         if [ "$COMP_CWORD" = 1 ]; then
-            words='serve check list status ctl --help --version'
+            words='serve check list status ctl modem --help --version'
         else
             case $command in
-            serve) words='--registry --pty-link --modem --rfc2217 --tcp --kick --control --trace --trace-file --no-verifier --help' ;;
+            serve) words='--registry --pty-link --modem --usb --rfc2217 --tcp --kick --control --trace --trace-file --no-verifier --help' ;;
             check) words='--trace --trace-file --no-verifier --help' ;;
-            list) words='--json --control --help' ;;
+            modem) words='--usbip --modem --help' ;;
+            list) words='--json --control --usb --help' ;;
             status) words="--json --control --help $(_comport_ports)" ;;
             ctl)
                 for ((i = 2; i < COMP_CWORD; ++i)); do

@@ -49,8 +49,10 @@ json openOf(const OpenPort& open) {
     for (const StatusBit& line : dtrRtsBits) {
         lines[line.name] = (open.dtrRts & line.bit) != 0;
     }
-    for (const StatusBit& line : modemStatusBits) {
-        lines[line.name] = (open.modemStatus & line.bit) != 0;
+    if (open.modemStatus) {
+        for (const StatusBit& line : modemStatusBits) {
+            lines[line.name] = (*open.modemStatus & line.bit) != 0;
+        }
     }
     return {{"settings", settingsOf(open.baud, open.dataBits, open.parity, open.stopBits)},
             {"lines", lines},
@@ -109,6 +111,9 @@ json statusOf(const PortStatus& port) {
                            {"DTR", (port.controlLines & 1) != 0},
                            {"RTS", (port.controlLines & 2) != 0},
                            {"lines", lines}};
+    if (!port.modemSide) {
+        result["modemSide"] = nullptr;
+    }
     result["ppp"] = port.ppp ? pppOf(*port.ppp) : json(nullptr);
     result["power"] = {{"system", port.systemState},
                        {"device", port.deviceState},

@@ -28,7 +28,7 @@ struct OpenPort {
     std::uint8_t parity = 0;     // 0 none, odd, even, mark, space
     std::uint8_t stopBits = 0;   // 0 one, 1 one and a half, 2 two
     std::uint32_t dtrRts = 0;    // as GET_DTRRTS tells
-    std::uint32_t modemStatus = 0;
+    std::optional<std::uint32_t> modemStatus = 0;  // nothing: asking would take the changes from whoever has the port open
     std::uint32_t inQueue = 0;   // bytes
     std::uint32_t outQueue = 0;
 };
@@ -71,6 +71,7 @@ struct PortStatus {
     std::string deviceState;  // D0 ... D3, of the modem
     bool wakeArmed = false;
     bool idleOffered = false;  // an idle notification is outstanding
+    bool modemSide = true;  // the next three are known: the modem is a virtual one
     modem::LineCoding coding;        // as the modem was told
     std::uint16_t controlLines = 0;  // the same: bit 0 DTR, bit 1 RTS
     std::array<ModemLine, modem::lineCount> lines;  // as the modem has them; by LineName

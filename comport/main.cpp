@@ -8,6 +8,8 @@
 #include "comport/client.h"
 #include "comport/options.h"
 #include "comport/server.h"
+#include "comport/usbip_client.h"
+#include "comport/usbip_modem.h"
 
 namespace {
 
@@ -45,14 +47,15 @@ private:
 };
 
 void greet(const comport::Options& options, const comport::Server& server) {
-    const bool telephone = options.modem == comport::ModemKind::modem;
+    const bool telephone = options.modem == comport::ModemKind::modem && !options.usb;
+    const bool answers = telephone || options.usb;
     const std::string link = server.link();
     std::printf("%s is served at %s\n", server.portName().c_str(), link.c_str());
     for (const std::string& url : server.urls()) {
         std::printf("and at %s\n", url.c_str());
     }
     std::printf("Try: picocom %s   (%s; leave with Ctrl-A Ctrl-X)\n", link.c_str(),
-                telephone ? "type ATI, Enter" : "what you type comes back");
+                answers ? "type ATI, Enter" : "what you type comes back");
     if (telephone) {
         std::printf("Dial up: pppd %s 115200 local nodetach noauth user me password me connect "
                     "'/usr/sbin/chat -v \"\" ATD*99# CONNECT'\n  (Debian's package ppp; as root, where there is /dev/ppp), "
@@ -87,6 +90,12 @@ int main(int argc, char** argv) {
         switch (parsed.options->command) {
         case comport::Command::serve: return serve(*parsed.options);
         case comport::Command::check: return comport::runCheck(*parsed.options);
+        case comport::Command::modem: return comport::runModem(*parsed.options);
+        case comport::Command::list:
+            if (parsed.options->usb) {
+                return comport::runUsbipList(*parsed.options);
+            }
+            [[fallthrough]];
         default: return comport::runClient(*parsed.options);
         }
     } catch (const std::exception& error) {

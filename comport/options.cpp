@@ -55,6 +55,40 @@ std::string checkAddress(const std::string& text) {
     return parseAddress(text) ? "" : "'" + text + "' is not an address; give [ADDR:]PORT, 2217 or [::1]:2217 for example";
 }
 
+// "usbip://HOST[:PORT]/BUSID", an IPv6 address in brackets.
+std::optional<UsbAddress> parseUsb(const std::string& text) {
+    const std::string scheme = "usbip://";
+    if (!text.starts_with(scheme)) {
+        return std::nullopt;
+    }
+    const std::size_t slash = text.find('/', scheme.size());
+    std::string place = text.substr(scheme.size(), slash == std::string::npos ? slash : slash - scheme.size());
+    UsbAddress address;
+    address.busId = slash == std::string::npos ? "" : text.substr(slash + 1);
+    const bool portGiven = place.rfind(':') != std::string::npos && !place.ends_with(']');
+    const std::optional<NetAddress> parsed = parseAddress(portGiven ? place : place + ":3240");
+    // A bus id travels in 32 bytes with a zero at the end.
+    if (place.empty() || !parsed || parsed->port == 0 || address.busId.size() > 31 ||
+        address.busId.find_first_of("/\\") != std::string::npos) {
+        return std::nullopt;
+    }
+    address.host = parsed->host;
+    address.port = parsed->port;
+    return address;
+}
+
+std::string checkUsbDevice(const std::string& text) {
+    const auto address = parseUsb(text);
+    return address && !address->busId.empty()
+               ? ""
+               : "'" + text + "' is not a device; give usbip://HOST[:PORT]/BUSID, usbip://192.0.2.7/1-1 for example";
+}
+
+std::string checkUsbServer(const std::string& text) {
+    const auto address = parseUsb(text);
+    return address && address->busId.empty() ? "" : "'" + text + "' is not a server; give usbip://HOST[:PORT]";
+}
+
 std::string checkName(const std::string& text) {
     return text.empty() ? "the name is empty; give a path" : "";
 }
@@ -67,8 +101,11 @@ struct Parser {
     CLI::App* list = app.add_subcommand("list", "Show the ports of a running server.");
     CLI::App* status = app.add_subcommand("status", "Show settings, lines, queues and counters of a running server's ports.");
     CLI::App* ctl = app.add_subcommand("ctl", "Pull the lines of a running server's modem, ring it, unplug it.");
+    CLI::App* modem = app.add_subcommand("modem", "Export the virtual modem to USB/IP clients until SIGINT or SIGTERM.");
     Options options;
     std::string mask;
+    std::string usb;
+    std::string usbip;
     std::string rfc2217;
     std::string tcp;
 
@@ -95,10 +132,28 @@ struct Parser {
             ->type_name("[ADDR:]PORT");
         serve->add_flag("--kick", options.kick, "A new network client ends the one before it, instead of being told that the port is in use");
         serve->footer("SIGUSR1 unplugs the virtual modem, SIGUSR2 plugs it in again.");
-        serve->add_option("--modem", options.modem, "What is plugged in: modem, or loopback, a wired loop plug [modem]")
-            ->transform(CLI::CheckedTransformer(
-                std::map<std::string, ModemKind>{{"modem", ModemKind::modem}, {"loopback", ModemKind::loopback}}))
-            ->type_name("KIND");
+        auto* device = serve->add_option("--usb", usb, "A device of a USB/IP server instead of the virtual modem")
+                           ->take_last()
+                           ->check(checkUsbDevice)
+                           ->type_name("usbip://HOST[:PORT]/BUSID");
+        list->add_option("--usb", usb, "Show what a USB/IP server exports instead")
+            ->take_last()
+            ->check(checkUsbServer)
+            ->type_name("usbip://HOST[:PORT]");
+        modem->add_option("--usbip", usbip, "Export it there, on the loopback address unless told")
+            ->take_last()
+            ->required()
+            ->check(checkAddress)
+            ->type_name("[ADDR:]PORT");
+        for (CLI::App* command : {serve, modem}) {
+            auto* kind = command->add_option("--modem", options.modem, "What is plugged in: modem, or loopback, a wired loop plug [modem]")
+                             ->transform(CLI::CheckedTransformer(
+                                 std::map<std::string, ModemKind>{{"modem", ModemKind::modem}, {"loopback", ModemKind::loopback}}))
+                             ->type_name("KIND");
+            if (command == serve) {
+                kind->excludes(device);
+            }
+        }
         addControlOptions();
         for (CLI::App* command : {serve, check}) {
             command->add_option("--trace", mask, "Trace categories of the driver, kept in the registry as TraceMask [3]")
@@ -143,7 +198,7 @@ struct Parser {
             options.registryFile.clear();
         }
         const std::pair<CLI::App*, Command> clients[] = {
-            {list, Command::list}, {status, Command::status}, {ctl, Command::ctl}};
+            {list, Command::list}, {status, Command::status}, {ctl, Command::ctl}, {modem, Command::modem}};
         for (const auto& [command, value] : clients) {
             if (command->parsed()) {
                 options.command = value;
@@ -154,6 +209,12 @@ struct Parser {
         }
         if (!tcp.empty()) {
             options.tcp = parseAddress(tcp);
+        }
+        if (!usb.empty()) {
+            options.usb = parseUsb(usb);
+        }
+        if (!usbip.empty()) {
+            options.usbip = parseAddress(usbip);
         }
         if (!mask.empty()) {
             options.traceMask = parseMask(mask);

@@ -13,7 +13,14 @@ struct NetAddress {
     std::uint16_t port = 0;  // 0: any free one
 };
 
-enum class Command { serve, check, list, status, ctl };
+// A device at a USB/IP server; for a list, without the bus id.
+struct UsbAddress {
+    std::string host;
+    std::uint16_t port = 3240;
+    std::string busId;
+};
+
+enum class Command { serve, check, list, status, ctl, modem };
 enum class ModemKind { modem, loopback };
 
 struct Options {
@@ -27,6 +34,8 @@ struct Options {
     std::string traceFile;     // "" = stderr
     bool verifier = true;
     ModemKind modem = ModemKind::modem;
+    std::optional<UsbAddress> usb;      // serve: instead of a virtual modem; list: that server's devices
+    std::optional<NetAddress> usbip;    // modem: export it there
     std::string controlPath;   // "" = the usual place
     bool json = false;         // list, status: the reply as it is
     std::string port;          // status, ctl: "" = all, or the only one

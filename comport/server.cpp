@@ -66,7 +66,7 @@ void Server::boot(const Options& options) {
         throw std::runtime_error("the driver does not load");
     }
     executive_->bindDriver(modemId, service, "Ports", portsClass);
-    plugFirst(options.modem);
+    plugFirst(options);
     for (const nt::DeviceNode& device : executive_->devices()) {
         if (device.service == service) {
             portName_ = device.portName;
@@ -91,10 +91,14 @@ void Server::boot(const Options& options) {
     }
 }
 
-void Server::plugFirst(ModemKind kind) {
+void Server::plugFirst(const Options& options) {
+    if (options.usb) {
+        importFirst(*options.usb);
+        return;
+    }
     std::unique_ptr<modem::AcmDevice> device;
-    modemKind_ = kind;
-    if (kind == ModemKind::loopback) {
+    modemKind_ = options.modem;
+    if (modemKind_ == ModemKind::loopback) {
         device = std::make_unique<modem::Loopback>();
     } else {
         device = std::make_unique<modem::Modem>();
@@ -106,6 +110,48 @@ void Server::plugFirst(ModemKind kind) {
     }
     pluggedIn_ = true;
     executive_->settle();
+}
+
+// The instance id names the place, so the device finds its port again whenever it comes back.
+void Server::importFirst(const UsbAddress& address) {
+    imported_ = usb::makeUsbipBackend(address.host, address.port, address.busId);
+    imported_->setLost([this] {
+        std::fprintf(stderr, "comport: %s: %s; it is tried again\n", imported_->location().c_str(), imported_->error().c_str());
+        reconnector_->lost();
+    });
+    reconnector_ = std::make_unique<Reconnector>([this] { return reconnect(); });
+    usb::PortOptions options;
+    // A wake does not travel over the connection.
+    options.wakeFromD2 = false;
+    const std::string instanceId = "usbip&" + address.host + "&" + std::to_string(address.port) + "&" + address.busId;
+    usbPort_ = bus_->plug(imported_, instanceId, options);
+    if (usbPort_ == 0) {
+        throw std::runtime_error(imported_->location() + ": " + imported_->error());
+    }
+    pluggedIn_ = true;
+    executive_->settle();
+}
+
+// On the reconnector's thread. False: not yet.
+bool Server::reconnect() {
+    std::lock_guard guard(plugLock_);
+    if (!pluggedIn_) {
+        return true;
+    }
+    usb::PortStatistics last = bus_->statistics(usbPort_);
+    const std::string why = imported_->error();
+    if (!bus_->replug(usbPort_)) {
+        if (why != imported_->error()) {
+            std::fprintf(stderr, "comport: %s: %s\n", imported_->location().c_str(), imported_->error().c_str());
+        }
+        return false;
+    }
+    std::fprintf(stderr, "comport: %s is back\n", imported_->location().c_str());
+    earlier_ += last;
+    ++reconnects_;
+    executive_->settle();
+    tellFrontEnds();
+    return true;
 }
 
 // A server that shares the usual place with another goes on without; one that was told a place wants it.
@@ -143,7 +189,9 @@ void Server::unplug() {
     pluggedIn_ = false;
     bus_->unplug(usbPort_);
     executive_->settle();
-    withModem([](modem::AcmDevice& modem) { modem.powerCycle(); });
+    if (backend_) {
+        withModem([](modem::AcmDevice& modem) { modem.powerCycle(); });
+    }
 }
 
 void Server::plugIn() {
@@ -156,6 +204,9 @@ void Server::plugIn() {
     if (pluggedIn_) {
         earlier_ += last;
         ++reconnects_;
+    } else if (imported_) {
+        pluggedIn_ = true;  // as far as this program goes; the rest is the server's
+        reconnector_->lost();
     }
     executive_->settle();
     tellFrontEnds();
@@ -173,12 +224,16 @@ std::vector<std::string> Server::stop() {
         return {};
     }
     control_.reset();
+    if (reconnector_) {
+        reconnector_->end();
+    }
     // A front end may wait for power.
     nt::wakeSystem();
     netServers_.clear();
     frontEnd_.reset();
     std::vector<std::string> left = executive_->stop().lines;
     backend_.reset();
+    imported_.reset();
     bus_.reset();
     executive_.reset();
     return left;

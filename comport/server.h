@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -12,9 +13,11 @@
 #include "comport/front_end.h"
 #include "comport/net_server.h"
 #include "comport/options.h"
+#include "comport/usbip_client.h"
 #include "kernel/executive.h"
 #include "modem/acm_device.h"
 #include "usb/host.h"
+#include "usb/usbip_backend.h"
 #include "usb/virtual_backend.h"
 
 namespace comport {
@@ -41,7 +44,9 @@ public:
 
 private:
     void boot(const Options& options);
-    void plugFirst(ModemKind kind);
+    void plugFirst(const Options& options);
+    void importFirst(const UsbAddress& address);
+    bool reconnect();
     void openControl(const Options& options);
     void setTraceMask(std::uint32_t mask);
 
@@ -57,6 +62,9 @@ private:
     PortCounters counters();
     template <class Body>
     void withModem(Body&& body) {
+        if (!backend_) {
+            throw std::runtime_error("that is for the virtual modem; this one is imported");
+        }
         backend_->withDevice([&](usb::Device& device) { body(static_cast<modem::AcmDevice&>(device)); });
     }
     static void trace(void* context, const char* text, std::size_t length);
@@ -65,7 +73,9 @@ private:
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> traceFile_{nullptr, std::fclose};
     std::unique_ptr<nt::Executive> executive_;
     std::unique_ptr<usb::Bus> bus_;
-    std::shared_ptr<usb::VirtualBackend> backend_;
+    std::shared_ptr<usb::VirtualBackend> backend_;   // of a virtual modem
+    std::shared_ptr<usb::UsbipBackend> imported_;    // or this
+    std::unique_ptr<Reconnector> reconnector_;
     usb::PortNumber usbPort_ = 0;
     ModemKind modemKind_ = ModemKind::modem;
     std::mutex plugLock_;

@@ -91,7 +91,7 @@ std::vector<PortStatus> Server::ports() {
     std::lock_guard guard(plugLock_);
     PortStatus status;
     status.name = portName_;
-    status.modem = modemKind_ == ModemKind::loopback ? "loopback" : "modem";
+    status.modem = imported_ ? "usbip" : modemKind_ == ModemKind::loopback ? "loopback" : "modem";
     status.terminal = link();
     status.pluggedIn = pluggedIn_;
     status.state = "unplugged";
@@ -109,8 +109,13 @@ std::vector<PortStatus> Server::ports() {
             status.open = askOpen(file);
         }
     });
-    describeModem(status);
-    if (status.open && pluggedIn_) {
+    status.modemSide = backend_ != nullptr;
+    if (backend_) {
+        describeModem(status);
+    } else if (status.open) {
+        status.open->modemStatus.reset();
+    }
+    if (status.open && pluggedIn_ && backend_) {
         status.open->modemStatus = modemStatusOf(status);
     }
     status.counters = counters();

@@ -21,6 +21,13 @@ TEST(Options, ErrorsNameTheOptionAndTheRemedy) {
         {{"serve", "--rfc2217", "65536"}, 2, {"--rfc2217", "'65536'", "[ADDR:]PORT"}},
         {{"serve", "--rfc2217", "::1:2217"}, 2, {"--rfc2217", "[::1]:2217"}},
         {{"serve", "--tcp", ":22"}, 2, {"--tcp", "':22'"}},
+        {{"serve", "--usb", "usbip://host"}, 2, {"--usb", "'usbip://host'", "BUSID"}},
+        {{"serve", "--usb", "usbip://host:0/1-1"}, 2, {"--usb"}},
+        {{"serve", "--usb", "usbip:///1-1"}, 2, {"--usb"}},
+        {{"serve", "--usb", "usbip://host/1-1/2"}, 2, {"--usb"}},
+        {{"serve", "--usb", "usbip://host/1-1", "--modem", "loopback"}, 2, {"--usb", "--modem"}},
+        {{"list", "--usb", "usbip://host/1-1"}, 2, {"usbip://HOST[:PORT]"}},
+        {{"modem"}, 2, {"--usbip"}},
         {{"check", "--registry", "x"}, 2, {"--registry"}},
         {{"serve", "--modem", "phone"}, 2, {"--modem", "phone"}},
         {{"ctl"}, 2, {"order"}},
@@ -72,4 +79,24 @@ TEST(Options, AreTaken) {
     EXPECT_EQ(check.options->command, Command::check);
     EXPECT_EQ(check.options->registryFile, "") << "a check must not touch a user's registry";
     EXPECT_EQ(check.options->traceMask, 7u);
+}
+
+TEST(Options, ADeviceOfAUsbipServer) {
+    struct Case {
+        const char* text;
+        const char* host;
+        unsigned port;
+        const char* busId;
+    };
+    const Case cases[] = {{"usbip://192.0.2.7/1-1", "192.0.2.7", 3240, "1-1"},
+                          {"usbip://host:3241/usbip-vudc.0", "host", 3241, "usbip-vudc.0"},
+                          {"usbip://[::1]/2-1.4", "::1", 3240, "2-1.4"},
+                          {"usbip://[fe80::1]:99/1-1", "fe80::1", 99, "1-1"}};
+    for (const Case& c : cases) {
+        const ParseResult result = parseOptions({"serve", "--usb", c.text});
+        ASSERT_TRUE(result.options && result.options->usb) << c.text;
+        EXPECT_EQ(result.options->usb->host, c.host);
+        EXPECT_EQ(result.options->usb->port, c.port);
+        EXPECT_EQ(result.options->usb->busId, c.busId);
+    }
 }

@@ -771,3 +771,61 @@ TEST(UsbipPort, TheConnectionMayBreakBehindAnyByteAndThePortComesBack) {
         if (HasFailure()) break;
     }
 }
+
+TEST(UsbipPort, AServerThatLiesBringsItsPortDownAndNoOther) {
+    // All grant the import, but the last two.
+    const std::pair<UsbipWire::Liar, const char*> cases[] = {
+        {[](WireBytes&, WireBytes& back) {
+             // A flood of what nobody asked.
+             for (std::uint32_t n = 0; n < 1000; ++n) {
+                 const WireBytes one = reply(n + 77, 0, 0);
+                 back.insert(back.end(), one.begin(), one.end());
+             }
+             return true;
+         },
+         "the server answers what nobody asked"},
+        {[](WireBytes&, WireBytes& back) {
+             back = reply(1, 0, 0x7FFFFFFF);
+             return true;
+         },
+         "the server answers with more than was asked for"},
+        {[](WireBytes&, WireBytes&) { return true; }, "the server does not answer an unlink"},
+        {[](WireBytes&, WireBytes&) { return false; }, "the connection was lost"},
+        {nullptr, "the server does not answer the import"},
+        {nullptr, "the server does not speak USB/IP 1.1.1"},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(cases[i].second);
+        Imported s(i + 1, true);
+        const Plugged other = s.rig.plug(std::make_unique<ScriptedDevice>(), "0002");
+        nt::File file;
+        ASSERT_EQ(s.rig.open(file), STATUS_SUCCESS);
+        bool granted = false;
+        s.wire->liar = [&, i](WireBytes& come, WireBytes& back) {
+            if (cases[i].first == nullptr) {
+                if (i + 1 == std::size(cases)) back.assign(100, 'x');
+                return true;
+            }
+            if (come.size() <= operationBytes + busIdBytes) {
+                if (come.size() == operationBytes + busIdBytes && !granted) back = importReply();
+                granted = granted || !back.empty();
+                return true;
+            }
+            return cases[i].first(come, back);
+        };
+        const bool plugged = s.plug();
+        EXPECT_EQ(plugged, cases[i].first != nullptr);
+        EXPECT_TRUE(s.rig.until([&] { return s.backend->error() == cases[i].second; }, 20'000)) << s.backend->error();
+        // The other one has not noticed.
+        EXPECT_EQ(file.write("hello", 5).status, STATUS_SUCCESS);
+        EXPECT_TRUE(s.rig.until([&] { return s.rig.device([](ScriptedDevice& d) { return d.outText(); }) == "hello"; }));
+        file.close();
+        // And this one is what it was as soon as its server is.
+        s.wire->liar = nullptr;
+        ASSERT_TRUE(plugged ? s.rig.bus().replug(s.port) : s.plug());
+        s.rig.settle();
+        ASSERT_EQ(s.open(), STATUS_SUCCESS);
+        EXPECT_EQ(s.file.write("again", 5).status, STATUS_SUCCESS);
+        EXPECT_TRUE(s.rig.until([&] { return s.device([](ScriptedDevice& d) { return d.outText(); }) == "again"; }));
+    }
+}
