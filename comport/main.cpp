@@ -47,8 +47,9 @@ private:
 };
 
 void greet(const comport::Options& options, const comport::Server& server) {
-    const bool telephone = options.modem == comport::ModemKind::modem && !options.usb;
-    const bool answers = telephone || options.usb;
+    const comport::DeviceKind kind = options.devices.empty() ? options.modem : options.devices.front().kind;
+    const bool telephone = kind == comport::DeviceKind::modem;
+    const bool answers = kind != comport::DeviceKind::loopback;
     const std::string link = server.link();
     std::printf("%s is served at %s\n", server.portName().c_str(), link.c_str());
     for (const std::string& url : server.urls()) {
@@ -92,7 +93,7 @@ int main(int argc, char** argv) {
         case comport::Command::check: return comport::runCheck(*parsed.options);
         case comport::Command::modem: return comport::runModem(*parsed.options);
         case comport::Command::list:
-            if (parsed.options->usb) {
+            if (parsed.options->usbServer) {
                 return comport::runUsbipList(*parsed.options);
             }
             [[fallthrough]];

@@ -28,64 +28,16 @@ std::string checkMask(const std::string& text) {
     return parseMask(text) ? "" : "'" + text + "' is not a mask; give 32 bits as a number, 0x3 for example";
 }
 
-// "PORT", "ADDRESS:PORT" or "[ADDRESS]:PORT".
-std::optional<NetAddress> parseAddress(const std::string& text) {
-    NetAddress address;
-    std::size_t colon = text.rfind(':');
-    std::string port = text;
-    if (colon != std::string::npos) {
-        address.host = text.substr(0, colon);
-        port = text.substr(colon + 1);
-        bool bracketed = address.host.size() > 2 && address.host.front() == '[' && address.host.back() == ']';
-        if (bracketed) {
-            address.host = address.host.substr(1, address.host.size() - 2);
-        }
-        if (address.host.empty() || (!bracketed && address.host.find(':') != std::string::npos)) {
-            return std::nullopt;
-        }
-    }
-    auto [stop, error] = std::from_chars(port.data(), port.data() + port.size(), address.port);
-    if (error != std::errc() || stop != port.data() + port.size()) {
-        return std::nullopt;
-    }
-    return address;
-}
-
 std::string checkAddress(const std::string& text) {
     return parseAddress(text) ? "" : "'" + text + "' is not an address; give [ADDR:]PORT, 2217 or [::1]:2217 for example";
 }
 
-// "usbip://HOST[:PORT]/BUSID", an IPv6 address in brackets.
-std::optional<UsbAddress> parseUsb(const std::string& text) {
-    const std::string scheme = "usbip://";
-    if (!text.starts_with(scheme)) {
-        return std::nullopt;
-    }
-    const std::size_t slash = text.find('/', scheme.size());
-    std::string place = text.substr(scheme.size(), slash == std::string::npos ? slash : slash - scheme.size());
-    UsbAddress address;
-    address.busId = slash == std::string::npos ? "" : text.substr(slash + 1);
-    const bool portGiven = place.rfind(':') != std::string::npos && !place.ends_with(']');
-    const std::optional<NetAddress> parsed = parseAddress(portGiven ? place : place + ":3240");
-    // A bus id travels in 32 bytes with a zero at the end.
-    if (place.empty() || !parsed || parsed->port == 0 || address.busId.size() > 31 ||
-        address.busId.find_first_of("/\\") != std::string::npos) {
-        return std::nullopt;
-    }
-    address.host = parsed->host;
-    address.port = parsed->port;
-    return address;
-}
-
-std::string checkUsbDevice(const std::string& text) {
-    const auto address = parseUsb(text);
-    return address && !address->busId.empty()
-               ? ""
-               : "'" + text + "' is not a device; give usbip://HOST[:PORT]/BUSID, usbip://192.0.2.7/1-1 for example";
+std::string checkDevice(const std::string& text) {
+    return parseDevice(text) ? "" : "'" + text + "' is not a device; give " + deviceForms + ", usbip://192.0.2.7/1-1 for example";
 }
 
 std::string checkUsbServer(const std::string& text) {
-    const auto address = parseUsb(text);
+    const auto address = parseUsbip(text);
     return address && address->busId.empty() ? "" : "'" + text + "' is not a server; give usbip://HOST[:PORT]";
 }
 
@@ -132,10 +84,10 @@ struct Parser {
             ->type_name("[ADDR:]PORT");
         serve->add_flag("--kick", options.kick, "A new network client ends the one before it, instead of being told that the port is in use");
         serve->footer("SIGUSR1 unplugs the virtual modem, SIGUSR2 plugs it in again.");
-        auto* device = serve->add_option("--usb", usb, "A device of a USB/IP server instead of the virtual modem")
+        auto* device = serve->add_option("--usb", usb, "What is plugged in: virtual, loopback, or a device of a USB/IP server [virtual]")
                            ->take_last()
-                           ->check(checkUsbDevice)
-                           ->type_name("usbip://HOST[:PORT]/BUSID");
+                           ->check(checkDevice)
+                           ->type_name("DEVICE");
         list->add_option("--usb", usb, "Show what a USB/IP server exports instead")
             ->take_last()
             ->check(checkUsbServer)
@@ -148,7 +100,7 @@ struct Parser {
         for (CLI::App* command : {serve, modem}) {
             auto* kind = command->add_option("--modem", options.modem, "What is plugged in: modem, or loopback, a wired loop plug [modem]")
                              ->transform(CLI::CheckedTransformer(
-                                 std::map<std::string, ModemKind>{{"modem", ModemKind::modem}, {"loopback", ModemKind::loopback}}))
+                                 std::map<std::string, DeviceKind>{{"modem", DeviceKind::modem}, {"loopback", DeviceKind::loopback}}))
                              ->type_name("KIND");
             if (command == serve) {
                 kind->excludes(device);
@@ -210,8 +162,10 @@ struct Parser {
         if (!tcp.empty()) {
             options.tcp = parseAddress(tcp);
         }
-        if (!usb.empty()) {
-            options.usb = parseUsb(usb);
+        if (list->parsed() && !usb.empty()) {
+            options.usbServer = parseUsbip(usb);
+        } else if (!usb.empty()) {
+            options.devices = {*parseDevice(usb)};
         }
         if (!usbip.empty()) {
             options.usbip = parseAddress(usbip);

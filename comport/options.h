@@ -6,22 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "comport/device_source.h"
+
 namespace comport {
 
-struct NetAddress {
-    std::string host = "127.0.0.1";
-    std::uint16_t port = 0;  // 0: any free one
-};
-
-// A device at a USB/IP server; for a list, without the bus id.
-struct UsbAddress {
-    std::string host;
-    std::uint16_t port = 3240;
-    std::string busId;
-};
-
 enum class Command { serve, check, list, status, ctl, modem };
-enum class ModemKind { modem, loopback };
 
 struct Options {
     Command command = Command::serve;
@@ -33,8 +22,9 @@ struct Options {
     std::optional<std::uint32_t> traceMask;
     std::string traceFile;     // "" = stderr
     bool verifier = true;
-    ModemKind modem = ModemKind::modem;
-    std::optional<UsbAddress> usb;      // serve: instead of a virtual modem; list: that server's devices
+    std::vector<DeviceName> devices;    // serve: what is plugged in; empty: `modem` alone
+    DeviceKind modem = DeviceKind::modem;  // modem: what is exported
+    std::optional<UsbAddress> usbServer;   // list: what that one exports
     std::optional<NetAddress> usbip;    // modem: export it there
     std::string controlPath;   // "" = the usual place
     bool json = false;         // list, status: the reply as it is

@@ -6,8 +6,6 @@
 #include <stdexcept>
 
 #include "kernel/power.h"
-#include "modem/loopback.h"
-#include "modem/modem.h"
 
 extern "C" DRIVER_INITIALIZE DriverEntry;
 
@@ -19,7 +17,6 @@ constexpr const char* service = "qvcdcacm";
 constexpr const char* serviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\qvcdcacm";
 constexpr const char* portsClass = "{4D36E978-E325-11CE-BFC1-08002BE10318}";
 constexpr const char* modemId = "USB\\Class_02&SubClass_02";
-constexpr const char* modemSerial = "0001";
 
 std::filesystem::path defaultLink(const std::string& portName) {
     const char* directory = std::getenv("XDG_RUNTIME_DIR");
@@ -66,7 +63,7 @@ void Server::boot(const Options& options) {
         throw std::runtime_error("the driver does not load");
     }
     executive_->bindDriver(modemId, service, "Ports", portsClass);
-    plugFirst(options);
+    plugFirst(options.devices.empty() ? DeviceName{options.modem, {}} : options.devices.front());
     for (const nt::DeviceNode& device : executive_->devices()) {
         if (device.service == service) {
             portName_ = device.portName;
@@ -91,42 +88,21 @@ void Server::boot(const Options& options) {
     }
 }
 
-void Server::plugFirst(const Options& options) {
-    if (options.usb) {
-        importFirst(*options.usb);
-        return;
+void Server::plugFirst(const DeviceName& name) {
+    kind_ = name.kind;
+    source_ = makeDevice(name, 1);
+    if (source_.watch) {
+        reconnector_ = std::make_unique<Reconnector>([this] { return reconnect(); });
+        source_.watch(
+            [this] {
+                std::fprintf(stderr, "comport: %s: %s; it is tried again\n", source_.backend->location().c_str(), source_.error().c_str());
+                reconnector_->lost();
+            },
+            {});
     }
-    std::unique_ptr<modem::AcmDevice> device;
-    modemKind_ = options.modem;
-    if (modemKind_ == ModemKind::loopback) {
-        device = std::make_unique<modem::Loopback>();
-    } else {
-        device = std::make_unique<modem::Modem>();
-    }
-    backend_ = std::make_shared<usb::VirtualBackend>(std::move(device), "virtual modem");
-    usbPort_ = bus_->plug(backend_, modemSerial);
+    usbPort_ = bus_->plug(source_.backend, source_.instanceId, source_.options);
     if (usbPort_ == 0) {
-        throw std::runtime_error("the virtual modem cannot be plugged in");
-    }
-    pluggedIn_ = true;
-    executive_->settle();
-}
-
-// The instance id names the place, so the device finds its port again whenever it comes back.
-void Server::importFirst(const UsbAddress& address) {
-    imported_ = usb::makeUsbipBackend(address.host, address.port, address.busId);
-    imported_->setLost([this] {
-        std::fprintf(stderr, "comport: %s: %s; it is tried again\n", imported_->location().c_str(), imported_->error().c_str());
-        reconnector_->lost();
-    });
-    reconnector_ = std::make_unique<Reconnector>([this] { return reconnect(); });
-    usb::PortOptions options;
-    // A wake does not travel over the connection.
-    options.wakeFromD2 = false;
-    const std::string instanceId = "usbip&" + address.host + "&" + std::to_string(address.port) + "&" + address.busId;
-    usbPort_ = bus_->plug(imported_, instanceId, options);
-    if (usbPort_ == 0) {
-        throw std::runtime_error(imported_->location() + ": " + imported_->error());
+        throw std::runtime_error(source_.backend->location() + ": " + (source_.error ? source_.error() : "it cannot be plugged in"));
     }
     pluggedIn_ = true;
     executive_->settle();
@@ -139,14 +115,14 @@ bool Server::reconnect() {
         return true;
     }
     usb::PortStatistics last = bus_->statistics(usbPort_);
-    const std::string why = imported_->error();
+    const std::string why = source_.error();
     if (!bus_->replug(usbPort_)) {
-        if (why != imported_->error()) {
-            std::fprintf(stderr, "comport: %s: %s\n", imported_->location().c_str(), imported_->error().c_str());
+        if (why != source_.error()) {
+            std::fprintf(stderr, "comport: %s: %s\n", source_.backend->location().c_str(), source_.error().c_str());
         }
         return false;
     }
-    std::fprintf(stderr, "comport: %s is back\n", imported_->location().c_str());
+    std::fprintf(stderr, "comport: %s is back\n", source_.backend->location().c_str());
     earlier_ += last;
     ++reconnects_;
     executive_->settle();
@@ -189,7 +165,7 @@ void Server::unplug() {
     pluggedIn_ = false;
     bus_->unplug(usbPort_);
     executive_->settle();
-    if (backend_) {
+    if (source_.own) {
         withModem([](modem::AcmDevice& modem) { modem.powerCycle(); });
     }
 }
@@ -204,7 +180,7 @@ void Server::plugIn() {
     if (pluggedIn_) {
         earlier_ += last;
         ++reconnects_;
-    } else if (imported_) {
+    } else if (reconnector_) {
         pluggedIn_ = true;  // as far as this program goes; the rest is the server's
         reconnector_->lost();
     }
@@ -232,8 +208,7 @@ std::vector<std::string> Server::stop() {
     netServers_.clear();
     frontEnd_.reset();
     std::vector<std::string> left = executive_->stop().lines;
-    backend_.reset();
-    imported_.reset();
+    source_ = {};
     bus_.reset();
     executive_.reset();
     return left;

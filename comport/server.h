@@ -10,6 +10,7 @@
 
 #include "comport/control.h"
 #include "comport/control_socket.h"
+#include "comport/device_source.h"
 #include "comport/front_end.h"
 #include "comport/net_server.h"
 #include "comport/options.h"
@@ -17,7 +18,6 @@
 #include "kernel/executive.h"
 #include "modem/acm_device.h"
 #include "usb/host.h"
-#include "usb/usbip_backend.h"
 #include "usb/virtual_backend.h"
 
 namespace comport {
@@ -44,8 +44,7 @@ public:
 
 private:
     void boot(const Options& options);
-    void plugFirst(const Options& options);
-    void importFirst(const UsbAddress& address);
+    void plugFirst(const DeviceName& name);
     bool reconnect();
     void openControl(const Options& options);
     void setTraceMask(std::uint32_t mask);
@@ -62,10 +61,10 @@ private:
     PortCounters counters();
     template <class Body>
     void withModem(Body&& body) {
-        if (!backend_) {
+        if (!source_.own) {
             throw std::runtime_error("that is for the virtual modem; this one is imported");
         }
-        backend_->withDevice([&](usb::Device& device) { body(static_cast<modem::AcmDevice&>(device)); });
+        source_.own->withDevice([&](usb::Device& device) { body(static_cast<modem::AcmDevice&>(device)); });
     }
     static void trace(void* context, const char* text, std::size_t length);
     static void logEvent(void* context, const nt::ErrorLogEntry& entry);
@@ -73,11 +72,10 @@ private:
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> traceFile_{nullptr, std::fclose};
     std::unique_ptr<nt::Executive> executive_;
     std::unique_ptr<usb::Bus> bus_;
-    std::shared_ptr<usb::VirtualBackend> backend_;   // of a virtual modem
-    std::shared_ptr<usb::UsbipBackend> imported_;    // or this
+    DeviceSource source_;
     std::unique_ptr<Reconnector> reconnector_;
     usb::PortNumber usbPort_ = 0;
-    ModemKind modemKind_ = ModemKind::modem;
+    DeviceKind kind_ = DeviceKind::modem;
     std::mutex plugLock_;
     bool pluggedIn_ = false;          // guarded by plugLock_, and so are the next
     usb::PortStatistics earlier_;     // of the modem's former connections, added up

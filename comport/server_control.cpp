@@ -91,7 +91,7 @@ std::vector<PortStatus> Server::ports() {
     std::lock_guard guard(plugLock_);
     PortStatus status;
     status.name = portName_;
-    status.modem = imported_ ? "usbip" : modemKind_ == ModemKind::loopback ? "loopback" : "modem";
+    status.modem = wordOf(kind_);
     status.terminal = link();
     status.pluggedIn = pluggedIn_;
     status.state = "unplugged";
@@ -109,13 +109,13 @@ std::vector<PortStatus> Server::ports() {
             status.open = askOpen(file);
         }
     });
-    status.modemSide = backend_ != nullptr;
-    if (backend_) {
+    status.modemSide = source_.own != nullptr;
+    if (source_.own) {
         describeModem(status);
     } else if (status.open) {
         status.open->modemStatus.reset();
     }
-    if (status.open && pluggedIn_ && backend_) {
+    if (status.open && pluggedIn_ && source_.own) {
         status.open->modemStatus = modemStatusOf(status);
     }
     status.counters = counters();

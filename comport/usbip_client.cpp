@@ -10,7 +10,7 @@
 namespace comport {
 
 int runUsbipList(const Options& options) {
-    const auto devices = usb::listUsbip(options.usb->host, options.usb->port);
+    const auto devices = usb::listUsbip(options.usbServer->host, options.usbServer->port);
     for (const usb::usbip::DeviceRecord& device : devices) {
         std::string functions;
         for (const usb::usbip::Interface& interface : device.interfaces) {

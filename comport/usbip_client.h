@@ -10,7 +10,7 @@
 
 namespace comport {
 
-// Prints what the server of options.usb exports. The exit code.
+// Prints what the server of options.usbServer exports. The exit code.
 int runUsbipList(const Options& options);
 
 // Tries again and again, on a thread of its own, longer apart each time.

@@ -7,8 +7,7 @@
 #include <stdexcept>
 
 #include "kernel/executive.h"
-#include "modem/loopback.h"
-#include "modem/modem.h"
+#include "modem/acm_device.h"
 #include "usb/virtual_backend.h"
 
 namespace comport {
@@ -17,13 +16,8 @@ namespace {
 
 constexpr const char* busId = "1-1";
 
-std::shared_ptr<usb::UsbipExport> makeExport(ModemKind kind) {
-    std::unique_ptr<modem::AcmDevice> device;
-    if (kind == ModemKind::loopback) {
-        device = std::make_unique<modem::Loopback>();
-    } else {
-        device = std::make_unique<modem::Modem>();
-    }
+std::shared_ptr<usb::UsbipExport> makeExport(DeviceKind kind) {
+    std::unique_ptr<modem::AcmDevice> device = makeAcmDevice(kind);
     usb::usbip::DeviceRecord record = usb::usbip::describe(device->deviceDescriptor(), device->configurationDescriptor(0));
     record.path = "/virtual/1-1";
     record.busId = busId;

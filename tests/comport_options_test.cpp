@@ -94,9 +94,11 @@ TEST(Options, ADeviceOfAUsbipServer) {
                           {"usbip://[fe80::1]:99/1-1", "fe80::1", 99, "1-1"}};
     for (const Case& c : cases) {
         const ParseResult result = parseOptions({"serve", "--usb", c.text});
-        ASSERT_TRUE(result.options && result.options->usb) << c.text;
-        EXPECT_EQ(result.options->usb->host, c.host);
-        EXPECT_EQ(result.options->usb->port, c.port);
-        EXPECT_EQ(result.options->usb->busId, c.busId);
+        ASSERT_TRUE(result.options && result.options->devices.size() == 1) << c.text;
+        const UsbAddress& address = result.options->devices.front().usbip;
+        EXPECT_EQ(result.options->devices.front().kind, DeviceKind::usbip);
+        EXPECT_EQ(address.host, c.host);
+        EXPECT_EQ(address.port, c.port);
+        EXPECT_EQ(address.busId, c.busId);
     }
 }

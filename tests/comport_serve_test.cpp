@@ -99,7 +99,7 @@ TEST(Serve, what_a_client_leaves_unread_comes_later) {
     comport::Options options;
     options.ptyLink = (std::filesystem::temp_directory_path() / ("comport-unread-test-" + std::to_string(getpid()))).string();
     options.traceMask = 0;
-    options.modem = comport::ModemKind::loopback;
+    options.modem = comport::DeviceKind::loopback;
     options.tcp = comport::NetAddress{};
     comport::Server server(options);
     const int fd = connected(server.urls().at(0));
