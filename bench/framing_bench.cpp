@@ -218,10 +218,12 @@ BENCHMARK(toHost)->Name("toHost")->Arg(0);
 BENCHMARK(toHostBytes)->Name("toHost/bytes")->Arg(0);
 BENCHMARK(plainToHost)->Name("toHost/controls/yardstick")->Arg(1);
 BENCHMARK(toHost)->Name("toHost/controls")->Arg(1);
+BENCHMARK(toHostBytes)->Name("toHost/controls/bytes")->Arg(1);
 BENCHMARK(plainToWire)->Name("toWire/yardstick")->Arg(0);
 BENCHMARK(toWire)->Name("toWire")->Arg(0);
 BENCHMARK(toWireBytes)->Name("toWire/bytes")->Arg(0);
 BENCHMARK(plainToWire)->Name("toWire/controls/yardstick")->Arg(1);
 BENCHMARK(toWire)->Name("toWire/controls")->Arg(1);
+BENCHMARK(toWireBytes)->Name("toWire/controls/bytes")->Arg(1);
 
 }  // namespace

@@ -27,8 +27,12 @@ constexpr Figure figures[] = {
     {"toApplication", "toApplication/yardstick", true, 0.5, "device to application, 64 KiB reads"},
     {"toHost", "toHost/yardstick", true, 3.0, "framing to the host, 1500-byte frames"},
     {"toHost/controls", "toHost/controls/yardstick", true, 1.0, "the same, control characters escaped"},
+    {"toHost/bytes", "toHost/yardstick", true, 1.0, "framing to the host, a byte a call"},
+    {"toHost/controls/bytes", "toHost/controls/yardstick", true, 1.0, "the same, control characters escaped"},
     {"toWire", "toWire/yardstick", true, 3.0, "framing to the device, 1500-byte frames"},
     {"toWire/controls", "toWire/controls/yardstick", true, 1.0, "the same, control characters escaped"},
+    {"toWire/bytes", "toWire/yardstick", true, 1.0, "framing to the device, a byte a call"},
+    {"toWire/controls/bytes", "toWire/controls/yardstick", true, 1.0, "the same, control characters escaped"},
     {"smallWrite/checked", "smallWrite/yardstick", false, 6.0, "64-byte write, verifier on"},
     {"smallWrite/unchecked", "smallWrite/yardstick", false, 3.0, "64-byte write, verifier off"},
 };

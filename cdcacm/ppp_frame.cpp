@@ -80,6 +80,13 @@ VOID PppFramerSetSpecialChars(PPP_FRAMER* Framer, const UCHAR* Bytes, ULONG Leng
     }
     Framer->EscapeMap[PPP_ESCAPE] = 1;
     Framer->EscapeMap[PPP_FLAG] = 1;
+    for (ULONG Byte = 0; Byte < 256; Byte++) {
+        PPP_WRITTEN* Written = &Framer->Written[Byte];
+
+        Written->Count = 1 + Framer->EscapeMap[Byte];
+        Written->Bytes[0] = Written->Count == 2 ? (UCHAR)PPP_ESCAPE : (UCHAR)Byte;
+        Written->Bytes[1] = (UCHAR)(Byte ^ PPP_ESCAPE_XOR);
+    }
 }
 
 VOID PppFramerPutChar(PPP_FRAMER* Framer, UCHAR Byte)
@@ -94,14 +101,13 @@ VOID PppFramerPutChar(PPP_FRAMER* Framer, UCHAR Byte)
 }
 
 // The same without a branch: which bytes are escaped cannot be foreseen. Returns the place behind them.
-static inline UCHAR* PutEscaped(const UCHAR* EscapeMap, UCHAR* Out, const UCHAR* In, const UCHAR* End)
+static inline UCHAR* PutEscaped(const PPP_WRITTEN* Written, UCHAR* Out, const UCHAR* In, const UCHAR* End)
 {
     for (; In < End; In++) {
-        const ULONG Escaped = EscapeMap[*In] == 1;
+        const PPP_WRITTEN* Byte = &Written[*In];
 
-        Out[0] = PPP_ESCAPE;
-        Out[Escaped] = (UCHAR)(*In ^ Escaped * PPP_ESCAPE_XOR);
-        Out += 1 + Escaped;
+        RtlCopyMemory(Out, Byte->Bytes, sizeof(Byte->Bytes));
+        Out += Byte->Count;
     }
     return Out;
 }
@@ -113,13 +119,13 @@ static VOID FramerPutBytes(PPP_FRAMER* Framer, const UCHAR* In, ULONG Length)
 
     while (!Framer->MoreEscapes && (SIZE_T)(End - In) >= sizeof(SCAN_WORD)) {
         if (!CopyPlainWord(Out, In)) {
-            Out = PutEscaped(Framer->EscapeMap, Out, In, In + sizeof(SCAN_WORD));
+            Out = PutEscaped(Framer->Written, Out, In, In + sizeof(SCAN_WORD));
         } else {
             Out += sizeof(SCAN_WORD);
         }
         In += sizeof(SCAN_WORD);
     }
-    Framer->OutPtr = PutEscaped(Framer->EscapeMap, Out, In, End);
+    Framer->OutPtr = PutEscaped(Framer->Written, Out, In, End);
 }
 
 BOOLEAN PppFramerDeliver(PPP_FRAMER* Framer)
@@ -185,6 +191,7 @@ static VOID FramerHeaderDone(PPP_FRAMER* Framer)
     Framer->Remaining = Length - PPP_HEADER_SIZE;
     *Framer->OutPtr++ = PPP_FLAG;
     Framer->Fcs = FCS_INIT;
+    Framer->GatheredCount = 0;
     Framer->State = FRAMER_PAYLOAD;
 }
 
@@ -204,21 +211,43 @@ static VOID FramerFrameDone(PPP_FRAMER* Framer) _Requires_lock_held_(DeviceLock)
     PppFramerDeliver(Framer);
 }
 
+static VOID FramerAdd(PPP_FRAMER* Framer, const UCHAR* Data, ULONG Length) _Requires_lock_held_(DeviceLock)
+{
+    FramerPutBytes(Framer, Data, Length);
+    Framer->Fcs = CalcFcs16(Framer->Fcs, Data, Length);
+    Framer->Remaining -= Length;
+    if (Framer->Remaining == 0)
+        FramerFrameDone(Framer);
+}
+
+static VOID FramerAddGathered(PPP_FRAMER* Framer) _Requires_lock_held_(DeviceLock)
+{
+    const ULONG Length = Framer->GatheredCount;
+
+    Framer->GatheredCount = 0;
+    FramerAdd(Framer, Framer->Gathered, Length);
+}
+
 // Bytes of the frame that Data still brings, all consumed.
 static ULONG FramerPayload(PPP_FRAMER* Framer, const UCHAR* Data, ULONG Length) _Requires_lock_held_(DeviceLock)
 {
+    if (Framer->GatheredCount > 0)
+        FramerAddGathered(Framer);
     const ULONG Taken = Framer->Remaining < Length ? Framer->Remaining : Length;
 
-    FramerPutBytes(Framer, Data, Taken);
-    Framer->Fcs = CalcFcs16(Framer->Fcs, Data, Taken);
-    Framer->Remaining -= Taken;
-    if (Framer->Remaining == 0)
-        FramerFrameDone(Framer);
+    FramerAdd(Framer, Data, Taken);
     return Taken;
 }
 
 ULONG PppFramerIndicateChar(PPP_FRAMER* Framer, UCHAR Byte)
 {
+    if (Framer->State == FRAMER_PAYLOAD) {
+        // Converted together: by itself each byte would wait for the one before it.
+        Framer->Gathered[Framer->GatheredCount++] = Byte;
+        if (Framer->GatheredCount == sizeof(Framer->Gathered) || Framer->GatheredCount == Framer->Remaining)
+            FramerAddGathered(Framer);
+        return 1;
+    }
     switch (Framer->State) {
     case FRAMER_DELIVER:
         if (!PppFramerDeliver(Framer))
@@ -232,9 +261,6 @@ ULONG PppFramerIndicateChar(PPP_FRAMER* Framer, UCHAR Byte)
         *Framer->OutPtr++ = Byte;
         if (--Framer->Remaining == 0)
             FramerHeaderDone(Framer);
-        break;
-    case FRAMER_PAYLOAD:
-        FramerPayload(Framer, &Byte, 1);
         break;
     default:
         KASSERT(0);
@@ -298,11 +324,20 @@ static VOID DeFramerFoundFlag(PPP_DEFRAMER* DeFramer)
     DeFramer->State = DEFRAMER_IN_FRAME;
 }
 
-static VOID DeFramerStore(PPP_DEFRAMER* DeFramer, UCHAR Byte)
+// DeFramerStore counts with them.
+static_assert(DEFRAMER_IN_FRAME == 1 && DEFRAMER_ESCAPE == 2);
+
+// A byte of the frame, or the escape before one; without a branch, as which of them it is cannot be foreseen.
+static inline VOID DeFramerStore(PPP_DEFRAMER* DeFramer, UCHAR Byte)
 {
-    DeFramer->State = DEFRAMER_IN_FRAME;
-    *DeFramer->WritePtr++ = Byte;
-    DeFramer->Count++;
+    const ULONG State = DeFramer->State;
+    const ULONG Escaped = State / DEFRAMER_ESCAPE;
+    const ULONG Skipped = State & (Byte == PPP_ESCAPE);
+
+    *DeFramer->WritePtr = (UCHAR)(Byte ^ Escaped * PPP_ESCAPE_XOR);
+    DeFramer->WritePtr += 1 - Skipped;
+    DeFramer->Count += 1 - Skipped;
+    DeFramer->State = DEFRAMER_IN_FRAME + Skipped;
     if (DeFramer->WritePtr == DeFramer->EndPtr)
         DeFramerDiscard(DeFramer);
 }
@@ -354,7 +389,8 @@ static VOID DeFramerEndFrame(PPP_DEFRAMER* DeFramer) _Requires_lock_held_(Device
         DeFramer->State = DEFRAMER_SEND;
 }
 
-BOOLEAN PppDeFramerSendChar(PPP_DEFRAMER* DeFramer, UCHAR Byte)
+// A flag, or a byte that meets no open frame. Out of the way of the many others.
+[[gnu::noinline]] static BOOLEAN DeFramerOtherChar(PPP_DEFRAMER* DeFramer, UCHAR Byte) _Requires_lock_held_(DeviceLock)
 {
     switch (DeFramer->State) {
     case DEFRAMER_HUNT:
@@ -366,22 +402,27 @@ BOOLEAN PppDeFramerSendChar(PPP_DEFRAMER* DeFramer, UCHAR Byte)
             return FALSE;
         PppDeFramerStartFrame(DeFramer);
         DeFramer->State = DEFRAMER_IN_FRAME;
-        [[fallthrough]];
-    case DEFRAMER_IN_FRAME:
-        if (Byte == PPP_ESCAPE)
-            DeFramer->State = DEFRAMER_ESCAPE;
-        else if (Byte != PPP_FLAG)
+        if (Byte != PPP_FLAG)
             DeFramerStore(DeFramer, Byte);
-        else if (DeFramer->Count > 0)
-            DeFramerEndFrame(DeFramer);
         return TRUE;
-    case DEFRAMER_ESCAPE:
-        DeFramerStore(DeFramer, Byte ^ PPP_ESCAPE_XOR);
+    case DEFRAMER_IN_FRAME:
+        if (DeFramer->Count > 0)
+            DeFramerEndFrame(DeFramer);
         return TRUE;
     default:
         KASSERT(0);
         return TRUE;
     }
+}
+
+BOOLEAN PppDeFramerSendChar(PPP_DEFRAMER* DeFramer, UCHAR Byte)
+{
+    const ULONG State = DeFramer->State;
+
+    if (State - DEFRAMER_IN_FRAME > 1 || (Byte | (State & DEFRAMER_ESCAPE) << 8) == PPP_FLAG)
+        return DeFramerOtherChar(DeFramer, Byte);
+    DeFramerStore(DeFramer, Byte);
+    return TRUE;
 }
 
 // Copies bytes to *Out up to a flag or End, without a branch on what is escaped. *Escaped: the last one was an escape.

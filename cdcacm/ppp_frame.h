@@ -21,6 +21,12 @@ enum : ULONG { BYTE_MODE, FRAMING_REQUESTED, FRAMING, FRAMING_STOP_REQUESTED };
 enum : ULONG { FRAMER_HUNT, FRAMER_HEADER, FRAMER_PAYLOAD, FRAMER_RESYNC, FRAMER_DELIVER };
 enum : ULONG { DEFRAMER_HUNT, DEFRAMER_IN_FRAME, DEFRAMER_ESCAPE, DEFRAMER_SEND };
 
+// What stands for one byte towards the host.
+struct PPP_WRITTEN {
+    UCHAR Bytes[2];
+    USHORT Count;
+};
+
 struct PPP_FRAMER {
     DEVICE* Dev;
     ULONG State;          // FRAMER_*
@@ -31,7 +37,10 @@ struct PPP_FRAMER {
     UCHAR Header[PPP_HEADER_SIZE];
     USHORT Fcs;
     UCHAR EscapeMap[256]; // 1: escaped towards the host
-    UCHAR MoreEscapes;    // private: the map holds more than flag and escape
+    UCHAR MoreEscapes;    // private, as what follows: the map holds more than flag and escape
+    PPP_WRITTEN Written[256];   // EscapeMap, worked out
+    UCHAR GatheredCount;
+    UCHAR Gathered[64];   // payload that came byte by byte; not in OutBuf, Fcs and Remaining yet
 };
 
 struct PPP_DEFRAMER {

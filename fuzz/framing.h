@@ -69,7 +69,12 @@ inline Bytes throughFramer(const Bytes& stream, Pace& pace) {
         const std::size_t length = std::min(pace.upTo(400), stream.size() - at);
         const auto from = stream.begin() + static_cast<std::ptrdiff_t>(at);
         const Bytes piece(from, from + static_cast<std::ptrdiff_t>(length));
-        at += rig().offer(piece.data(), length);
+        if (pace.upTo(3) == 0) {
+            const auto takes = [&](std::size_t n) { return PppFramerIndicateChar(&rig().framer(), piece[n]) == 1; };
+            for (std::size_t n = 0; n < length && rig().locked([&] { return takes(n); }); ++n) ++at;
+        } else {
+            at += rig().offer(piece.data(), length);
+        }
         if (at == stream.size() && rig().framer().State == FRAMER_DELIVER)
             rig().locked([] { PppFramerDeliver(&rig().framer()); });
         requireInBounds(rig().framer());
