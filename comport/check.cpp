@@ -169,8 +169,8 @@ void echoCall(Application& application, std::size_t total, unsigned seed) {
     std::fflush(stdout);
 }
 
-void tryEverything(Server& server) {
-    Application application(server.link());
+void tryEverything(Server& server, const std::string& link) {
+    Application application(link);
     require(awaken(application), "the modem answers");
     echoCall(application, checkBytes, 1);
     server.unplug();
@@ -298,10 +298,11 @@ int runCheck(const Options& given) {
     int exitCode = 0;
     {
         Server server(options);
-        std::printf("%s on %s\n", server.portName().c_str(), server.link().c_str());
+        const ServedPort& port = *server.served().at(0);
+        std::printf("%s on %s\n", port.name().c_str(), port.link().c_str());
         try {
-            tryEverything(server);
-            tryNetwork(server.urls().front());
+            tryEverything(server, port.link());
+            tryNetwork(port.urls().front());
         } catch (const std::runtime_error& error) {
             std::printf("  FAILED: %s\n", error.what());
             exitCode = 1;

@@ -128,12 +128,21 @@ std::string modemLinesText(const json& side) {
     return (up.empty() ? "none up" : up) + (held.empty() ? "" : " (held: " + held + ")");
 }
 
+std::string networkText(const json& urls, const char* between) {
+    std::string text;
+    for (const json& url : urls) {
+        text += (text.empty() ? "" : between) + plain(url);
+    }
+    return text;
+}
+
 std::string listTable(const json& ports) {
-    std::vector<Row> rows = {{"PORT", "MODEM", "STATE", "OPEN", "TERMINAL", "DEVICE"}};
+    std::vector<Row> rows = {{"PORT", "MODEM", "STATE", "OPEN", "TERMINAL", "NETWORK", "DEVICE"}};
+    const auto orNone = [](const std::string& text) { return text.empty() ? std::string("-") : text; };
     for (const json& port : ports) {
-        rows.push_back({plain(port.at("name")), plain(port.at("modem")), plain(port.at("state")),
-                        port.at("open").get<bool>() ? "yes" : "no", plain(port.at("terminal")),
-                        plain(port.at("device"))});
+        rows.push_back({orNone(plain(port.at("name"))), plain(port.at("modem")), plain(port.at("state")),
+                        port.at("open").get<bool>() ? "yes" : "no", orNone(plain(port.at("terminal"))),
+                        orNone(networkText(port.at("network"), ",")), plain(port.at("device"))});
     }
     return alignedOf(rows);
 }
@@ -170,10 +179,14 @@ std::string powerText(const json& power) {
 std::string statusTable(const json& port) {
     const json& open = port.at("port");
     const json& side = port.at("modemSide");
-    std::vector<Row> rows = {{plain(port.at("name")), plain(port.at("state")) + ", " +
+    const std::string name = plain(port.at("name"));
+    std::vector<Row> rows = {{name.empty() ? "-" : name, plain(port.at("state")) + ", " +
                                                           (port.at("open").get<bool>() ? "open" : "not open") + ", " +
                                                           plain(port.at("modem"))},
                              {"  terminal", plain(port.at("terminal"))}};
+    if (!port.at("network").empty()) {
+        rows.push_back({"  network", networkText(port.at("network"), ", ")});
+    }
     if (port.at("device") != "") {
         rows.push_back({"  device", plain(port.at("device"))});
     }

@@ -95,7 +95,7 @@ json pppOf(const PppStatus& ppp) {
 json briefOf(const PortStatus& port) {
     return {{"name", port.name},         {"device", port.device},       {"modem", port.modem},
             {"state", port.state},       {"terminal", port.terminal},   {"pluggedIn", port.pluggedIn},
-            {"open", port.open.has_value() || port.asleep}};
+            {"open", port.open.has_value() || port.asleep}, {"network", port.network}};
 }
 
 json statusOf(const PortStatus& port) {
@@ -159,6 +159,10 @@ void control(ControlTarget& target, const json& request) {
     OrderResult parsed = parseOrder(texts);
     if (!parsed.order) {
         throw std::runtime_error(parsed.error);
+    }
+    if (parsed.order->isForMachine() && !request.contains("port")) {
+        target.carryOut("", *parsed.order);
+        return;
     }
     std::vector<PortStatus> ports = portsOf(target, request);
     if (ports.size() != 1) {

@@ -3,7 +3,7 @@
 //   {"command":"list"}   {"command":"status","port":"COM3"}   {"command":"ctl","port":"COM3","words":["line","dcd","on"]}
 //   {"ok":true,"ports":[...]}   {"ok":true}   {"ok":false,"error":"a sentence"}
 //
-// "port" may be left out while there is one port.
+// "port" may be left out while there is one port, and for orders to the machine.
 #pragma once
 
 #include <array>
@@ -59,11 +59,12 @@ struct PortStatus {
         bool held = false;
     };
 
-    std::string name;
-    std::string device;    // instance path
+    std::string name;      // "" while its device was never there
+    std::string device;    // instance path; where it is to come from, while it is not there
     std::string modem;     // its kind
-    std::string state;     // the executive's word for it
+    std::string state;     // the executive's word for it, or "waiting", "unplugged"
     std::string terminal;  // path of the link
+    std::vector<std::string> network;  // URLs
     bool pluggedIn = false;
     std::optional<OpenPort> open;
     bool asleep = false;  // open, and not asked: that would wait for power, or wake the modem
@@ -87,6 +88,9 @@ struct Order {
     std::optional<bool> level;  // nothing: the line follows the modem
     std::uint32_t value = 0;    // error bits, rings, trace mask, FramingMode, 1 to 4 for S1 to S4, seconds
     std::optional<std::uint32_t> escapes;
+
+    // It is about no port in particular.
+    bool isForMachine() const { return action == Action::trace || action == Action::sleep || action == Action::wake; }
 };
 
 // Either an order or what is wrong with the words.
@@ -102,7 +106,7 @@ std::string_view orderHelp();
 class ControlTarget {
 public:
     virtual std::vector<PortStatus> ports() = 0;
-    // Back when it is done. Throws std::runtime_error with a sentence when it cannot be.
+    // Back when it is done. `port` is "" for an order to the machine. Throws std::runtime_error with a sentence when it cannot be.
     virtual void carryOut(const std::string& port, const Order& order) = 0;
 
 protected:

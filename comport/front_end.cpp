@@ -1,7 +1,5 @@
 #include "comport/front_end.h"
 
-#include <sys/inotify.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -20,19 +18,26 @@ int checked(int fd, const char* what) {
 
 }  // namespace
 
-FrontEnd::FrontEnd(const std::string& portName, PortLease& lease, const std::filesystem::path& link)
-    : link_(link), users_(loop_.context()), master_(loop_.context()), port_(portName, lease, wake, this) {
-    makeTerminal();
-    loop_.start([this] {
-        watchUsers();
-        loop_.step();  // somebody may have found the terminal already
-    });
+FrontEnd::FrontEnd(const std::string& portName, PortLease& lease, TerminalUsers& users, const std::filesystem::path& link)
+    : link_(link), users_(users), master_(loop_.context()), port_(portName, lease, wake, this) {
+    try {
+        makeTerminal();
+    } catch (...) {
+        forgetTerminal();
+        throw;
+    }
+    loop_.start([this] { loop_.step(); });  // somebody may have found the terminal already
 }
 
 FrontEnd::~FrontEnd() {
+    end();
+    loop_.join();
+    forgetTerminal();
+}
+
+void FrontEnd::end() {
     stopping_ = true;
     loop_.wake();
-    loop_.join();
 }
 
 void FrontEnd::modemArrived() {
@@ -40,48 +45,35 @@ void FrontEnd::modemArrived() {
     loop_.wake();
 }
 
+void FrontEnd::forgetTerminal() {
+    if (watch_ >= 0) {
+        users_.remove(watch_);
+        watch_ = -1;
+    }
+}
+
 // Also in the middle of the service, when an application left the old terminal closed to others.
 void FrontEnd::makeTerminal() {
+    forgetTerminal();
+    closed_ = false;
     master_.close();
-    users_.close();
     pty_.reset();
     pty_ = std::make_unique<Pty>(link_);
     bridge_ = std::make_unique<Bridge>(*pty_, port_);
     master_.assign(checked(::dup(pty_->master()), "cannot duplicate the terminal's descriptor"));
-    users_.assign(checked(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC),
-                          "cannot watch the terminal (raise fs.inotify.max_user_instances)"));
-    checked(::inotify_add_watch(users_.native_handle(), pty_->path().c_str(), IN_OPEN | IN_CLOSE),
-            "cannot watch the terminal (raise fs.inotify.max_user_watches)");
+    watch_ = users_.add(pty_->path(), [this](bool closed) {
+        if (closed) {
+            closed_ = true;
+        }
+        loop_.wake();
+    });
     // Not before: an opener that comes at once would not be seen.
     pty_->publish();
 }
 
-void FrontEnd::watchUsers() {
-    users_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code& error) {
-        if (!error) {
-            takeUserEvents();
-            loop_.step();
-            watchUsers();
-        }
-    });
-}
-
 // A close event comes a moment before the hang-up it may lead to.
 void FrontEnd::takeUserEvents() {
-    alignas(inotify_event) char buffer[4096];
-    bool closed = false;
-    for (;;) {
-        ssize_t length = ::read(users_.native_handle(), buffer, sizeof(buffer));
-        if (length <= 0) {
-            break;
-        }
-        for (char* at = buffer; at < buffer + length;) {
-            auto* event = reinterpret_cast<inotify_event*>(at);
-            closed |= (event->mask & (IN_CLOSE | IN_Q_OVERFLOW)) != 0;
-            at += sizeof(inotify_event) + event->len;
-        }
-    }
-    if (closed) {
+    if (closed_.exchange(false)) {
         // The release is itself a close and comes here once more, which does no harm.
         pty_->release();
         holdAtMs_ = PortLoop::nowMs() + holdAgainMs;
@@ -89,6 +81,7 @@ void FrontEnd::takeUserEvents() {
 }
 
 void FrontEnd::step() {
+    takeUserEvents();
     std::int64_t now = PortLoop::nowMs();
     if (arrived_.exchange(false)) {
         bridge_->modemArrived(now);
@@ -168,8 +161,6 @@ void FrontEnd::endSession() {
 void FrontEnd::renewTerminal() {
     try {
         makeTerminal();
-        // The watch on the old one has ended with it.
-        watchUsers();
         loop_.wake();
     } catch (const std::runtime_error& error) {
         std::fprintf(stderr, "comport: %s\n", error.what());

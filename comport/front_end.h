@@ -18,14 +18,15 @@
 #include "comport/port_file.h"
 #include "comport/port_loop.h"
 #include "comport/pty.h"
+#include "comport/terminal_users.h"
 
 namespace comport {
 
 class FrontEnd {
 public:
     // Makes the terminal and its link; throws std::runtime_error with a sentence. The executive must be running in real mode.
-    FrontEnd(const std::string& portName, PortLease& lease, const std::filesystem::path& link);
-    // Ends the session, closes the port, joins the thread, removes the link.
+    FrontEnd(const std::string& portName, PortLease& lease, TerminalUsers& users, const std::filesystem::path& link);
+    // end(), joins the thread, removes the link.
     ~FrontEnd();
     FrontEnd(const FrontEnd&) = delete;
     FrontEnd& operator=(const FrontEnd&) = delete;
@@ -33,6 +34,8 @@ public:
     const std::filesystem::path& link() const { return link_; }
     // From any thread: the modem was plugged in (again).
     void modemArrived();
+    // From any thread: begins to end the session and to close the port.
+    void end();
 
 private:
     static constexpr std::int64_t holdAgainMs = 100;
@@ -42,7 +45,7 @@ private:
     void renewTerminal();
     static void wake(void* self) { static_cast<FrontEnd*>(self)->loop_.wake(); }
     void step();
-    void watchUsers();
+    void forgetTerminal();
     void takeUserEvents();
     void beginSession(std::int64_t now);
     void watchHangUp(std::int64_t now);
@@ -53,7 +56,8 @@ private:
 
     std::filesystem::path link_;
     PortLoop loop_{[this] { step(); }};
-    asio::posix::stream_descriptor users_;     // inotify on the terminal
+    TerminalUsers& users_;
+    int watch_ = -1;                           // of the terminal
     asio::posix::stream_descriptor master_;    // the terminal's descriptor, duplicated
     std::unique_ptr<Pty> pty_;
     PortFile port_;
@@ -61,6 +65,7 @@ private:
 
     std::atomic<bool> arrived_{false};  // modemArrived() was called
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> closed_{false};   // somebody has closed the terminal
     bool inputArmed_ = false;
     bool eventsArmed_ = false;
     bool spaceArmed_ = false;

@@ -1,4 +1,5 @@
 #include <asio.hpp>
+#include <sys/resource.h>
 
 #include <csignal>
 #include <cstdio>
@@ -46,27 +47,54 @@ private:
     asio::signal_set signals_{loop_, SIGINT, SIGTERM};
 };
 
-void greet(const comport::Options& options, const comport::Server& server) {
-    const comport::DeviceKind kind = options.devices.empty() ? options.modem : options.devices.front().kind;
-    const bool telephone = kind == comport::DeviceKind::modem;
-    const bool answers = kind != comport::DeviceKind::loopback;
-    const std::string link = server.link();
-    std::printf("%s is served at %s\n", server.portName().c_str(), link.c_str());
-    for (const std::string& url : server.urls()) {
-        std::printf("and at %s\n", url.c_str());
+std::string placesOf(const comport::ServedPort& port, const char* between) {
+    std::string text = port.link();
+    for (const std::string& url : port.urls()) {
+        text += between + url;
     }
-    std::printf("Try: picocom %s   (%s; leave with Ctrl-A Ctrl-X)\n", link.c_str(),
-                answers ? "type ATI, Enter" : "what you type comes back");
-    if (telephone) {
-        std::printf("Dial up: pppd %s 115200 local nodetach noauth user me password me connect "
-                    "'/usr/sbin/chat -v \"\" ATD*99# CONNECT'\n  (Debian's package ppp; as root, where there is /dev/ppp), "
-                    "then: ping 192.0.2.1\n",
-                    link.c_str());
+    return text;
+}
+
+// One line a port when there are several.
+void tell(const comport::ServedPort& port) {
+    std::printf("%s (%s) is served at %s\n", port.name().c_str(), port.device().c_str(), placesOf(port, ", ").c_str());
+    std::fflush(stdout);
+}
+
+void greet(const comport::Options& options, comport::Server& server) {
+    const std::vector<const comport::ServedPort*> served = server.served(tell);
+    if (options.devices.size() > 1) {
+        for (const comport::ServedPort* port : served) {
+            tell(*port);
+        }
+    } else if (!served.empty()) {
+        std::printf("%s is served at %s\n", served[0]->name().c_str(), placesOf(*served[0], "\nand at ").c_str());
+    }
+    if (!served.empty()) {
+        const std::string link = served[0]->link();
+        std::printf("Try: picocom %s   (%s; leave with Ctrl-A Ctrl-X)\n", link.c_str(),
+                    served[0]->kind() == comport::DeviceKind::loopback ? "what you type comes back" : "type ATI, Enter");
+        if (served[0]->kind() == comport::DeviceKind::modem) {
+            std::printf("Dial up: pppd %s 115200 local nodetach noauth user me password me connect "
+                        "'/usr/sbin/chat -v \"\" ATD*99# CONNECT'\n  (Debian's package ppp; as root, where there is /dev/ppp), "
+                        "then: ping 192.0.2.1\n",
+                        link.c_str());
+        }
     }
     std::fflush(stdout);
 }
 
+// A port takes some twenty descriptors; the limit that a shell gives is too low for a hundred.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 int serve(const comport::Options& options) {
+    raiseDescriptorLimit();
     Signals signals;
     comport::Server server(options);
     greet(options, server);

@@ -40,6 +40,7 @@ NetServer::NetServer(const std::string& portName, PortLease& lease, NetProtocol 
       protocol_(protocol),
       kick_(kick),
       acceptor_(loop_.context()),
+      retry_(loop_.context()),
       port_(portName, lease, wake, this) {
     const char* option = protocol == NetProtocol::raw ? "--tcp" : "--rfc2217";
     try {
@@ -57,9 +58,13 @@ NetServer::NetServer(const std::string& portName, PortLease& lease, NetProtocol 
 }
 
 NetServer::~NetServer() {
+    end();
+    loop_.join();
+}
+
+void NetServer::end() {
     stopping_ = true;
     loop_.wake();
-    loop_.join();
 }
 
 void NetServer::modemArrived() {
@@ -74,9 +79,13 @@ void NetServer::accept() {
         if (error == asio::error::operation_aborted) {
             return;
         }
-        if (!error) {
-            admit(std::move(client));
+        // Too many descriptors, say: not asked again at once.
+        if (error) {
+            retry_.expires_after(acceptAgainAfter);
+            retry_.async_wait([this](const asio::error_code&) { accept(); });
+            return;
         }
+        admit(std::move(client));
         accept();
     });
 }

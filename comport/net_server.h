@@ -24,7 +24,7 @@ class NetServer {
 public:
     // Listens; throws std::runtime_error with a sentence. The executive must be running in real mode.
     NetServer(const std::string& portName, PortLease& lease, NetProtocol protocol, const NetAddress& address, bool kick);
-    // Ends the session, closes the port, joins the thread.
+    // end(), joins the thread.
     ~NetServer();
     NetServer(const NetServer&) = delete;
     NetServer& operator=(const NetServer&) = delete;
@@ -33,11 +33,14 @@ public:
     const std::string& url() const { return url_; }
     // From any thread: the modem was plugged in (again).
     void modemArrived();
+    // From any thread: begins to end the session and to close the port.
+    void end();
 
 private:
     using Socket = asio::ip::tcp::socket;
     static constexpr std::size_t pieceBytes = 16384;
     static constexpr std::int64_t busyAfterMs = 1500;  // somebody else's close may take a second
+    static constexpr std::chrono::milliseconds acceptAgainAfter{100};
 
     struct Session {
         Session(Socket client, NetProtocol protocol, const std::string& signature, Port& port)
@@ -70,6 +73,7 @@ private:
     const bool kick_;
     PortLoop loop_{[this] { step(); }};
     asio::ip::tcp::acceptor acceptor_;
+    asio::steady_timer retry_;
     std::string url_;
     PortFile port_;
     std::shared_ptr<Session> session_;  // socket operations under way hold it, too

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <map>
 
 #include "comport/control.h"
@@ -47,7 +48,7 @@ std::string checkName(const std::string& text) {
 
 struct Parser {
     CLI::App app{"A USB modem as a COM port: serves it to applications on a pseudo-terminal.", "comport"};
-    CLI::App* serve = app.add_subcommand("serve", "Serve the virtual modem's port until SIGINT or SIGTERM.");
+    CLI::App* serve = app.add_subcommand("serve", "Serve the ports of modems, the virtual one unless told, until SIGINT or SIGTERM.");
     CLI::App* check = app.add_subcommand(
         "check", "Try everything: dial, 10 MB through the modem's echo, unplug, plug in, go on.");
     CLI::App* list = app.add_subcommand("list", "Show the ports of a running server.");
@@ -56,7 +57,8 @@ struct Parser {
     CLI::App* modem = app.add_subcommand("modem", "Export the virtual modem to USB/IP clients until SIGINT or SIGTERM.");
     Options options;
     std::string mask;
-    std::string usb;
+    std::vector<std::string> devices;
+    std::string usbServer;
     std::string usbip;
     std::string rfc2217;
     std::string tcp;
@@ -71,24 +73,27 @@ struct Parser {
             ->type_name("FILE")
             ->capture_default_str();
         serve->add_option("--pty-link", options.ptyLink,
-                          "Path of the link to the terminal [named after the port, in XDG_RUNTIME_DIR or /tmp]")
+                          "Path of the link to the terminal [named after the port, in XDG_RUNTIME_DIR or /tmp]; "
+                          "with several devices the directory of the links")
             ->check(checkName)
             ->type_name("PATH");
-        serve->add_option("--rfc2217", rfc2217, "Serve the port to RFC 2217 clients there, on the loopback address unless told")
+        serve->add_option("--rfc2217", rfc2217, "Serve the port to RFC 2217 clients there, on the loopback address unless told; "
+                                               "that of each further device at the next number")
             ->take_last()
             ->check(checkAddress)
             ->type_name("[ADDR:]PORT");
-        serve->add_option("--tcp", tcp, "Serve the port's bytes, and nothing else, there")
+        serve->add_option("--tcp", tcp, "Serve the port's bytes, and nothing else, there; that of each further device at the next number")
             ->take_last()
             ->check(checkAddress)
             ->type_name("[ADDR:]PORT");
         serve->add_flag("--kick", options.kick, "A new network client ends the one before it, instead of being told that the port is in use");
-        serve->footer("SIGUSR1 unplugs the virtual modem, SIGUSR2 plugs it in again.");
-        auto* device = serve->add_option("--usb", usb, "What is plugged in: virtual, loopback, or a device of a USB/IP server [virtual]")
-                           ->take_last()
+        serve->footer("SIGUSR1 unplugs the devices, SIGUSR2 plugs them in again.");
+        auto* device = serve->add_option("--usb", devices, "What is plugged in: " + std::string(deviceForms) + "; up to " +
+                                             std::to_string(maximumDevices) + " times, the names COM3, COM4, ... go in this order")
+                           ->allow_extra_args(false)
                            ->check(checkDevice)
                            ->type_name("DEVICE");
-        list->add_option("--usb", usb, "Show what a USB/IP server exports instead")
+        list->add_option("--usb", usbServer, "Show what a USB/IP server exports instead")
             ->take_last()
             ->check(checkUsbServer)
             ->type_name("usbip://HOST[:PORT]");
@@ -142,6 +147,35 @@ struct Parser {
         return commands.empty() ? nullptr : commands.front();
     }
 
+    void takeDevices() {
+        for (const std::string& text : devices) {
+            const DeviceName device = *parseDevice(text);
+            if (device.isUnique() && std::ranges::find(options.devices, device) != options.devices.end()) {
+                throw CLI::ValidationError("--usb", text + " is given twice");
+            }
+            options.devices.push_back(device);
+        }
+        const std::size_t count = std::max<std::size_t>(options.devices.size(), 1);
+        if (count > maximumDevices) {
+            throw CLI::ValidationError("--usb", std::to_string(count) + " devices; one process serves at most " +
+                                                    std::to_string(maximumDevices) + ", start another for the rest");
+        }
+        for (const auto& [option, address] : {std::pair("--rfc2217", options.rfc2217), std::pair("--tcp", options.tcp)}) {
+            if (address && address->port + count - 1 > 65535) {
+                throw CLI::ValidationError(option, "there are not " + std::to_string(count) + " ports from " +
+                                                       std::to_string(address->port) + " on; begin lower");
+            }
+        }
+        if (!options.rfc2217 || !options.tcp || options.rfc2217->port == 0 || options.tcp->port == 0) {
+            return;
+        }
+        const std::size_t apart = static_cast<std::size_t>(std::abs(options.rfc2217->port - options.tcp->port));
+        if (apart < count && options.rfc2217->host == options.tcp->host) {
+            throw CLI::ValidationError("--tcp", "each needs " + std::to_string(count) + " ports from its own on, and those of --rfc2217 "
+                                                "and --tcp overlap; put them further apart");
+        }
+    }
+
     ParseResult parse(std::vector<std::string> arguments) {
         std::ranges::reverse(arguments);
         app.parse(arguments);
@@ -162,11 +196,10 @@ struct Parser {
         if (!tcp.empty()) {
             options.tcp = parseAddress(tcp);
         }
-        if (list->parsed() && !usb.empty()) {
-            options.usbServer = parseUsbip(usb);
-        } else if (!usb.empty()) {
-            options.devices = {*parseDevice(usb)};
+        if (!usbServer.empty()) {
+            options.usbServer = parseUsbip(usbServer);
         }
+        takeDevices();
         if (!usbip.empty()) {
             options.usbip = parseAddress(usbip);
         }

@@ -15,9 +15,9 @@ enum class Command { serve, check, list, status, ctl, modem };
 struct Options {
     Command command = Command::serve;
     std::string registryFile;  // "" = in memory
-    std::string ptyLink;       // "" = named after the port
-    std::optional<NetAddress> rfc2217;  // serve it there
-    std::optional<NetAddress> tcp;      // raw bytes
+    std::string ptyLink;       // "" = named after the port; of several ports the directory of the links
+    std::optional<NetAddress> rfc2217;  // serve the first port there, each next one at the next number
+    std::optional<NetAddress> tcp;      // the same, raw bytes
     bool kick = false;                  // a new network client ends the one before it
     std::optional<std::uint32_t> traceMask;
     std::string traceFile;     // "" = stderr
@@ -31,6 +31,9 @@ struct Options {
     std::string port;          // status, ctl: "" = all, or the only one
     std::vector<std::string> words;  // ctl: what to do
 };
+
+// The driver has as many names for its devices.
+inline constexpr std::size_t maximumDevices = 100;
 
 // Decimal, or hexadecimal with 0x.
 std::optional<std::uint32_t> parseMask(const std::string& text);

@@ -1,8 +1,11 @@
 #include "comport/server.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <stdexcept>
 
 #include "kernel/power.h"
@@ -17,10 +20,19 @@ constexpr const char* service = "qvcdcacm";
 constexpr const char* serviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\qvcdcacm";
 constexpr const char* portsClass = "{4D36E978-E325-11CE-BFC1-08002BE10318}";
 constexpr const char* modemId = "USB\\Class_02&SubClass_02";
+constexpr std::chrono::seconds firstPatience{2};  // with all that are not there at the start
 
 std::filesystem::path defaultLink(const std::string& portName) {
     const char* directory = std::getenv("XDG_RUNTIME_DIR");
     return std::filesystem::path(directory != nullptr && *directory != '\0' ? directory : "/tmp") / portName;
+}
+
+// The i-th port has the i-th address from there on; any free one is any free one.
+std::optional<NetAddress> addressOf(std::optional<NetAddress> first, std::size_t i) {
+    if (first && first->port != 0) {
+        first->port = static_cast<std::uint16_t>(first->port + i);
+    }
+    return first;
 }
 
 }  // namespace
@@ -63,71 +75,61 @@ void Server::boot(const Options& options) {
         throw std::runtime_error("the driver does not load");
     }
     executive_->bindDriver(modemId, service, "Ports", portsClass);
-    plugFirst(options.devices.empty() ? DeviceName{options.modem, {}} : options.devices.front());
-    for (const nt::DeviceNode& device : executive_->devices()) {
-        if (device.service == service) {
-            portName_ = device.portName;
-        }
-    }
-    if (portName_.empty()) {
-        throw std::runtime_error("the modem got no COM port; --trace 0x1F says why");
-    }
-    // On disk from now on, whatever becomes of the process.
-    executive_->registry().save();
-    frontEnd_ = std::make_unique<FrontEnd>(
-        portName_, lease_, options.ptyLink.empty() ? defaultLink(portName_) : std::filesystem::path(options.ptyLink));
-    auto listen = [&](NetProtocol protocol, const std::optional<NetAddress>& address) {
-        if (address) {
-            netServers_.push_back(std::make_unique<NetServer>(portName_, lease_, protocol, *address, options.kick));
-        }
-    };
-    listen(NetProtocol::rfc2217, options.rfc2217);
-    listen(NetProtocol::raw, options.tcp);
+    users_ = std::make_unique<TerminalUsers>();
+    plugAll(options);
     if (options.command == Command::serve) {
         openControl(options);
     }
 }
 
-void Server::plugFirst(const DeviceName& name) {
-    kind_ = name.kind;
-    source_ = makeDevice(name, 1);
-    if (source_.watch) {
-        reconnector_ = std::make_unique<Reconnector>([this] { return reconnect(); });
-        source_.watch(
-            [this] {
-                std::fprintf(stderr, "comport: %s: %s; it is tried again\n", source_.backend->location().c_str(), source_.error().c_str());
-                reconnector_->lost();
-            },
-            {});
+// One device after the other, so that they get their COM names in this order. For those that are elsewhere all of them wait a
+// moment together; who is not there by then comes later.
+void Server::plugAll(const Options& options) {
+    const std::vector<DeviceName> devices = options.devices.empty() ? std::vector{DeviceName{options.modem, {}}} : options.devices;
+    const std::filesystem::path links = options.ptyLink;
+    const bool several = devices.size() > 1;
+    if (several && !links.empty()) {
+        std::error_code error;
+        std::filesystem::create_directories(links, error);
+        if (error) {
+            throw std::runtime_error("--pty-link " + options.ptyLink + ": " + error.message() +
+                                     "; with several devices it is a directory for their links");
+        }
     }
-    usbPort_ = bus_->plug(source_.backend, source_.instanceId, source_.options);
-    if (usbPort_ == 0) {
-        throw std::runtime_error(source_.backend->location() + ": " + (source_.error ? source_.error() : "it cannot be plugged in"));
+    house_ = std::make_unique<ServedPort::House>(ServedPort::House{
+        *executive_, *bus_, *users_,
+        [links, several](const std::string& name) { return links.empty() ? defaultLink(name) : several ? links / name : links; },
+        [this](const ServedPort& port) { portServed(port); }});
+    const auto until = std::chrono::steady_clock::now() + firstPatience;
+    std::map<DeviceKind, unsigned> numbers;
+    for (std::size_t i = 0; i < devices.size(); ++i) {
+        const ServedPort::Places places{addressOf(options.rfc2217, i), addressOf(options.tcp, i), options.kick};
+        // The kinds of the program's own share their numbers.
+        const DeviceKind counted = devices[i].isUnique() ? devices[i].kind : DeviceKind::modem;
+        ports_.push_back(std::make_unique<ServedPort>(*house_, devices[i], ++numbers[counted], places));
+        ports_.back()->begin();
+        ports_.back()->awaitFirstTry(until);
     }
-    pluggedIn_ = true;
-    executive_->settle();
 }
 
-// On the reconnector's thread. False: not yet.
-bool Server::reconnect() {
-    std::lock_guard guard(plugLock_);
-    if (!pluggedIn_) {
-        return true;
+void Server::portServed(const ServedPort& port) {
+    std::lock_guard guard(servedLock_);
+    served_.push_back(&port);
+    if (later_) {
+        later_(port);
     }
-    usb::PortStatistics last = bus_->statistics(usbPort_);
-    const std::string why = source_.error();
-    if (!bus_->replug(usbPort_)) {
-        if (why != source_.error()) {
-            std::fprintf(stderr, "comport: %s: %s\n", source_.backend->location().c_str(), source_.error().c_str());
+}
+
+std::vector<const ServedPort*> Server::served(std::function<void(const ServedPort&)> later) {
+    std::lock_guard guard(servedLock_);
+    later_ = std::move(later);
+    std::vector<const ServedPort*> ordered;
+    for (const auto& port : ports_) {
+        if (std::ranges::find(served_, port.get()) != served_.end()) {
+            ordered.push_back(port.get());
         }
-        return false;
     }
-    std::fprintf(stderr, "comport: %s is back\n", source_.backend->location().c_str());
-    earlier_ += last;
-    ++reconnects_;
-    executive_->settle();
-    tellFrontEnds();
-    return true;
+    return ordered;
 }
 
 // A server that shares the usual place with another goes on without; one that was told a place wants it.
@@ -149,49 +151,15 @@ void Server::setTraceMask(std::uint32_t mask) {
     executive_->registry().setDword(serviceKey, "TraceMask", mask);
 }
 
-std::vector<std::string> Server::urls() const {
-    std::vector<std::string> urls;
-    for (const std::unique_ptr<NetServer>& server : netServers_) {
-        urls.push_back(server->url());
-    }
-    return urls;
-}
-
 void Server::unplug() {
-    std::lock_guard guard(plugLock_);
-    if (!pluggedIn_) {
-        return;
-    }
-    pluggedIn_ = false;
-    bus_->unplug(usbPort_);
-    executive_->settle();
-    if (source_.own) {
-        withModem([](modem::AcmDevice& modem) { modem.powerCycle(); });
+    for (const auto& port : ports_) {
+        port->unplug();
     }
 }
 
 void Server::plugIn() {
-    std::lock_guard guard(plugLock_);
-    if (pluggedIn_) {
-        return;
-    }
-    usb::PortStatistics last = bus_->statistics(usbPort_);
-    pluggedIn_ = bus_->replug(usbPort_);
-    if (pluggedIn_) {
-        earlier_ += last;
-        ++reconnects_;
-    } else if (reconnector_) {
-        pluggedIn_ = true;  // as far as this program goes; the rest is the server's
-        reconnector_->lost();
-    }
-    executive_->settle();
-    tellFrontEnds();
-}
-
-void Server::tellFrontEnds() {
-    frontEnd_->modemArrived();
-    for (std::unique_ptr<NetServer>& server : netServers_) {
-        server->modemArrived();
+    for (const auto& port : ports_) {
+        port->plugIn();
     }
 }
 
@@ -200,15 +168,17 @@ std::vector<std::string> Server::stop() {
         return {};
     }
     control_.reset();
-    if (reconnector_) {
-        reconnector_->end();
-    }
     // A front end may wait for power.
     nt::wakeSystem();
-    netServers_.clear();
-    frontEnd_.reset();
+    for (const auto& port : ports_) {
+        port->tellEnd();
+    }
+    for (const auto& port : ports_) {
+        port->end();
+    }
     std::vector<std::string> left = executive_->stop().lines;
-    source_ = {};
+    ports_.clear();
+    users_.reset();
     bus_.reset();
     executive_.reset();
     return left;

@@ -39,12 +39,20 @@ void Reconnector::lost() {
     changed_.notify_all();
 }
 
+void Reconnector::now() {
+    std::lock_guard guard(lock_);
+    lost_ = hurry_ = true;
+    changed_.notify_all();
+}
+
+void Reconnector::tellEnd() {
+    std::lock_guard guard(lock_);
+    ending_ = true;
+    changed_.notify_all();
+}
+
 void Reconnector::end() {
-    {
-        std::lock_guard guard(lock_);
-        ending_ = true;
-        changed_.notify_all();
-    }
+    tellEnd();
     if (thread_.joinable()) {
         thread_.join();
     }
@@ -59,12 +67,13 @@ void Reconnector::run() {
         backOff.lost(PortLoop::nowMs());
         bool back = false;
         while (!back) {
-            const auto wait = std::chrono::milliseconds(backOff.nextMs());
-            if (changed_.wait_for(guard, wait, [this] { return ending_; })) {
+            const auto wait = hurry_ ? std::chrono::milliseconds(0) : std::chrono::milliseconds(backOff.nextMs());
+            changed_.wait_for(guard, wait, [this] { return ending_ || hurry_; });
+            if (ending_) {
                 return;
             }
             // What is lost from here on is lost again.
-            lost_ = false;
+            lost_ = hurry_ = false;
             guard.unlock();
             back = attempt_();
             guard.lock();

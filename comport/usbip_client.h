@@ -15,18 +15,20 @@ int runUsbipList(const Options& options);
 
 // Tries again and again, on a thread of its own, longer apart each time.
 //
-//   content --lost()--> waiting --the time has come--> attempt --true--> content; --false--> waiting
+//   content --lost()--> waiting --the time has come, or now()--> attempt --true--> content; --false--> waiting
 class Reconnector {
 public:
     explicit Reconnector(std::function<bool()> attempt);
-    // Waits for an attempt that is under way.
     ~Reconnector() { end(); }
     Reconnector(const Reconnector&) = delete;
     Reconnector& operator=(const Reconnector&) = delete;
 
-    // Any thread, at PASSIVE_LEVEL.
+    // Any thread, at PASSIVE_LEVEL: an attempt is due after a while, or at once.
     void lost();
-    // No attempt begins after it returned. lost() may still be called.
+    void now();
+    // No attempt begins after it returned. lost() and now() may still be called.
+    void tellEnd();
+    // That, and waits for an attempt that is under way.
     void end();
 
 private:
@@ -36,6 +38,7 @@ private:
     std::mutex lock_;
     std::condition_variable changed_;
     bool lost_ = false;
+    bool hurry_ = false;
     bool ending_ = false;
     std::thread thread_;
 };

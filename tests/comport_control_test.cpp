@@ -74,15 +74,15 @@ TEST(ControlOrders, AreUnderstoodOrRefusedWithAReason) {
         {{"ring", "2"}, "COM3:2,0,auto,2 ", true},
         {{"unplug"}, "COM3:4,0,auto,0 ", true},
         {{"plug"}, "COM3:5,0,auto,0 ", true},
-        {{"trace", "0x800000FF"}, "COM3:6,0,auto,2147483903 ", true},
+        {{"trace", "0x800000FF"}, ":6,0,auto,2147483903 ", true},
         {{"frame", "off"}, "COM3:7,0,auto,1 ", true},
         {{"frame", "Twice", "a0000"}, "COM3:7,0,auto,4/655360 ", true},
         {{"frame", "never"}, "'never'", false},
         {{"frame", "on", "100000000"}, "hexadecimal", false},
         {{"frame", "on", ""}, "hexadecimal", false},
-        {{"sleep"}, "COM3:8,0,auto,3 ", true},
-        {{"sleep", "s4"}, "COM3:8,0,auto,4 ", true},
-        {{"wake"}, "COM3:9,0,auto,0 ", true},
+        {{"sleep"}, ":8,0,auto,3 ", true},
+        {{"sleep", "s4"}, ":8,0,auto,4 ", true},
+        {{"wake"}, ":9,0,auto,0 ", true},
         {{"suspend"}, "COM3:10,0,auto,1 ", true},
         {{"suspend", "0"}, "COM3:10,0,auto,0 ", true},
         {{"sleep", "S5"}, "'S5'", false},
@@ -120,6 +120,7 @@ TEST(ControlRequests, NameAPortWhenThereAreSeveral) {
     EXPECT_NE(errorOf(target, ctl({"break"})).find("--port"), std::string::npos);
     EXPECT_EQ(errorOf(target, R"({"command":"ctl","port":"com7","words":["break"]})"), "");
     EXPECT_EQ(target.done, "COM7:1,0,auto,4 ");
+    EXPECT_EQ(errorOf(target, ctl({"wake"})), "") << "is about the machine";
     EXPECT_NE(errorOf(target, R"({"command":"status","port":"COM8"})").find("COM8"), std::string::npos);
     EXPECT_EQ(json::parse(answer(target, R"({"command":"list"})"))["ports"].size(), 2u);
     target.ports_.clear();

@@ -102,7 +102,7 @@ TEST(Serve, what_a_client_leaves_unread_comes_later) {
     options.modem = comport::DeviceKind::loopback;
     options.tcp = comport::NetAddress{};
     comport::Server server(options);
-    const int fd = connected(server.urls().at(0));
+    const int fd = connected(server.served().at(0)->urls().at(0));
     std::vector<std::uint8_t> piece(16384);
     const auto byteAt = [](std::size_t at) { return static_cast<std::uint8_t>(at ^ at >> 8 ^ at >> 16); };
     std::size_t sent = 0, received = 0;

@@ -111,7 +111,7 @@ NTSTATUS Hub::remove(PIRP irp) {
         MutexGuard guard(portsMutex_);
         removed_ = true;
         functions.swap(functions_);
-        latest_.clear();
+        ports_.clear();
     }
     for (const auto& function : functions) function->destroy();
     {
@@ -145,7 +145,7 @@ NTSTATUS Hub::deviceControl(PIRP irp) {
     hub.HubIsBusPowered = options_.busPowered ? TRUE : FALSE;
     {
         MutexGuard guard(portsMutex_);
-        hub.HubDescriptor.bNumberOfPorts = static_cast<UCHAR>(std::min<std::size_t>(std::max<std::size_t>(latest_.size(), 4), 255));
+        hub.HubDescriptor.bNumberOfPorts = static_cast<UCHAR>(std::min<std::size_t>(std::max<std::size_t>(ports_.size(), 4), 255));
     }
     irp->IoStatus.Information = sizeof(USB_NODE_INFORMATION);
     return complete(irp, STATUS_SUCCESS);
@@ -187,25 +187,34 @@ void Hub::relationsChanged() {
     if (!removed_) IoInvalidateDeviceRelations(pdo_, BusRelations);
 }
 
+// The first that nothing was ever plugged into; 0 when the hub is going.
+PortNumber Hub::takePort() {
+    MutexGuard guard(portsMutex_);
+    if (removed_) return 0;
+    auto port = std::ranges::find(ports_, false, &Port::taken);
+    if (port == ports_.end()) port = ports_.emplace(ports_.end());
+    port->taken = true;
+    return static_cast<PortNumber>(port - ports_.begin() + 1);
+}
+
 PortNumber Hub::attach(std::shared_ptr<Backend> backend, const std::string& instanceId, const PortOptions& options,
                        PortNumber port) {
-    {
-        MutexGuard guard(portsMutex_);
-        if (removed_) return 0;
-        if (port == 0) {
-            latest_.emplace_back();
-            port = static_cast<PortNumber>(latest_.size());
-        }
-    }
+    const bool fresh = port == 0;
+    if (fresh) port = takePort();
+    if (port == 0) return 0;
     auto function = std::make_shared<Function>(shared_from_this(), port, std::move(backend), instanceId, options);
-    if (!function->create()) return 0;
+    if (!function->create()) {
+        MutexGuard guard(portsMutex_);
+        if (fresh && !removed_) ports_[port - 1].taken = false;
+        return 0;
+    }
     bool late;
     {
         MutexGuard guard(portsMutex_);
         late = removed_;
         if (!late) {
             functions_.push_back(function);
-            latest_[port - 1] = function;
+            ports_[port - 1].latest = function;
         }
     }
     if (late) {
@@ -218,7 +227,7 @@ PortNumber Hub::attach(std::shared_ptr<Backend> backend, const std::string& inst
 
 std::shared_ptr<Function> Hub::find(PortNumber port) const {
     MutexGuard guard(portsMutex_);
-    return port >= 1 && port <= latest_.size() ? latest_[port - 1] : nullptr;
+    return port >= 1 && port <= ports_.size() ? ports_[port - 1].latest : nullptr;
 }
 
 void Hub::forget(Function& function) {

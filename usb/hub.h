@@ -100,6 +100,7 @@ private:
     NTSTATUS queryRelations(PIRP irp);
     NTSTATUS remove(PIRP irp);
     void completer();
+    PortNumber takePort();
 
     const Bus::Options options_;
     PDRIVER_OBJECT driver_ = nullptr;
@@ -118,7 +119,11 @@ private:
     // Guarded by portsMutex_.
     mutable KMUTEX portsMutex_;
     std::vector<std::shared_ptr<Function>> functions_;  // with a PDO that exists
-    std::vector<std::shared_ptr<Function>> latest_;     // by port number
+    struct Port {
+        bool taken = false;
+        std::shared_ptr<Function> latest;
+    };
+    std::vector<Port> ports_;  // by number, from 1
     bool removed_ = false;
 };
 

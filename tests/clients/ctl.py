@@ -64,7 +64,7 @@ def listing():
     require(code == 0 and not port["open"] and port["pluggedIn"] and port["state"] == "started", f"list --json shows {name}")
     code, output, _ = comport("list")
     titles, row = output.splitlines()
-    require(titles.split() == ["PORT", "MODEM", "STATE", "OPEN", "TERMINAL", "DEVICE"] and
+    require(titles.split() == ["PORT", "MODEM", "STATE", "OPEN", "TERMINAL", "NETWORK", "DEVICE"] and
             row.split()[:5] == [name, "modem", "started", "no", LINK], f"list: {row}")
     require(comport("status", name.lower(), "--json")[0] == 0, "status of a port by its name, in any case")
     require(status()["port"] is None, "a closed port has no settings, lines and queues")
