@@ -81,6 +81,52 @@ TEST(Options, AreTaken) {
     EXPECT_EQ(check.options->traceMask, 7u);
 }
 
+TEST(Options, ManyDevices) {
+    const std::string here = "usbip://host/1-1";
+    struct Case {
+        std::size_t own;  // so many times --usb virtual
+        std::vector<std::string> more;
+        std::string refusal;  // part of it; "": taken
+    };
+    const Case cases[] = {
+        {100, {}, ""},
+        {101, {}, "at most 100"},
+        {99, {"--usb", here}, ""},
+        {100, {"--usb", here}, "101 devices"},
+        {2, {"--usb", here, "--usb", here}, here + " is given twice"},
+        {0, {"--usb", here, "--usb", "usbip://host:3240/1-1"}, "given twice"},
+        {0, {"--usb", here, "--usb", "usbip://host/1-2"}, ""},
+        {2, {"--usb", "modem"}, "'modem'"},
+        {2, {"virtual"}, "virtual"},
+        {3, {"--rfc2217", "65533"}, ""},
+        {3, {"--rfc2217", "65534"}, "not 3 ports from 65534 on"},
+        {3, {"--tcp", "65535"}, "--tcp"},
+        {3, {"--rfc2217", "0", "--tcp", "0"}, ""},
+        {3, {"--rfc2217", "2217", "--tcp", "2220"}, ""},
+        {3, {"--rfc2217", "2217", "--tcp", "2219"}, "overlap"},
+        {3, {"--rfc2217", "2219", "--tcp", "2217"}, "overlap"},
+        {3, {"--rfc2217", "[::1]:2219", "--tcp", "2217"}, ""},
+        {1, {"--rfc2217", "2218", "--tcp", "2217"}, ""},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(std::to_string(test.own) + testing::PrintToString(test.more));
+        std::vector<std::string> arguments{"serve"};
+        for (std::size_t i = 0; i < test.own; ++i) {
+            arguments.insert(arguments.end(), {"--usb", "virtual"});
+        }
+        arguments.insert(arguments.end(), test.more.begin(), test.more.end());
+        const ParseResult result = parseOptions(arguments);
+        EXPECT_EQ(result.options.has_value(), test.refusal.empty()) << result.text;
+        EXPECT_EQ(result.exitCode, test.refusal.empty() ? 0 : 2);
+        EXPECT_NE(result.text.find(test.refusal), std::string::npos) << result.text;
+    }
+    const ParseResult mixed = parseOptions({"serve", "--usb", "loopback", "--usb", here, "--usb=virtual"});
+    ASSERT_TRUE(mixed.options && mixed.options->devices.size() == 3);
+    EXPECT_EQ(mixed.options->devices[0].kind, DeviceKind::loopback) << "in the order given";
+    EXPECT_EQ(mixed.options->devices[1].kind, DeviceKind::usbip);
+    EXPECT_EQ(mixed.options->devices[2].kind, DeviceKind::modem);
+}
+
 TEST(Options, ADeviceOfAUsbipServer) {
     struct Case {
         const char* text;
