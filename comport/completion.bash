@@ -10,7 +10,8 @@ _comport() {
         ;;
     --modem) words='modem loopback' ;;
     --port) words=$(_comport_ports) ;;
-    --trace | --rfc2217 | --tcp | --usb | --usbip) return ;;
+    --usb) [ "$command" = serve ] && words='virtual loopback usbip://' || return ;;
+    --trace | --rfc2217 | --tcp | --usbip) return ;;
     *)
         if [ "$COMP_CWORD" = 1 ]; then
             words='serve check list status ctl modem --help --version'
