@@ -35,12 +35,10 @@ constexpr Figure figures[] = {
     {"toWire/controls/bytes", "toWire/controls/yardstick", true, 1.0, "the same, control characters escaped"},
     {"smallWrite/checked", "smallWrite/yardstick", false, 6.0, "64-byte write, verifier on"},
     {"smallWrite/unchecked", "smallWrite/yardstick", false, 3.0, "64-byte write, verifier off"},
-    {"portsToDevice/ten", "portsToDevice/one", false, 1.5, "application to device, 10 ports beside 1"},
-    {"portsToDevice/hundred", "portsToDevice/one", false, 1.5, "application to device, 100 ports beside 1"},
-    {"portsToApplication/ten", "portsToApplication/one", false, 1.5, "device to application, 10 ports beside 1"},
-    {"portsToApplication/hundred", "portsToApplication/one", false, 1.5, "device to application, 100 ports beside 1"},
-    {"portsEcho/ten", "portsEcho/one", false, 1.5, "echo through the program, 10 ports beside 1"},
-    {"portsEcho/hundred", "portsEcho/one", false, 1.5, "echo through the program, 100 ports beside 1"},
+    {"portsPaced/ten", "portsPaced/one", false, 1.5, "a message each 10 ms on 10 ports, beside 1"},
+    {"portsPaced/hundred", "portsPaced/one", false, 1.5, "the same on 100 ports"},
+    {"portsFlatOut/hundred", "portsFlatOut/one", false, 3.0, "without a pause, 100 ports beside 1"},
+    {"bareFlatOut/hundred", "bareFlatOut/one", false, 3.0, "the same, bare threads that echo"},
 };
 
 class Medians : public benchmark::ConsoleReporter {

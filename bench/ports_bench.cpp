@@ -1,137 +1,107 @@
-// What a byte costs, in processor time of the whole process, when one, ten and a hundred ports carry traffic at the same time. Each
-// iteration moves one piece on the next port; main.cpp compares ten and a hundred with one.
+// What a byte costs, in processor time of the whole process, client included, when one, ten and a hundred ports of the program carry
+// traffic at the same time. An iteration is one message there and back; main.cpp compares ten and a hundred with one.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
-#include <deque>
+#include <algorithm>
+#include <array>
+#include <chrono>
 #include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <thread>
 #include <vector>
 
-#include "bench/bench_rig.h"
 #include "comport/server.h"
 #include "comport/unique_fd.h"
 
 namespace {
 
-constexpr std::size_t writeSize = 4096;
-constexpr std::size_t readSize = 65536;
-constexpr unsigned inFlight = 4;
+constexpr std::size_t messageSize = 4096;
 
-// Requests kept going on each port; the caller waits for the oldest, port after port.
-class Streams {
-public:
-    Streams(std::vector<nt::File>& ports, std::size_t size) {
-        for (unsigned i = 0; i < inFlight; ++i) {
-            for (nt::File& port : ports) {
-                slots_.emplace_back(port, size);
-            }
-        }
+std::uint16_t portOf(const std::string& url) { return static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))); }
+
+comport::UniqueFd connectedTo(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    comport::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        throw std::runtime_error("cannot connect to port " + std::to_string(port));
     }
-    template <class Issue> void run(benchmark::State& state, Issue issue) {
-        for (Slot& slot : slots_) {
-            issue(slot.port, slot.request, slot.buffer);
-        }
-        std::uint64_t bytes = 0;
-        std::size_t next = 0;
-        for (auto _ : state) {
-            Slot& slot = slots_[next];
-            next = (next + 1) % slots_.size();
-            slot.done.acquire();
-            bytes += slot.request.information();
-            issue(slot.port, slot.request, slot.buffer);
-        }
-        state.SetBytesProcessed(static_cast<std::int64_t>(bytes));
-        for (Slot& slot : slots_) {
-            slot.done.acquire();
-        }
-    }
-
-private:
-    struct Slot {
-        Slot(nt::File& of, std::size_t size) : port(of), buffer(size, 0x55) { request.setCompletion(ended, this); }
-        nt::File& port;
-        nt::Request request;
-        std::vector<std::uint8_t> buffer;
-        std::binary_semaphore done{0};
-    };
-    static void ended(nt::Request&, void* context) { static_cast<Slot*>(context)->done.release(); }
-    std::deque<Slot> slots_;
-};
-
-void portsToDevice(benchmark::State& state) {
-    bench::Rig rig(true, static_cast<unsigned>(state.range(0)));
-    Streams(rig.open(), writeSize).run(state, [](nt::File& port, nt::Request& request, std::vector<std::uint8_t>& buffer) {
-        port.write(request, buffer.data(), static_cast<ULONG>(buffer.size()));
-    });
+    return fd;
 }
 
-void portsToApplication(benchmark::State& state) {
-    bench::Rig rig(true, static_cast<unsigned>(state.range(0)), bench::Answers::pours);
-    Streams(rig.open(), readSize).run(state, [](nt::File& port, nt::Request& request, std::vector<std::uint8_t>& buffer) {
-        port.read(request, buffer.data(), static_cast<ULONG>(buffer.size()));
-    });
-}
-
-// One client for all ports of the program: as many bytes under way on each, there and back through loop plugs.
+// One client for all ports of the program: messages there and back through loop plugs.
 class Clients {
 public:
-    explicit Clients(const std::vector<const comport::ServedPort*>& ports) {
-        for (const comport::ServedPort* port : ports) {
-            const std::string url = port->urls().at(0);
-            sockaddr_in address{};
-            address.sin_family = AF_INET;
-            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
-            sockets_.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-            if (::connect(sockets_.back().get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-                throw std::runtime_error("cannot connect to " + url);
-            }
-            polls_.push_back({sockets_.back().get(), POLLIN, 0});
-        }
-        for (const pollfd& entry : polls_) {
-            sendAll(entry.fd, inFlight * writeSize);
+    explicit Clients(const std::vector<std::uint16_t>& ports) : ready_(::epoll_create1(EPOLL_CLOEXEC)) {
+        for (const std::uint16_t port : ports) {
+            sockets_.push_back({connectedTo(port), 0});
+            epoll_event event{};
+            event.events = EPOLLIN;
+            event.data.u64 = sockets_.size() - 1;
+            ::epoll_ctl(ready_.get(), EPOLL_CTL_ADD, sockets_.back().fd.get(), &event);
         }
     }
-    // Passes on what has come back on the ports that have something, until that were so many bytes.
-    std::size_t move(std::size_t wanted) {
-        std::size_t moved = 0;
-        while (moved < wanted) {
-            if (::poll(polls_.data(), polls_.size(), 10'000) <= 0) {
+    // A message on each; back when all of them are.
+    void round() {
+        for (Socket& socket : sockets_) {
+            if (::send(socket.fd.get(), message_.data(), messageSize, MSG_NOSIGNAL) != static_cast<ssize_t>(messageSize)) {
+                throw std::runtime_error("a port takes nothing more");
+            }
+            socket.missing = messageSize;
+        }
+        for (std::size_t waiting = sockets_.size(); waiting != 0;) {
+            std::array<epoll_event, 100> events;
+            const int count = ::epoll_wait(ready_.get(), events.data(), events.size(), 10'000);
+            for (int i = 0; i < count; ++i) {
+                Socket& socket = sockets_[events[static_cast<std::size_t>(i)].data.u64];
+                const ssize_t length = ::recv(socket.fd.get(), message_.data(), messageSize, 0);
+                socket.missing -= static_cast<std::size_t>(length > 0 ? length : 0);
+                waiting -= socket.missing == 0;
+            }
+            if (count <= 0) {
                 throw std::runtime_error("nothing comes back");
             }
-            for (const pollfd& entry : polls_) {
-                if (entry.revents != 0) {
-                    const ssize_t length = ::recv(entry.fd, piece_.data(), piece_.size(), 0);
-                    sendAll(entry.fd, length);
-                    moved += static_cast<std::size_t>(length);
-                }
-            }
         }
-        return moved;
     }
 
 private:
-    void sendAll(int fd, ssize_t length) {
-        if (length <= 0 || ::send(fd, piece_.data(), static_cast<std::size_t>(length), MSG_NOSIGNAL) != length) {
-            throw std::runtime_error("the connection is lost");
-        }
-    }
-    std::vector<comport::UniqueFd> sockets_;
-    std::vector<pollfd> polls_;
-    std::vector<char> piece_ = std::vector<char>(inFlight * writeSize, 'x');
+    struct Socket {
+        comport::UniqueFd fd;
+        std::size_t missing;  // of the message under way
+    };
+    comport::UniqueFd ready_;
+    std::vector<Socket> sockets_;
+    std::vector<char> message_ = std::vector<char>(messageSize, 'x');
 };
 
-void portsEcho(benchmark::State& state) {
+// A message on each port, again and again, at most each `period`.
+void rounds(benchmark::State& state, const std::vector<std::uint16_t>& ports, std::chrono::milliseconds period) {
+    Clients clients(ports);
+    auto next = std::chrono::steady_clock::now();
+    const auto count = static_cast<benchmark::IterationCount>(ports.size());
+    while (state.KeepRunningBatch(count)) {
+        std::this_thread::sleep_until(next);
+        next = std::max(next + period, std::chrono::steady_clock::now());
+        clients.round();
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(messageSize));
+}
+
+void echo(benchmark::State& state, std::chrono::milliseconds period) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &limit);
     comport::Options options;
     options.command = comport::Command::check;
+    options.registryFile.clear();
     options.traceMask = 0;
     options.tcp = comport::NetAddress{};
     options.devices.assign(static_cast<std::size_t>(state.range(0)), comport::DeviceName{comport::DeviceKind::loopback, {}});
@@ -139,15 +109,44 @@ void portsEcho(benchmark::State& state) {
     options.ptyLink = links.string();
     {
         comport::Server server(options);
-        Clients clients(server.served());
-        constexpr std::size_t batch = 1 << 20;
-        std::uint64_t bytes = 0;
-        for (auto _ : state) {
-            bytes += clients.move(batch);
+        std::vector<std::uint16_t> ports;
+        for (const comport::ServedPort* port : server.served()) {
+            ports.push_back(portOf(port->urls().at(0)));
         }
-        state.SetBytesProcessed(static_cast<std::int64_t>(bytes));
+        rounds(state, ports, period);
     }
     std::filesystem::remove_all(links);
+}
+
+void portsPaced(benchmark::State& state) { echo(state, std::chrono::milliseconds(10)); }
+void portsFlatOut(benchmark::State& state) { echo(state, std::chrono::milliseconds(0)); }
+
+// The yardstick: a thread for each connection that sends back what it received.
+void bareFlatOut(benchmark::State& state) {
+    std::vector<std::uint16_t> ports;
+    std::vector<std::thread> threads;
+    for (std::int64_t i = 0; i < state.range(0); ++i) {
+        const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        socklen_t length = sizeof(address);
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        ::listen(listener, 1);
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+        ports.push_back(ntohs(address.sin_port));
+        threads.emplace_back([listener] {
+            const comport::UniqueFd owned(listener), fd(::accept(listener, nullptr, nullptr));
+            std::vector<char> bytes(messageSize);
+            for (ssize_t got; (got = ::recv(fd.get(), bytes.data(), bytes.size(), 0)) > 0;) {
+                ::send(fd.get(), bytes.data(), static_cast<std::size_t>(got), MSG_NOSIGNAL);
+            }
+        });
+    }
+    rounds(state, ports, std::chrono::milliseconds(0));
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
 }
 
 void oneTenAndHundred(const char* name, void (*body)(benchmark::State&)) {
@@ -157,9 +156,9 @@ void oneTenAndHundred(const char* name, void (*body)(benchmark::State&)) {
 }
 
 const bool registered = [] {
-    oneTenAndHundred("portsToDevice", portsToDevice);
-    oneTenAndHundred("portsToApplication", portsToApplication);
-    oneTenAndHundred("portsEcho", portsEcho);
+    oneTenAndHundred("portsPaced", portsPaced);
+    oneTenAndHundred("portsFlatOut", portsFlatOut);
+    oneTenAndHundred("bareFlatOut", bareFlatOut);
     return true;
 }();
 
