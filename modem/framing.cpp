@@ -9,13 +9,10 @@ namespace {
 
 constexpr std::uint8_t requestStart = 0x10;
 constexpr std::uint8_t requestStop = 0x11;
-constexpr std::uint8_t magicLow = 0xAA;
-constexpr std::uint8_t magicHigh = 0xBB;
-constexpr std::uint8_t sequenceMask = 0x1F;
 
 // A packet may end the longest frame and hold as many short ones as fit; each byte may be escaped, each frame has two flags.
-constexpr std::size_t shortFrames = Framing::packetBytes / (Framing::headBytes + 1) + 1;
-static_assert(2 * (Framing::frameLimit + Framing::packetBytes) + 2 * shortFrames <= Framing::roomForPacket);
+constexpr std::size_t shortFrames = Framing::packetBytes / (deviceFrameHead + 1) + 1;
+static_assert(2 * (deviceFrameLimit + Framing::packetBytes) + 2 * shortFrames <= Framing::roomForPacket);
 
 }  // namespace
 
@@ -94,9 +91,8 @@ void Framing::begin() {
     ++counters_.starts;
     silentUntilMs_ = nowMs_ + settleMs;
     rawTail_ = !again;
-    headLength_ = missing_ = 0;
-    lost_ = false;
-    expected_ = sequence_ = 0;
+    reader_.reset();
+    sequence_ = 0;
     cutter_.reset(false);
     framed_.clear();
     askedAgain_ = mode_ == FramingMode::twice && !again;
@@ -178,56 +174,30 @@ std::size_t Framing::unframe(std::span<const std::uint8_t> data, ByteRing& bytes
             receive(byte, bytes);
         taken += packet.size();
     }
+    counters_.gaps = reader_.gaps();
+    counters_.badHeaders = reader_.badHeaders();
     return taken;
 }
 
 void Framing::receive(std::uint8_t byte, ByteRing& bytes) {
     if (rawTail_) {
         // Sent before the switch and held up: it ends with a flag, and no PPP frame begins as a device frame does.
-        rawTail_ = watcher_.inFrame() || byte != magicLow;
+        rawTail_ = watcher_.inFrame() || byte != deviceFrameMagicLow;
         if (rawTail_) {
             watcher_.put(byte);
             bytes.push({&byte, 1});
             return;
         }
     }
-    if (missing_ == 0) {
-        head_[headLength_++] = byte;
-        header();
-        return;
-    }
-    frame_.push_back(byte);
-    if (--missing_ != 0)
+    const bool ended = reader_.put(byte);
+    if (ended || reader_.inFrame())
+        silentUntilMs_ = nowMs_;
+    if (!ended)
         return;
     encoded_.clear();
-    encodeHdlcWithFcs(encoded_, frame_, everyControlCharacter);
+    encodeHdlcWithFcs(encoded_, reader_.frame(), everyControlCharacter);
     bytes.push(encoded_);
     ++counters_.framesIn;
-}
-
-// A byte of a header has come.
-void Framing::header() {
-    const std::size_t length = (head_[2] & 7u) << 8 | head_[3];
-    const bool good = head_[0] == magicLow && (headLength_ < 2 || head_[1] == magicHigh) &&
-                      (headLength_ < headBytes || length >= headBytes);
-    if (!good) {
-        counters_.badHeaders += !lost_;
-        lost_ = true;
-        const bool mayBegin = headLength_ > 1 && head_[headLength_ - 1] == magicLow;
-        headLength_ = mayBegin ? 1 : 0;
-        head_[0] = magicLow;
-        return;
-    }
-    if (headLength_ < headBytes)
-        return;
-    const auto number = static_cast<std::uint8_t>(head_[2] >> 3);
-    counters_.gaps += (number - expected_) & sequenceMask;
-    expected_ = (number + 1) & sequenceMask;
-    headLength_ = 0;
-    lost_ = false;
-    silentUntilMs_ = nowMs_;
-    frame_.clear();
-    missing_ = length - headBytes;
 }
 
 // ---- to the host ----
@@ -237,13 +207,13 @@ void Framing::frame(std::span<const std::uint8_t> bytes) {
         if (!cutter_.put(byte))
             continue;
         const auto payload = cutter_.frame();
-        const std::size_t length = headBytes + payload.size();
-        const std::array<std::uint8_t, headBytes> head{magicLow, magicHigh,
-                                                       static_cast<std::uint8_t>(sequence_ << 3 | length >> 8),
-                                                       static_cast<std::uint8_t>(length)};
+        const std::size_t length = deviceFrameHead + payload.size();
+        const std::array<std::uint8_t, deviceFrameHead> head{deviceFrameMagicLow, deviceFrameMagicHigh,
+                                                             static_cast<std::uint8_t>(sequence_ << 3 | length >> 8),
+                                                             static_cast<std::uint8_t>(length)};
         framed_.push(head);
         framed_.push(payload);
-        sequence_ = (sequence_ + 1) & sequenceMask;
+        sequence_ = (sequence_ + 1) & deviceFrameSequenceMask;
         ++counters_.framesOut;
     }
     const HdlcCounters& cut = cutter_.counters();

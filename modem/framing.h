@@ -4,9 +4,8 @@
 //   asked, stopping --no answer in time--> bytes
 //   asked --call ends--> stopping, or bytes when the host had not heard of it
 //
-// While framed, both directions carry device frames: 0xAA 0xBB, then 16 bits, high byte first: a sequence number (5) and the
-// length with these four bytes (11), then a PPP frame without flags and escapes. From the host it brings its FCS along; to the
-// host it has none. The call itself is a stream of RFC 1662 bytes all the time.
+// While framed, both directions carry device frames (device_frame.h). From the host a frame brings its FCS along; to the host it
+// has none. The call itself is a stream of RFC 1662 bytes all the time.
 //
 // The host takes what the modem sends by the mode it is in when it looks, so the modem is silent from the reading of the
 // escapes, or from asking for the end, until shortly after the host has answered.
@@ -14,6 +13,7 @@
 #pragma once
 
 #include "modem/byte_ring.h"
+#include "modem/device_frame.h"
 #include "modem/hdlc.h"
 #include "modem/signals.h"
 
@@ -40,8 +40,6 @@ class Framing {
   public:
     enum class State : std::uint8_t { bytes, asked, framing, stopping };
 
-    static constexpr std::size_t headBytes = 4;
-    static constexpr std::size_t frameLimit = 0x7FF;     // bytes of a device frame
     static constexpr std::size_t packetBytes = 64;
     static constexpr std::size_t roomForPacket = 4'608;  // what unframing one packet may need: the end of a long frame, escaped
     static constexpr std::size_t chunkBytes = 2'048;     // what frame() takes at once
@@ -93,7 +91,6 @@ class Framing {
     void begin();
     void leave();
     void receive(std::uint8_t byte, ByteRing& bytes);
-    void header();
 
     std::int64_t nowMs_ = 0;
     FramingMode mode_ = FramingMode::on;
@@ -110,18 +107,13 @@ class Framing {
     std::deque<std::uint8_t> notices_;
 
     // From the host. The watcher sees the bytes of the call until framing begins; rawTail_: some of them may still come.
-    HdlcDecoder watcher_{frameLimit};
+    HdlcDecoder watcher_{deviceFrameLimit};
     bool rawTail_ = false;
-    std::array<std::uint8_t, headBytes> head_{};
-    std::size_t headLength_ = 0;
-    std::size_t missing_ = 0;  // of the frame's bytes
-    bool lost_ = false;        // looking for a header
-    std::uint8_t expected_ = 0;
-    std::vector<std::uint8_t> frame_;
+    DeviceFrameReader reader_;
     std::vector<std::uint8_t> encoded_;
 
     // To the host.
-    HdlcDecoder cutter_{frameLimit - headBytes};
+    HdlcDecoder cutter_{deviceFrameLimit - deviceFrameHead};
     std::uint8_t sequence_ = 0;
     ByteRing framed_{framedBytes};
 
