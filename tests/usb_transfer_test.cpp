@@ -1,5 +1,6 @@
 // URBs against a scripted device, with nothing between the test and the bus driver but a driver that passes requests down.
 #include "tests/support/rig.h"
+#include "tests/support/tap_check.h"
 #include "tests/support/usb_client.h"
 
 #include "kernel/pool.h"
@@ -10,8 +11,9 @@ using namespace test;
 
 namespace {
 
-RigOptions busOnly(std::uint64_t seed = 1) {
+RigOptions busOnly(std::uint64_t seed, usb::Tap& tap) {
     RigOptions options;
+    options.bus.tap = &tap;
     options.seed = seed;
     options.loadDriver = false;
     options.plug = false;
@@ -21,11 +23,12 @@ RigOptions busOnly(std::uint64_t seed = 1) {
 
 // A rig, the client, a device, its configuration selected.
 struct Wire {
-    explicit Wire(std::uint64_t seed = 1, const CdcShape& shape = {}) : rig(busOnly(seed)), client(rig.executive()) {
+    explicit Wire(std::uint64_t seed = 1, const CdcShape& shape = {}) : rig(busOnly(seed, tap)), client(rig.executive()) {
         rig.plug(std::make_unique<ScriptedDevice>(shape), "0001", true);
         EXPECT_NE(UsbClient::lower(), nullptr);
         EXPECT_EQ(UsbClient::configure(pipes), STATUS_SUCCESS);
     }
+    TapCheck tap;
     TestRig rig;
     UsbClient client;
     ClientPipes pipes;
@@ -44,6 +47,7 @@ TEST(UsbTransfer, OutTransfersEndWhereAShortPacketDoes) {
     ClientRequest request;
     const std::vector<std::vector<std::size_t>> cases = {{1}, {63}, {64, 0}, {65}, {128, 64, 10}, {4096, 0}, {0}};
     std::vector<std::string> expected;
+    std::string all;
     for (const auto& transfers : cases) {
         std::string whole;
         for (const std::size_t length : transfers) {
@@ -54,8 +58,12 @@ TEST(UsbTransfer, OutTransfersEndWhereAShortPacketDoes) {
             whole += data;
         }
         expected.push_back(whole);
+        all += whole;
     }
     EXPECT_EQ(s.rig.device([](ScriptedDevice& d) { return d.outMessages(); }), expected);
+    EXPECT_EQ(s.tap.all(0x01), all);
+    const Bytes device = s.rig.device([](ScriptedDevice& d) { return d.deviceBytes; });
+    EXPECT_EQ(bytesOf(s.tap.seen.front().data), device) << "what the bus asks for by itself is seen, too";
 }
 
 TEST(UsbTransfer, InTransfersEndAtAShortPacketOrWhenFull) {
@@ -266,6 +274,7 @@ TEST(UsbTransfer, FaultsShowAsTheirStatuses) {
             ClientRequest request;
             request.data(s.pipes.out, false, data, sizeof data).run();
             EXPECT_EQ(request.usbd(), fails ? c.usbd : USBD_STATUS_SUCCESS);
+            EXPECT_EQ(s.tap.seen.back().status, fails ? c.status : usb::TransferStatus::ok);
         }
         EXPECT_EQ(s.rig.device([](ScriptedDevice& d) { return d.outBytes; }), sizeof data);
     }
@@ -315,6 +324,7 @@ TEST(UsbRace, ACancelledReadLosesNoByte) {
             got.append(buffer[0], read.length());
         }
         EXPECT_EQ(got, sent);
+        EXPECT_EQ(s.tap.all(0x81), sent);
     }
 }
 
@@ -362,10 +372,13 @@ TEST(UsbRace, EveryPendingRequestEndsOnceWhenTheDeviceIsUnplugged) {
         s.rig.unplug();
         sender.join();
         canceller.join();
+        std::size_t gone = 0;
         for (std::size_t i = 0; i < all.size(); ++i) {
             ASSERT_NE(all[i]->wait(100), STATUS_TIMEOUT) << i;
             EXPECT_EQ(all[i]->completions, 1u) << i;
+            gone += i < 6 && all[i]->usbd() == USBD_STATUS_DEVICE_GONE;
         }
+        EXPECT_EQ(s.tap.count(usb::TransferStatus::gone), gone);
         EXPECT_EQ(s.rig.statistics().pending, 0u);
     }
 }

@@ -55,6 +55,9 @@ struct Transfer {
     std::uint32_t actual = 0;
     TransferStatus status = TransferStatus::ok;
 
+    // A listener's own, from submission to completion (tap.h).
+    std::uint64_t tapTag = 0;
+
     // The backend's own while it owns the transfer.
     Transfer* next = nullptr;
     Transfer* previous = nullptr;

@@ -56,7 +56,7 @@ constexpr LONGLONG descriptorTimeoutMs = 1000;
 
 Function::Function(std::shared_ptr<Hub> hub, PortNumber port, std::shared_ptr<Backend> backend,
                    std::string instanceId, const PortOptions& options)
-    : hub_(std::move(hub)), port_(port), backend_(std::move(backend)), instanceId_(std::move(instanceId)),
+    : hub_(std::move(hub)), tap_(hub_->tap()), port_(port), backend_(std::move(backend)), instanceId_(std::move(instanceId)),
       options_(options) {
     KeInitializeSpinLock(&lock_);
     KeInitializeMutex(&backendMutex_, 0);
@@ -125,13 +125,14 @@ std::uint32_t Function::readDescriptor(std::uint8_t type, std::uint8_t* data, st
     own.transfer.length = length;
     own.transfer.complete = OwnTransfer::completed;
     own.transfer.context = &own;
-    backend_->submit(&own.transfer);
+    toBackend(own.transfer);
     LARGE_INTEGER timeout;
     timeout.QuadPart = -descriptorTimeoutMs * 10000;
     if (KeWaitForSingleObject(&own.done, Executive, KernelMode, FALSE, &timeout) == STATUS_TIMEOUT) {
         backend_->cancel(&own.transfer);
         KeWaitForSingleObject(&own.done, Executive, KernelMode, FALSE, nullptr);
     }
+    fromBackend(own.transfer);
     return own.transfer.status == TransferStatus::ok ? own.transfer.actual : 0;
 }
 

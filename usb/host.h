@@ -25,6 +25,7 @@ class Executive;
 namespace usb {
 
 class Hub;
+class Tap;
 
 using PortNumber = unsigned;  // from 1
 
@@ -71,6 +72,7 @@ class Bus {
 public:
     struct Options {
         bool busPowered = false;
+        Tap* tap = nullptr;  // listens in; outlives the bus
     };
 
     // PASSIVE_LEVEL. Loads the hub driver as the service "usbhub" unless it is there, and adds a root hub. Throws

@@ -14,6 +14,7 @@
 #include "usb/backend.h"
 #include "usb/host.h"
 #include "usb/sync.h"
+#include "usb/tap.h"
 
 #include "kernel/thread.h"
 
@@ -84,6 +85,7 @@ public:
 
     PDRIVER_OBJECT driver() const { return driver_; }
     PDEVICE_OBJECT pdo() const { return pdo_; }
+    Tap* tap() const { return options_.tap; }
     // Completes a request on the hub's thread, with the status it carries. IRQL <= DISPATCH_LEVEL. The function's (if one is
     // named) rundown has been entered for it and is left afterwards.
     void completeLater(PIRP irp, Function* function);
@@ -200,6 +202,15 @@ private:
     void endHeld(NTSTATUS status);
     static DRIVER_CANCEL cancelHeld;
 
+    // Every transfer's way to the backend, and what is known when it has come back.
+    void toBackend(Transfer& transfer) {
+        if (tap_ != nullptr) tap_->submitted(port_, transfer);
+        backend_->submit(&transfer);
+    }
+    void fromBackend(const Transfer& transfer) {
+        if (tap_ != nullptr) tap_->completed(port_, transfer);
+    }
+
     // urb.cpp
     NTSTATUS submitUrb(PIRP irp);
     NTSTATUS refuseUrb(PIRP irp, PURB urb, USBD_STATUS status);
@@ -234,6 +245,7 @@ private:
     USBD_STATUS openInterface(const USB_CONFIGURATION_DESCRIPTOR& configuration, USBD_INTERFACE_INFORMATION& wanted);
 
     const std::shared_ptr<Hub> hub_;
+    Tap* const tap_;  // null: nobody listens
     const PortNumber port_;
     const std::shared_ptr<Backend> backend_;
     const std::string instanceId_;

@@ -356,7 +356,7 @@ void Function::submitLocked(UrbRequest* request) {
     ++statistics_.pending;
     irp->Tail.Overlay.DriverContext[0] = request;
     IoSetCancelRoutine(irp, cancelUrb);
-    backend_->submit(&request->transfer);
+    toBackend(request->transfer);
     // Cancelled before the routine was there: if nobody has called it, it is ours to act.
     if (irp->Cancel && IoSetCancelRoutine(irp, nullptr) != nullptr) {
         request->cancelSeen = true;
@@ -430,6 +430,7 @@ void Function::settleUrb(UrbRequest* request) {
     Transfer& transfer = request->transfer;
     const PURB urb = request->urb;
     if (gone_ && transfer.status != TransferStatus::ok) transfer.status = TransferStatus::gone;
+    fromBackend(transfer);
     Ending ending = endingOf(transfer.status);
     const bool counted = request->kind == UrbRequest::Kind::data || request->kind == UrbRequest::Kind::control;
     if (counted) {
