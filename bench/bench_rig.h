@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "comport/capture.h"
 #include "kernel/executive.h"
 #include "kernel/file.h"
 #include "tests/support/scripted_device.h"
@@ -61,13 +63,18 @@ private:
 
 class Rig {
 public:
-    explicit Rig(bool verifier, unsigned ports = 1, Answers answers = Answers::takes) {
+    // With `capture` everything on the bus is captured there.
+    explicit Rig(bool verifier, unsigned ports = 1, Answers answers = Answers::takes, const std::string& capture = {}) {
+        if (!capture.empty()) {
+            const auto tell = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
+            capture_ = std::make_unique<comport::Capture>(comport::Capture::Options{.path = capture, .tell = tell});
+        }
         nt::Options options;
         options.mode = nt::Mode::real;
         options.verifier = verifier;
         executive_ = std::make_unique<nt::Executive>(options);
         // Assertions and errors would be printed; the benchmarks are about the quiet driver.
-        bus_ = std::make_unique<usb::Bus>(*executive_);
+        bus_ = std::make_unique<usb::Bus>(*executive_, usb::Bus::Options{.tap = capture_.get()});
         if (!NT_SUCCESS(executive_->loadDriver("qvcdcacm", DriverEntry))) {
             throw std::runtime_error("the driver does not load");
         }
@@ -100,6 +107,7 @@ public:
     nt::File& port() { return files_.empty() ? open().front() : files_.front(); }
 
 private:
+    std::unique_ptr<comport::Capture> capture_;
     std::unique_ptr<nt::Executive> executive_;
     std::unique_ptr<usb::Bus> bus_;
     std::vector<nt::File> files_;

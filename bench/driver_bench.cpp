@@ -63,8 +63,9 @@ void copyThrice(std::vector<std::uint8_t> (&buffers)[4], std::size_t size) {
     }
 }
 
-void toDevice(benchmark::State& state) {
-    bench::Rig rig(true);
+// A captured run goes nowhere: what the data path pays, and the writer's copy.
+void toDevice(benchmark::State& state, const char* capture) {
+    bench::Rig rig(true, 1, bench::Answers::takes, capture);
     nt::File& port = rig.port();
     Pipeline pipeline(writeSize);
     pipeline.run(state, [&](nt::Request& request, std::vector<std::uint8_t>& buffer) {
@@ -86,8 +87,8 @@ void toDeviceYardstick(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * writePiece));
 }
 
-void toApplication(benchmark::State& state) {
-    bench::Rig rig(true, 1, bench::Answers::pours);
+void toApplication(benchmark::State& state, const char* capture) {
+    bench::Rig rig(true, 1, bench::Answers::pours, capture);
     nt::File& port = rig.port();
     Pipeline pipeline(readSize);
     pipeline.run(state, [&](nt::Request& request, std::vector<std::uint8_t>& buffer) {
@@ -152,9 +153,11 @@ void smallWriteYardstick(benchmark::State& state) {
     }
 }
 
-BENCHMARK(toDevice)->Name("toDevice")->UseRealTime()->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(toDevice, , "")->Name("toDevice")->UseRealTime()->MeasureProcessCPUTime();
 BENCHMARK(toDeviceYardstick)->Name("toDevice/yardstick")->UseRealTime();
-BENCHMARK(toApplication)->Name("toApplication")->UseRealTime()->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(toApplication, , "")->Name("toApplication")->UseRealTime()->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(toDevice, captured, "/dev/null")->Name("toDevice/captured")->UseRealTime()->MeasureProcessCPUTime();
+BENCHMARK_CAPTURE(toApplication, captured, "/dev/null")->Name("toApplication/captured")->UseRealTime()->MeasureProcessCPUTime();
 BENCHMARK(toApplicationYardstick)->Name("toApplication/yardstick")->UseRealTime();
 BENCHMARK(smallWrite)->Name("smallWrite/checked")->Arg(1);
 BENCHMARK(smallWrite)->Name("smallWrite/unchecked")->Arg(0);

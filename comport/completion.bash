@@ -4,7 +4,7 @@ _comport() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]-}
     local words='' order='' i
     case $previous in
-    --registry | --pty-link | --trace-file | --control)
+    --registry | --pty-link | --trace-file | --capture | --control)
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
         ;;
@@ -17,8 +17,8 @@ _comport() {
             words='serve check list status ctl modem --help --version'
         else
             case $command in
-            serve) words='--registry --pty-link --modem --usb --rfc2217 --tcp --kick --control --trace --trace-file --no-verifier --help' ;;
-            check) words='--trace --trace-file --no-verifier --help' ;;
+            serve) words='--registry --pty-link --modem --usb --rfc2217 --tcp --kick --control --trace --trace-file --capture --no-verifier --help' ;;
+            check) words='--trace --trace-file --capture --no-verifier --help' ;;
             modem) words='--usbip --modem --help' ;;
             list) words='--json --control --usb --help' ;;
             status) words="--json --control --help $(_comport_ports)" ;;

@@ -109,7 +109,9 @@ int serve(const comport::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // What cannot be written is told by the call.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     comport::ParseResult parsed = comport::parseOptions({argv + 1, argv + argc});
     if (!parsed.options) {
         std::fputs(parsed.text.c_str(), parsed.exitCode == 0 ? stdout : stderr);

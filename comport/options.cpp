@@ -120,6 +120,12 @@ struct Parser {
                 ->take_last()
                 ->check(checkName)
                 ->type_name("FILE");
+            command->add_option("--capture", options.captureFile,
+                                "Write what passes on the USB wire to a pcap file, PPP frames to FILE.N.ppp.pcap (without FILE's "
+                                ".pcap; N is the device)")
+                ->take_last()
+                ->check(checkName)
+                ->type_name("FILE");
             command->add_flag("!--no-verifier", options.verifier, "Do not check the rules of the kernel while running");
         }
     }

@@ -21,6 +21,7 @@ struct Options {
     bool kick = false;                  // a new network client ends the one before it
     std::optional<std::uint32_t> traceMask;
     std::string traceFile;     // "" = stderr
+    std::string captureFile;   // "" = no capture
     bool verifier = true;
     std::vector<DeviceName> devices;    // serve: what is plugged in; empty: `modem` alone
     DeviceKind modem = DeviceKind::modem;  // modem: what is exported

@@ -45,6 +45,11 @@ Server::Server(const Options& options) {
                                      "; give a file that can be written");
         }
     }
+    if (!options.captureFile.empty()) {
+        capture_ = std::make_unique<Capture>(Capture::Options{
+            .path = options.captureFile,
+            .tell = [](const std::string& sentence) { std::fprintf(stderr, "comport: %s\n", sentence.c_str()); }});
+    }
     try {
         boot(options);
     } catch (...) {
@@ -69,7 +74,7 @@ void Server::boot(const Options& options) {
     if (options.traceMask) {
         setTraceMask(*options.traceMask);
     }
-    bus_ = std::make_unique<usb::Bus>(*executive_);
+    bus_ = std::make_unique<usb::Bus>(*executive_, usb::Bus::Options{.tap = capture_.get()});
     NTSTATUS status = executive_->loadDriver(service, DriverEntry);
     if (!NT_SUCCESS(status)) {
         throw std::runtime_error("the driver does not load");
@@ -181,6 +186,7 @@ std::vector<std::string> Server::stop() {
     users_.reset();
     bus_.reset();
     executive_.reset();
+    capture_.reset();
     return left;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "comport/capture.h"
 #include "comport/control.h"
 #include "comport/control_socket.h"
 #include "comport/options.h"
@@ -53,6 +54,7 @@ private:
     static void logEvent(void* context, const nt::ErrorLogEntry& entry);
 
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> traceFile_{nullptr, std::fclose};
+    std::unique_ptr<Capture> capture_;
     std::unique_ptr<nt::Executive> executive_;
     std::unique_ptr<usb::Bus> bus_;
     std::unique_ptr<TerminalUsers> users_;

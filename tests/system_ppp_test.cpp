@@ -1,8 +1,11 @@
 // Dial-up through everything: a PPP client on the port, the driver, the bus, and the modem as an access server, in every way
 // the modem may ask for framing.
+#include "comport/framing_watch.h"
 #include "modem/modem.h"
+#include "modem/ppp_endpoint.h"
 #include "tests/support/ppp_client.h"
 #include "tests/system_port.h"
+#include "usb/tap.h"
 
 namespace {
 
@@ -16,8 +19,21 @@ using test::TestRig;
 constexpr ULONG atOnce = 0xFFFFFFFF;  // reads give what is there
 constexpr std::uint32_t retransmitMs = 400;
 
-RigOptions withoutDevice(std::uint64_t seed) {
+// Counts the frames that a capture would have of the calls.
+struct FrameTap : usb::Tap {
+    void submitted(unsigned, usb::Transfer&) override {}
+    void completed(unsigned, const usb::Transfer& transfer) override { watch.completed(transfer); }
+
+    std::uint64_t sent = 0, received = 0, broken = 0;
+    comport::FramingWatch watch{[this](bool toModem, std::span<const std::uint8_t> frame) {
+        ++(toModem ? sent : received);
+        broken += !modem::pppHead(frame) || (toModem && modem::fcs16(frame) == modem::goodFcs16);
+    }};
+};
+
+RigOptions withoutDevice(std::uint64_t seed, usb::Tap& tap) {
     RigOptions options;
+    options.bus.tap = &tap;
     options.seed = seed;
     options.plug = false;
     return options;
@@ -27,7 +43,7 @@ RigOptions withoutDevice(std::uint64_t seed) {
 struct Dialup {
     explicit Dialup(FramingMode mode, std::uint64_t seed = 1, std::uint32_t escapes = 0xFFFFFFFF,
                     const PppClientOptions& client = {})
-        : rig(withoutDevice(seed)), clientOptions(client), ppp(client) {
+        : rig(withoutDevice(seed, tap)), clientOptions(client), ppp(client) {
         modem::Options options;
         options.framing = mode;
         options.escapedCharacters = modem::controlCharacters(escapes);
@@ -117,6 +133,7 @@ struct Dialup {
         ASSERT_EQ(test::control(file, IOCTL_SERIAL_SET_DTR), STATUS_SUCCESS);
     }
 
+    FrameTap tap;
     TestRig rig;
     nt::File file;
     PppClientOptions clientOptions;
@@ -162,6 +179,9 @@ TEST(PppSystem, DialsExchangesHangsUpAndDialsAgain) {
         const auto counters = d.modem([](Modem& m) { return m.framing().counters(); });
         EXPECT_EQ(counters.gaps + counters.badHeaders + counters.dropped + counters.refusals, 0u);
         EXPECT_EQ(counters.starts, framed ? 3u : 0u);
+        EXPECT_EQ(d.tap.sent, counters.framesIn);
+        EXPECT_EQ(d.tap.received, counters.framesOut);
+        EXPECT_EQ(d.tap.broken, 0u);
         EXPECT_EQ(d.modem([](Modem& m) { return m.pppCounters().fcsErrors; }), 0u);
     }
 }

@@ -10,11 +10,11 @@ import termios
 import time
 import tty
 
-PROGRAM = os.environ["COMPORT"]
-DIRECTORY = os.environ["COMPORT_DIRECTORY"]
-LINK = os.environ["COMPORT_LINK"]
-RFC2217 = os.environ["COMPORT_RFC2217"]
-TCP = os.environ["COMPORT_TCP"]
+PROGRAM = os.environ.get("COMPORT", "")
+DIRECTORY = os.environ.get("COMPORT_DIRECTORY", "")
+LINK = os.environ.get("COMPORT_LINK", "")
+RFC2217 = os.environ.get("COMPORT_RFC2217", "")
+TCP = os.environ.get("COMPORT_TCP", "")
 
 
 def require(condition, what):
