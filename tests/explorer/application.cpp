@@ -27,7 +27,7 @@ SERIAL_TIMEOUTS timeoutsOf(std::uint32_t value) {
 }
 
 std::string inputOf(const Control& control, std::uint32_t value) {
-    switch (control.code) {
+    switch (control.internal ? 0 : control.code) {
     case IOCTL_SERIAL_SET_BAUD_RATE: return bytesOf(SERIAL_BAUD_RATE{300 * (1 + value % 400)});
     case IOCTL_SERIAL_SET_QUEUE_SIZE: return bytesOf(SERIAL_QUEUE_SIZE{50 + value % 7 * 300, 50 + value / 7 % 5 * 200});
     case IOCTL_SERIAL_SET_TIMEOUTS: return bytesOf(timeoutsOf(value));
@@ -36,6 +36,7 @@ std::string inputOf(const Control& control, std::uint32_t value) {
     default: {
         std::string input(control.input, '\0');
         for (std::size_t i = 0; i < input.size(); ++i) input[i] = static_cast<char>(payload(value, static_cast<std::uint32_t>(i)));
+        if (control.internal && !input.empty()) input.replace(0, sizeof(SERIAL_TIMEOUTS), bytesOf(timeoutsOf(value)));
         return input;
     }
     }
@@ -144,28 +145,26 @@ void Application::write(Actor actor, std::uint32_t length) {
 void Application::control(Actor actor, const Control& control, std::uint32_t value, std::uint32_t cut) {
     if (current_ == nullptr) return;
     world_.visit(rowControls + static_cast<std::uint32_t>(&control - controls));
-    const bool character = control.code == codeImmediateChar;
-    Op& op = make(control.code == codeWaitOnMask ? Kind::wait : character ? Kind::write : Kind::control, actor);
+    const bool character = is(control, codeImmediateChar);
+    Op& op = make(is(control, codeWaitOnMask) ? Kind::wait : character ? Kind::write : Kind::control, actor);
     op.control = &control;
     op.input = inputOf(control, value);
     if (cut != 0) op.input.resize(op.input.size() - std::min<std::size_t>(cut, op.input.size()));
     op.output.resize(control.output - std::min(cut, control.output));
+    if (control.internal) return sendInternal(op);
     if (character) {
         op.id = ++writes_;
         op.length = static_cast<std::uint32_t>(op.input.size());
         if (op.length != 0) op.input[0] = static_cast<char>(payload(op.id, 0));
     }
-    if (control.code == codeSetTimeouts && op.input.size() == control.input) {
-        SERIAL_TIMEOUTS timeouts;
-        std::memcpy(&timeouts, op.input.data(), sizeof timeouts);
-        timeouts_ = timeouts_ || timeouts.ReadIntervalTimeout != 0 || timeouts.ReadTotalTimeoutConstant != 0 ||
-                    timeouts.ReadTotalTimeoutMultiplier != 0 || timeouts.WriteTotalTimeoutConstant != 0;
-        shortReads_ = shortReads_ || timeouts.ReadIntervalTimeout == MAXULONG;
+    if (is(control, codeSetTimeouts)) {
+        noteTimeouts(op.input);
+        shortReads_ = shortReads_ || (op.input.size() == control.input && valueOf(op.input) == MAXULONG);
     }
-    if (control.code == codeSetWaitMask) masks_ |= valueOf(op.input);
+    if (is(control, codeSetWaitMask)) masks_ |= valueOf(op.input);
     std::optional<std::size_t> loss;
-    const std::uint32_t mask = control.code == codePurge ? valueOf(op.input) : 0;
-    if (control.code == codeSetQueueSize) {
+    const std::uint32_t mask = is(control, codePurge) ? valueOf(op.input) : 0;
+    if (is(control, codeSetQueueSize)) {
         loss = world_.losses.begin("a queue is resized", unlimited, true);
         ring_ = 100;
     } else if ((mask & (SERIAL_PURGE_TXCLEAR | SERIAL_PURGE_RXCLEAR)) != 0) {
@@ -178,48 +177,56 @@ void Application::control(Actor actor, const Control& control, std::uint32_t val
     if (loss) world_.losses.end(*loss, 0);
 }
 
-// What another driver, stacked on the port, may ask for.
-void Application::internalControl(std::uint32_t row, std::uint32_t value) {
-    PFILE_OBJECT object = current_ != nullptr ? current_->file.object() : nullptr;
-    if (object == nullptr) return;
-    world_.visit(rowInternal);
-    PDEVICE_OBJECT device = IoGetAttachedDevice(object->DeviceObject);
+void Application::noteTimeouts(const std::string& input) {
+    SERIAL_TIMEOUTS timeouts;
+    if (input.size() < sizeof timeouts) return;
+    std::memcpy(&timeouts, input.data(), sizeof timeouts);
+    timeouts_ = timeouts_ || timeouts.ReadIntervalTimeout != 0 || timeouts.ReadTotalTimeoutConstant != 0 ||
+                timeouts.ReadTotalTimeoutMultiplier != 0 || timeouts.WriteTotalTimeoutConstant != 0;
+}
+
+// As another driver, stacked on the port, sends it; waits for its end.
+void Application::sendInternal(Op& op) {
+    noteTimeouts(op.input);
+    PDEVICE_OBJECT device = IoGetAttachedDevice(op.opening->file.object()->DeviceObject);
     ObReferenceObject(device);
-    const std::uint32_t codes[internalCount] = {0x1B0004, 0x1B0008, 0x1B000C, 0x1B000C, 0x1B0014};
-    const ULONG code = codes[row % internalCount];
-    const ULONG length = row % internalCount == 3 ? value % 44 : 44;
-    std::string buffer(44, '\0');
+    std::string buffer = op.input;
+    buffer.resize(std::max(op.input.size(), op.output.size()));
     KEVENT done;
     KeInitializeEvent(&done, NotificationEvent, FALSE);
+    op.issued = now();
     const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
     if (irp != nullptr) {
         irp->AssociatedIrp.SystemBuffer = buffer.data();
         const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
         next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-        next->Parameters.DeviceIoControl.IoControlCode = code;
-        next->Parameters.DeviceIoControl.OutputBufferLength = length;
-        const auto ended = [](PDEVICE_OBJECT, PIRP, PVOID context) -> NTSTATUS {
+        next->Parameters.DeviceIoControl.IoControlCode = op.control->code;
+        next->Parameters.DeviceIoControl.InputBufferLength = static_cast<ULONG>(op.input.size());
+        next->Parameters.DeviceIoControl.OutputBufferLength = static_cast<ULONG>(op.output.size());
+        const auto back = [](PDEVICE_OBJECT, PIRP, PVOID context) -> NTSTATUS {
             KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
             return STATUS_MORE_PROCESSING_REQUIRED;
         };
-        IoSetCompletionRoutine(irp, ended, &done, TRUE, TRUE, TRUE);
+        IoSetCompletionRoutine(irp, back, &done, TRUE, TRUE, TRUE);
         IoCallDriver(device, irp);
         KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
-        const NTSTATUS expected[internalCount] = {STATUS_NOT_SUPPORTED, STATUS_NOT_SUPPORTED, STATUS_SUCCESS, STATUS_INVALID_PARAMETER,
-                                                  STATUS_INVALID_PARAMETER};
-        const NTSTATUS status = irp->IoStatus.Status;
-        if (status != expected[row % internalCount] && !world_.removals) {
-            wrong("an internal control %x ended with %x", code, static_cast<unsigned>(status));
-        }
-        IoFreeIrp(irp);
     }
+    ++op.ends;
+    op.back = true;
+    op.status = irp != nullptr ? irp->IoStatus.Status : STATUS_INSUFFICIENT_RESOURCES;
+    op.information = irp != nullptr ? static_cast<std::uint32_t>(irp->IoStatus.Information) : 0;
+    op.output = buffer.substr(0, op.output.size());
+    op.returned = op.ended = now();
+    say("%s ends with %x, %u", op.control->name, static_cast<unsigned>(op.status), op.information);
+    if (irp != nullptr) IoFreeIrp(irp);
     ObDereferenceObject(device);
 }
 
 void Application::cancel(std::uint32_t which) {
     std::vector<Op*> outstanding;
     for (Op& op : ops_) {
-        if (!op.done() && op.opening == current_ && current_ != nullptr) outstanding.push_back(&op);
+        const bool internal = op.control != nullptr && op.control->internal;
+        if (!op.done() && !internal && op.opening == current_ && current_ != nullptr) outstanding.push_back(&op);
     }
     if (outstanding.empty()) return;
     world_.visit(rowCancel);
@@ -258,7 +265,6 @@ void Application::take(const Step& step) {
         return issue(op, [&](nt::File& file) { file.flush(op.request); });
     }
     case Verb::control: return control(step.actor, controls[a % controlCount], b, c);
-    case Verb::internal: return internalControl(a, b);
     case Verb::cancel: return cancel(a);
     case Verb::cancelAll:
         if (current_ == nullptr) return;

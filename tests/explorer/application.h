@@ -71,7 +71,8 @@ private:
     void read(Actor actor, std::uint32_t length);
     void write(Actor actor, std::uint32_t length);
     void control(Actor actor, const Control& control, std::uint32_t value, std::uint32_t cut);
-    void internalControl(std::uint32_t row, std::uint32_t value);
+    void sendInternal(Op& op);
+    void noteTimeouts(const std::string& input);
     void cancel(std::uint32_t which);
     void cancelAll();
     void await(Actor actor, std::uint32_t ms);
@@ -87,7 +88,6 @@ private:
     void judgeControl(const Op& op) const;
     bool mayBeCancelled(const Op& op, std::uint32_t purge) const;
     bool troubled(const Op& op) const;
-    void noteSettings(std::map<std::uint32_t, Register>& settings) const;
     void judgeSettings() const;
     Verdict judgeOrder(const std::vector<const Op*>& order, Way way, bool whole) const;
     Verdict judgeFrom(std::vector<const Op*> order, Way way, bool whole) const;

@@ -5,7 +5,7 @@
 
 namespace explorer {
 
-// In the order of their codes; the last is none of this driver's.
+// In the order of their codes; the last of each kind is none of this driver's.
 const Control controls[] = {
     {"SET_BAUD_RATE", IOCTL_SERIAL_SET_BAUD_RATE, 4, 0, Effect::device},
     {"SET_QUEUE_SIZE", IOCTL_SERIAL_SET_QUEUE_SIZE, 8, 0},
@@ -45,6 +45,11 @@ const Control controls[] = {
     {"CLEAR_STATS", IOCTL_SERIAL_CLEAR_STATS, 0, 0},
     {"GET_MODEM_CONTROL", 0x1B0094, 0, 4, Effect::invalid},
     {"PORT_DESC", 0x370208, 0, 0, Effect::invalid},
+    {"internal DO_WAIT_WAKE", IOCTL_SERIAL_INTERNAL_DO_WAIT_WAKE, 0, 0, Effect::unsupported, true},
+    {"internal CANCEL_WAIT_WAKE", IOCTL_SERIAL_INTERNAL_CANCEL_WAIT_WAKE, 0, 0, Effect::unsupported, true},
+    {"internal BASIC_SETTINGS", IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, 0, 44, Effect::local, true},
+    {"internal RESTORE_SETTINGS", IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, 44, 0, Effect::local, true},
+    {"internal SET_BREAK_OFF", IOCTL_SERIAL_SET_BREAK_OFF, 0, 0, Effect::invalid, true},
 };
 const std::size_t controlCount = std::size(controls);
 static_assert(rowControls + std::size(controls) <= maxRows);
@@ -52,7 +57,7 @@ static_assert(rowControls + std::size(controls) <= maxRows);
 namespace {
 
 constexpr const char* rowNames[] = {
-    "CREATE",     "CLEANUP", "READ",        "WRITE",        "FLUSH",  "cancel",        "internal control",
+    "CREATE",     "CLEANUP", "READ",        "WRITE",        "FLUSH",  "cancel",
     "START",      "QUERY_STOP", "STOP",     "CANCEL_STOP",  "QUERY_REMOVE", "REMOVE",  "CANCEL_REMOVE", "SURPRISE_REMOVAL",
     "D2 or D3",   "D0",      "system sleep", "system wake",
 };
@@ -62,8 +67,9 @@ static_assert(std::size(stateNames) == std::size_t(DeviceState::count_));
 
 }  // namespace
 
-std::uint32_t rowOf(std::uint32_t code) {
-    const auto found = std::find_if(std::begin(controls), std::end(controls), [code](const Control& c) { return c.code == code; });
+std::uint32_t rowOf(std::uint32_t code, bool internal) {
+    const auto found = std::find_if(std::begin(controls), std::end(controls),
+                                    [=](const Control& c) { return c.code == code && c.internal == internal; });
     return static_cast<std::uint32_t>(found - std::begin(controls));
 }
 

@@ -15,6 +15,7 @@ enum class Effect : std::uint8_t {
     local,    // answered from the driver's own state
     device,   // reaches the modem
     invalid,  // refused
+    unsupported,
 };
 
 struct Control {
@@ -22,11 +23,11 @@ struct Control {
     std::uint32_t code;
     std::uint32_t input, output;  // bytes
     Effect effect = Effect::local;
+    bool internal = false;  // asked by another driver, stacked on the port; such codes have other meanings
 };
 
 extern const Control controls[];
 extern const std::size_t controlCount;
-constexpr std::uint32_t internalCount = 5;
 
 constexpr std::uint32_t codeSetTimeouts = IOCTL_SERIAL_SET_TIMEOUTS;
 constexpr std::uint32_t codeSetQueueSize = IOCTL_SERIAL_SET_QUEUE_SIZE;
@@ -35,7 +36,9 @@ constexpr std::uint32_t codeSetWaitMask = IOCTL_SERIAL_SET_WAIT_MASK;
 constexpr std::uint32_t codeImmediateChar = IOCTL_SERIAL_IMMEDIATE_CHAR;
 constexpr std::uint32_t codeWaitOnMask = IOCTL_SERIAL_WAIT_ON_MASK;
 
-std::uint32_t rowOf(std::uint32_t code);
+// An application's control of this code.
+inline bool is(const Control& control, std::uint32_t code) { return !control.internal && control.code == code; }
+std::uint32_t rowOf(std::uint32_t code, bool internal = false);
 
 // Cells: ------------------------------------------------------------------------------------------------------------------
 
@@ -43,7 +46,7 @@ enum class DeviceState : std::uint8_t { running, lowPower, asleep, stopPending, 
 
 // The rows of the table: the major functions an application reaches, then the controls, then what the system does.
 enum Row : std::uint32_t {
-    rowCreate, rowCleanup, rowRead, rowWrite, rowFlush, rowCancel, rowInternal,
+    rowCreate, rowCleanup, rowRead, rowWrite, rowFlush, rowCancel,
     rowStart, rowQueryStop, rowStop, rowCancelStop, rowQueryRemove, rowRemove, rowCancelRemove, rowSurprise,
     rowPowerDown, rowPowerUp, rowSleep, rowWake,
     rowControls,

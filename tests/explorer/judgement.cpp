@@ -31,20 +31,51 @@ const char* nameOf(Kind kind) {
           static_cast<unsigned>(op.status), op.information, why);
 }
 
-// The settings that are fetched as they were stored.
-struct Pair {
-    std::uint32_t set, get;
-    const char* first;  // as a new device has it
-    std::size_t size;
+// Where a setting stands in the input or output of a control.
+struct Place {
+    std::uint32_t code;
+    std::size_t offset = 0;
+    bool internal = false;
 };
-const Pair pairs[] = {
-    {IOCTL_SERIAL_SET_BAUD_RATE, IOCTL_SERIAL_GET_BAUD_RATE, "\x80\x25\0\0", 4},
-    {IOCTL_SERIAL_SET_LINE_CONTROL, IOCTL_SERIAL_GET_LINE_CONTROL, "\1\0\x8", 3},
-    {IOCTL_SERIAL_SET_TIMEOUTS, IOCTL_SERIAL_GET_TIMEOUTS, "\0\0\0\0\xa\0\0\0\xd0\x7\0\0\xa\0\0\0\xd0\x7\0\0", 20},
-    {IOCTL_SERIAL_SET_CHARS, IOCTL_SERIAL_GET_CHARS, "\0\0\0\0\0\0", 6},
-    {IOCTL_SERIAL_SET_HANDFLOW, IOCTL_SERIAL_GET_HANDFLOW, "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 16},
-    {IOCTL_SERIAL_SET_WAIT_MASK, IOCTL_SERIAL_GET_WAIT_MASK, "\0\0\0\0", 4},
+// A setting is fetched as it was last stored.
+struct Setting {
+    std::string first;  // as a new device has it
+    std::vector<Place> set, get;
 };
+
+std::vector<Setting> settingsOf(const Plan& plan) {
+    using namespace std::string_literals;
+    constexpr std::uint32_t basic = IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, restore = IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS;
+    const auto size = [&plan](const char* name, std::uint32_t otherwise) {
+        const ULONG value = plan.value(name, otherwise);
+        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+    };
+    const auto pair = [](std::string first, std::uint32_t set, std::uint32_t get) { return Setting{std::move(first), {{set}}, {{get}}}; };
+    std::vector<Setting> settings = {
+        pair("\x80\x25\0\0"s, IOCTL_SERIAL_SET_BAUD_RATE, IOCTL_SERIAL_GET_BAUD_RATE),
+        pair("\1\0\x8"s, IOCTL_SERIAL_SET_LINE_CONTROL, IOCTL_SERIAL_GET_LINE_CONTROL),
+        pair("\0\0\0\0\xa\0\0\0\xd0\x7\0\0\xa\0\0\0\xd0\x7\0\0"s, IOCTL_SERIAL_SET_TIMEOUTS, IOCTL_SERIAL_GET_TIMEOUTS),
+        pair(std::string(6, '\0'), IOCTL_SERIAL_SET_CHARS, IOCTL_SERIAL_GET_CHARS),
+        pair(std::string(16, '\0'), IOCTL_SERIAL_SET_HANDFLOW, IOCTL_SERIAL_GET_HANDFLOW),
+        pair(std::string(4, '\0'), IOCTL_SERIAL_SET_WAIT_MASK, IOCTL_SERIAL_GET_WAIT_MASK),
+        {size("ReadCircBufferSize", 65536), {{codeSetQueueSize}}, {{IOCTL_SERIAL_GET_PROPERTIES, offsetof(SERIAL_COMMPROP, CurrentRxQueue)}}},
+        {size("WriteCircBufferSize", 2048), {{codeSetQueueSize, 4}}, {{IOCTL_SERIAL_GET_PROPERTIES, offsetof(SERIAL_COMMPROP, CurrentTxQueue)}}},
+    };
+    const std::pair<std::size_t, std::size_t> basics[] = {{2, 0}, {4, 20}, {6, 36}, {7, 40}};
+    for (const auto& [setting, offset] : basics) {
+        settings[setting].set.push_back({restore, offset, true});
+        settings[setting].get.push_back({basic, offset, true});
+    }
+    return settings;
+}
+
+// Where the request has the setting; nothing: it does not.
+std::optional<std::size_t> placeIn(const Op& op, const std::vector<Place>& places) {
+    for (const Place& place : places) {
+        if (op.control != nullptr && op.control->code == place.code && op.control->internal == place.internal) return place.offset;
+    }
+    return std::nullopt;
+}
 
 }  // namespace
 
@@ -56,7 +87,7 @@ bool Application::mayBeCancelled(const Op& op, std::uint32_t purge) const {
         if (overlap(begin, end, op)) return true;
     }
     return std::any_of(ops_.begin(), ops_.end(), [&](const Op& other) {
-        return other.control != nullptr && other.control->code == codePurge && (valueOf(other.input) & purge) != 0 &&
+        return other.control != nullptr && is(*other.control, codePurge) && (valueOf(other.input) & purge) != 0 &&
                overlap(other.issued, other.ended, op);
     });
 }
@@ -118,6 +149,10 @@ void Application::judgeControl(const Op& op) const {
     const bool fits = op.input.size() >= control.input && op.output.size() >= control.output;
     if (world_.removals && !NT_SUCCESS(op.status)) return;
     if (world_.faulty() && op.status == STATUS_INSUFFICIENT_RESOURCES) return;
+    if (control.effect == Effect::unsupported) {
+        if (op.status != STATUS_NOT_SUPPORTED) unfit(op, "must not be supported");
+        return;
+    }
     if (control.effect == Effect::invalid || !fits) {
         if (op.status != STATUS_INVALID_PARAMETER) unfit(op, "must be refused");
         return;
@@ -149,26 +184,22 @@ void Application::judgeStatus(const Op& op) const {
 
 // --- Settings --------------------------------------------------------------------------------------------------------------------
 
-void Application::noteSettings(std::map<std::uint32_t, Register>& settings) const {
-    for (const Pair& pair : pairs) {
-        Register setting(std::string(pair.first, pair.size));
-        for (const auto& [begin, end] : world_.newDevices) setting.stored(std::string(pair.first, pair.size), begin, end, false);
-        for (const Op& op : ops_) {
-            if (op.control == nullptr || op.control->code != pair.set || op.input.size() < pair.size) continue;
-            setting.stored(op.input.substr(0, pair.size), op.issued, op.ended, NT_SUCCESS(op.status));
-        }
-        settings.emplace(pair.get, std::move(setting));
-    }
-}
-
 void Application::judgeSettings() const {
-    std::map<std::uint32_t, Register> settings;
-    noteSettings(settings);
-    for (const Op& op : ops_) {
-        if (op.control == nullptr || !NT_SUCCESS(op.status)) continue;
-        const auto found = settings.find(op.control->code);
-        if (found == settings.end()) continue;
-        if (!found->second.mayHold(op.output.substr(0, op.information), op.issued, op.ended)) unfit(op, "a setting nobody stored");
+    for (const Setting& setting : settingsOf(world_.plan)) {
+        const std::size_t size = setting.first.size();
+        Register values(setting.first);
+        for (const auto& [begin, end] : world_.newDevices) values.stored(setting.first, begin, end, false);
+        for (const Op& op : ops_) {
+            const auto place = placeIn(op, setting.set);
+            if (place && op.input.size() >= op.control->input) {
+                values.stored(op.input.substr(*place, size), op.issued, op.ended, NT_SUCCESS(op.status));
+            }
+        }
+        for (const Op& op : ops_) {
+            const auto place = placeIn(op, setting.get);
+            if (!place || !NT_SUCCESS(op.status)) continue;
+            if (!values.mayHold(op.output.substr(*place, size), op.issued, op.ended)) unfit(op, "a setting nobody stored");
+        }
     }
 }
 

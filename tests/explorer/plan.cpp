@@ -12,7 +12,7 @@ namespace explorer {
 namespace {
 
 constexpr const char* verbNames[] = {
-    "open",      "close",    "read",   "write",      "flush",  "control",      "internal",    "cancel",       "cancelAll",
+    "open",      "close",    "read",   "write",      "flush",  "control",      "cancel",       "cancelAll",
     "await",     "send",     "lines",  "network",    "malformed", "framing",   "stallIn",     "stallOut",     "stallControl",
     "muteControl", "hold",   "allow",  "remoteWake", "unplug", "replug",       "queryStop",   "stop",         "cancelStop",
     "start",     "queryRemove", "remove", "cancelRemove", "restart", "powerDown", "powerUp",  "sleep",        "wake",
@@ -96,6 +96,7 @@ std::map<std::string, std::uint32_t> chooseValues(Dice& dice, const Features& fe
 }
 
 bool allowed(const Control& control, const Features& features) {
+    if (control.internal) return control.code != IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS || features.timeouts;
     switch (control.code) {
     case codeSetTimeouts: return features.timeouts;
     case codeSetQueueSize: return features.sizes;
@@ -157,9 +158,6 @@ private:
         case 10: return cancels(actor);
         case 11: return add(actor, Verb::await, 1 + dice_.below(40));
         case 12: return reopens(actor);
-        case 13:
-            if (dice_.oneIn(6)) return add(actor, Verb::internal, dice_.below(internalCount), dice_.below(1u << 16));
-            [[fallthrough]];
         default: return anyControl(actor);
         }
     }
@@ -250,12 +248,7 @@ private:
             switch (dice_.below(4)) {
             case 0: device(); break;
             case 1: application(anyone()); break;
-            default:
-                if (dice_.oneIn(12)) {
-                    add(anyone(), Verb::internal, dice_.below(internalCount), dice_.below(1u << 16));
-                } else {
-                    nextControl(anyone());
-                }
+            default: nextControl(anyone());
             }
         }
     }

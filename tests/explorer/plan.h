@@ -31,7 +31,6 @@ enum class Verb : std::uint8_t {
     write,      // length
     flush,
     control,    // row of the table, value, bytes to cut off the buffers
-    internal,   // row of the internal table, value
     cancel,     // which of the outstanding requests
     cancelAll,
     await,      // up to so many ms for the own last request
