@@ -365,7 +365,9 @@ const Moment moments[] = {
      }, FRAMING_STOP_REQUESTED},
 };
 
-TEST(DriverFramingSwitch, unplugged_in_every_state) {
+// Over seeds, what `event` does to a port in each state of the switch.
+template <class Event>
+void inEveryState(Event&& event) {
     for (const auto& moment : moments) {
         SCOPED_TRACE(moment.what);
         for (const auto seed : test::seeds(12)) {
@@ -374,77 +376,71 @@ TEST(DriverFramingSwitch, unplugged_in_every_state) {
             moment.reach(port);
             ASSERT_EQ(port.record().PppMode, moment.mode);
             spin(seed % 40);
-            port.rig.unplug();
-            port.rig.settle();
-            port.rig.run(700);
-            port.unanswered = 0;
-            port.deviceFrames = false;   // it comes back as it was made
-            port.hold(false);
-            port.forget();
-            port.rig.replug();
-            port.rig.run(1500);
-            port.drain();
-            port.expectByteMode();
-            port.startFraming();
-            port.expectFraming(0);
+            event(port);
+            ASSERT_FALSE(testing::Test::HasFatalFailure());
         }
     }
 }
 
+// It answers and takes everything again, after a while.
+void behave(Framed& port) {
+    port.unanswered = 0;
+    port.hold(false);
+    port.rig.run(700);
+}
+
+void startOver(Framed& port) {
+    port.expectByteMode();
+    port.deviceFrames = false;
+    port.startFraming();
+    port.expectFraming(0);
+}
+
+TEST(DriverFramingSwitch, unplugged_in_every_state) {
+    inEveryState([](Framed& port) {
+        port.rig.unplug();
+        port.rig.settle();
+        port.rig.run(700);
+        port.deviceFrames = false;   // it comes back as it was made
+        behave(port);
+        port.forget();
+        port.rig.replug();
+        port.rig.run(1500);
+        port.drain();
+        startOver(port);
+    });
+}
+
 TEST(DriverFramingSwitch, closed_and_opened_in_every_state) {
-    for (const auto& moment : moments) {
-        SCOPED_TRACE(moment.what);
-        for (const auto seed : test::seeds(12)) {
-            Framed port(seeded(seed, {{"RequestTimeout", 400}}));
-            port.rig.allowAssertions();
-            moment.reach(port);
-            spin(seed % 40);
-            port.file.close();
-            port.unanswered = 0;
-            port.rig.run(700);
-            port.hold(false);
-            ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
-            port.rig.run(700);
-            port.expectByteMode();
-            port.deviceFrames = false;
-            port.startFraming();
-            port.expectFraming(0);
-        }
-    }
+    inEveryState([](Framed& port) {
+        port.file.close();
+        behave(port);
+        ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
+        port.rig.run(700);
+        startOver(port);
+    });
 }
 
 // Stopped and started on the spot, the same device goes on in the mode that it was told; a transfer under way is lost.
 TEST(DriverFramingSwitch, restarted_in_every_state) {
-    for (const auto& moment : moments) {
-        SCOPED_TRACE(moment.what);
-        for (const auto seed : test::seeds(12)) {
-            Framed port(seeded(seed, {{"RequestTimeout", 400}}));
-            port.rig.allowAssertions();
-            moment.reach(port);
-            spin(seed % 40);
-            const std::string path = port.rig.instancePath();
-            EXPECT_EQ(port.rig.executive().queryStop(path), STATUS_SUCCESS);
-            EXPECT_EQ(port.rig.executive().stopDevice(path), STATUS_SUCCESS);
-            port.unanswered = 0;
-            port.hold(false);
-            port.rig.run(700);
-            EXPECT_EQ(port.rig.executive().startDevice(path), STATUS_SUCCESS);
-            port.rig.run(1500);
-            port.drain();
-            ASSERT_EQ(port.record().PppMode, port.deviceFrames ? ULONG{FRAMING} : ULONG{BYTE_MODE});
-            if (!port.deviceFrames) {
-                port.expectByteMode();
-                continue;
-            }
-            EXPECT_EQ(port.write("~~"), STATUS_SUCCESS);   // ends what was begun
-            port.rig.run(5);
-            port.rig.device([](ScriptedDevice& d) { d.send(kIn, Bytes(100, 0)); });
-            port.sendFrame(31, {1});   // a number that is not the next tells the driver which is
-            port.sendFrame(31, {1});
-            port.rig.run(5);
-            port.expectFraming(0);
-        }
-    }
+    inEveryState([](Framed& port) {
+        const std::string path = port.rig.instancePath();
+        EXPECT_EQ(port.rig.executive().queryStop(path), STATUS_SUCCESS);
+        EXPECT_EQ(port.rig.executive().stopDevice(path), STATUS_SUCCESS);
+        behave(port);
+        EXPECT_EQ(port.rig.executive().startDevice(path), STATUS_SUCCESS);
+        port.rig.run(1500);
+        port.drain();
+        ASSERT_EQ(port.record().PppMode, port.deviceFrames ? ULONG{FRAMING} : ULONG{BYTE_MODE});
+        if (!port.deviceFrames) return port.expectByteMode();
+        EXPECT_EQ(port.write("~~"), STATUS_SUCCESS);   // ends what was begun
+        port.rig.run(5);
+        port.rig.device([](ScriptedDevice& d) { d.send(kIn, Bytes(100, 0)); });
+        port.sendFrame(31, {1});   // a number that is not the next tells the driver which is
+        port.sendFrame(31, {1});
+        port.rig.run(5);
+        port.expectFraming(0);
+    });
 }
 
 // ---- Bytes under way
