@@ -32,6 +32,7 @@ struct Options {
     unsigned failures = 3;
     std::string plan;
     bool showPlan = false;
+    bool remote = false;
 };
 
 // A soak this long visits every cell of the table.
@@ -96,7 +97,7 @@ private:
         std::unique_ptr<Child> child;
     };
     void start(std::uint64_t seed) {
-        auto child = std::make_unique<Child>(generate(seed), cells_);
+        auto child = std::make_unique<Child>(generate(seed, options_.remote), cells_);
         const pid_t pid = child->pid();
         running_[pid] = {seed, std::move(child)};
     }
@@ -124,7 +125,7 @@ public:
         }
         for (const auto& [seed, outcome] : failed_) {
             printf("seed %llu failed (--soak-seed %llu)\n", static_cast<unsigned long long>(seed), static_cast<unsigned long long>(seed));
-            showFailure(generate(seed), outcome, options_);
+            showFailure(generate(seed, options_.remote), outcome, options_);
         }
         failed_.clear();
     }
@@ -185,6 +186,7 @@ int main(int argc, char** argv) {
     app.add_option("--jobs", options.jobs, "processes at a time");
     app.add_option("--shrink", options.shrinkRuns, "runs to spend on making a failure short; 0: none");
     app.add_option("--failures", options.failures, "stop after so many");
+    app.add_flag("--remote", options.remote, "the device is on another machine in every seed, not in one of five");
     app.add_flag("--show-plan", options.showPlan, "print the plan of one seed");
     app.add_flag("--tell", explorer::tell, "print what happens in one run");
     CLI11_PARSE(app, argc, argv);
@@ -195,7 +197,7 @@ int main(int argc, char** argv) {
         text << file.rdbuf();
         return one(fromText(text.str()), options);
     }
-    if (options.seed != 0) return one(generate(options.seed), options);
+    if (options.seed != 0) return one(generate(options.seed, options.remote), options);
     if (options.soak == 0) options.soak = seedsForAllCells;
     return soak(options);
 }

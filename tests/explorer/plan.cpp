@@ -14,7 +14,7 @@ namespace {
 constexpr const char* verbNames[] = {
     "open",      "close",    "read",   "write",      "flush",  "control",      "cancel",       "cancelAll",
     "await",     "send",     "lines",  "network",    "malformed", "framing",   "stallIn",     "stallOut",     "stallControl",
-    "muteControl", "hold",   "allow",  "remoteWake", "unplug", "replug",       "queryStop",   "stop",         "cancelStop",
+    "muteControl", "hold",   "allow",  "remoteWake", "unplug", "cut", "replug",       "queryStop",   "stop",         "cancelStop",
     "start",     "queryRemove", "remove", "cancelRemove", "restart", "powerDown", "powerUp",  "sleep",        "wake",
     "fail",      "heal",
 };
@@ -107,9 +107,13 @@ bool allowed(const Control& control, const Features& features) {
 
 class Generator {
 public:
-    explicit Generator(std::uint64_t seed) : dice_(seed), features_(dice_) {
+    Generator(std::uint64_t seed, bool isRemote) : dice_(seed), features_(dice_), remote_(isRemote) {
         plan_.schedule = seed;
         plan_.values = chooseValues(dice_, features_);
+        if (!remote_) return;
+        plan_.values[remote] = 1;
+        plan_.values[remotePiece] = dice_.oneIn(2) ? 0 : 20 + dice_.below(200);
+        plan_.values[remoteDelay] = dice_.oneIn(2) ? 0 : 1 + dice_.below(5);
     }
     Plan make() {
         add(Actor::first, Verb::open);
@@ -218,7 +222,11 @@ private:
         switch (dice_.below(6)) {
         case 0:
             if (!features_.removal) return;
-            add(Actor::system, Verb::unplug);
+            if (remote_ && dice_.oneIn(2)) {
+                add(Actor::system, Verb::cut, dice_.below(dice_.oneIn(2) ? 200 : 5000));
+            } else {
+                add(Actor::system, Verb::unplug);
+            }
             if (!dice_.oneIn(4)) dwell();
             return add(Actor::system, Verb::replug);
         case 1:
@@ -284,6 +292,7 @@ private:
 
     Dice dice_;
     Features features_;
+    const bool remote_;
     Plan plan_;
     std::uint64_t dwelt_ = 0;
 };
@@ -324,7 +333,7 @@ bool Plan::uses(Verb verb) const {
     return std::any_of(steps.begin(), steps.end(), [verb](const Step& step) { return step.verb == verb; });
 }
 
-Plan generate(std::uint64_t seed) { return Generator(seed).make(); }
+Plan generate(std::uint64_t seed, bool alwaysRemote) { return Generator(seed, alwaysRemote || seed % 5 == 3).make(); }
 
 std::string toText(const Step& step) {
     std::ostringstream text;

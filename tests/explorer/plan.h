@@ -49,6 +49,7 @@ enum class Verb : std::uint8_t {
     remoteWake,
     // The system.
     unplug,
+    cut,        // a remote device's connection, after so many more bytes
     replug,
     queryStop,
     stop,
@@ -76,8 +77,13 @@ struct Step {
     std::array<std::uint32_t, 3> args{};
 };
 
-// A setting of the bus, not of the driver: the device that left refuses to be powered.
-constexpr const char* rejectD0 = "RejectD0WhenGone";
+// Settings of the bus, not of the driver: the device that left refuses to be powered; the device is a remote one, and its connection
+// delivers in pieces of so many bytes (0: any) and holds them back for so many milliseconds.
+constexpr const char* rejectD0 = "Bus.RejectD0WhenGone";
+constexpr const char* remote = "Bus.Remote";
+constexpr const char* remotePiece = "Bus.RemotePieceBytes";
+constexpr const char* remoteDelay = "Bus.RemoteDelayMs";
+inline bool isOfDriver(const std::string& setting) { return !setting.starts_with("Bus."); }
 
 struct Plan {
     std::uint64_t schedule = 1;
@@ -88,7 +94,8 @@ struct Plan {
     bool uses(Verb verb) const;
 };
 
-Plan generate(std::uint64_t seed);
+// `alwaysRemote`: not only one in five.
+Plan generate(std::uint64_t seed, bool alwaysRemote = false);
 std::string toText(const Step& step);
 std::string toText(const Plan& plan);
 // Throws std::runtime_error with the line that cannot be taken.

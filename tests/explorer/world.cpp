@@ -20,8 +20,10 @@ constexpr const char* deviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Enum\\USB\\V
 constexpr std::uint32_t givenStream = 0;
 // A driver that starts over is done by then: its retries, each with its requests timing out.
 constexpr std::int64_t recoveryMs = 6000;
-// What is ready has run by then.
-constexpr std::int64_t momentMs = 5;
+// What is ready has run by then, on a remote device too.
+constexpr std::int64_t momentMs = 5, remoteMomentMs = 60;
+// A connection that is to break behind some byte breaks at the latest then.
+constexpr std::int64_t cutMs = 20;
 constexpr std::uint64_t stepBound = 3'000'000;
 constexpr std::size_t packetBytes = 64;
 // Assertions, errors, progress, open and close, Plug and Play and power.
@@ -146,14 +148,6 @@ usb::ControlReply WildDevice::control(const usb::SetupPacket& setup, std::span<s
 
 std::optional<usb::ControlReply> WildDevice::standardControl(const usb::SetupPacket&, std::span<std::uint8_t>) { return misbehave(); }
 
-// A driver that suspends a device stops its reads: what they hold because the reader's ring is full goes, and what arrives while it
-// waits for them to come home.
-void WildDevice::suspended(bool on) {
-    ScriptedDevice::suspended(on);
-    const bool justGiven = !given.empty() && now().ms - given.back().at.ms <= momentMs;
-    if (on && (justGiven || world_.readerBehind(given.size()))) world_.losses.end(world_.losses.begin("the device is suspended", 0, true), 0);
-}
-
 void WildDevice::busReset() {
     midTransfer_ = endGiven_ = emptyDue_ = false;
     ScriptedDevice::busReset();
@@ -176,7 +170,7 @@ bool revives(const usb::Transfer& transfer) {
 
 }  // namespace
 
-Wire::Wire(std::shared_ptr<usb::Backend> inner, Losses& losses) : inner_(std::move(inner)), losses_(losses) {
+Wire::Wire(std::shared_ptr<usb::Backend> inner, World& world) : inner_(std::move(inner)), world_(world), losses_(world.losses) {
     KeInitializeSpinLock(&lock_);
 }
 
@@ -223,6 +217,11 @@ void Wire::revived(usb::TransferStatus status) {
     refusing_.reset();
 }
 
+bool Wire::suspend(bool remoteWake) {
+    world_.suspends();
+    return inner_->suspend(remoteWake);
+}
+
 bool Wire::resetPort() {
     revived(usb::TransferStatus::ok);
     return inner_->resetPort();
@@ -231,7 +230,8 @@ bool Wire::resetPort() {
 // --- Boot and end ------------------------------------------------------------------------------------------------------------
 
 World::World(const Plan& p, Cells& cells)
-    : plan(p), cells_(cells), chunk_(plan.value("FlowTest", 0) != 0 ? 64 : plan.value("WriteBufferSize", 4096)) {
+    : plan(p), cells_(cells), chunk_(plan.value("FlowTest", 0) != 0 ? 64 : plan.value("WriteBufferSize", 4096)),
+      momentMs_(plan.value(remote, 0) != 0 ? remoteMomentMs : momentMs) {
     framing_ = plan.uses(Verb::framing);
     faulty_ = plan.uses(Verb::fail) || plan.uses(Verb::stallControl) || plan.uses(Verb::muteControl) || plan.uses(Verb::stallIn) ||
               plan.uses(Verb::stallOut);
@@ -267,17 +267,30 @@ void World::boot() {
     executive_->bindDriver("USB\\Class_02&SubClass_02", service, "Ports", portsClass);
     if (tell) executive_->registry().setDword("HKLM\\SYSTEM\\CurrentControlSet\\Services\\qvcdcacm", "TraceMask", tellMask);
     for (const auto& [name, value] : plan.values) {
-        if (name != rejectD0) executive_->registry().setDword(deviceKey, name, value);
+        if (isOfDriver(name)) executive_->registry().setDword(deviceKey, name, value);
     }
     auto device = std::make_unique<WildDevice>(*this);
     device_ = device.get();
     backend_ = std::make_shared<usb::VirtualBackend>(std::move(device), "modem");
     usb::PortOptions port;
     port.rejectD0WhenGone = plan.value(rejectD0, 0) != 0;
-    port_ = bus_->plug(std::make_shared<Wire>(backend_, losses), "0001", port);
+    port_ = bus_->plug(std::make_shared<Wire>(connect(), *this), "0001", port);
     instance_ = bus_->instancePath(port_);
     executive_->settle();
     sleepMs(1);
+}
+
+// The way from the bus to the device.
+std::shared_ptr<usb::Backend> World::connect() {
+    if (plan.value(remote, 0) == 0) return backend_;
+    usb::usbip::DeviceRecord record = usb::usbip::describe(device_->deviceDescriptor(), device_->configurationDescriptor(0));
+    record.busId = "1-1";
+    record.busNumber = 1;
+    record.deviceNumber = 2;
+    wire_ = std::make_unique<test::UsbipWire>(std::vector{std::make_shared<usb::UsbipExport>(backend_, record)});
+    wire_->pieceBytes = plan.value(remotePiece, 0);
+    wire_->delayMs = plan.value(remoteDelay, 0);
+    return std::make_shared<usb::UsbipBackend>(wire_->link(), record.busId, "server:3240");
 }
 
 void World::end() {
@@ -290,6 +303,7 @@ void World::end() {
     executive_->settle();
     sleepMs(10);
     if (!NT_SUCCESS(executive_->unloadDriver(service))) wrong("the driver does not unload");
+    wire_.reset();
     const nt::LeakReport report = executive_->stop();
     bus_.reset();
     if (!report.clean()) wrong("left behind: %s (%zu in all)", report.lines.front().c_str(), report.lines.size());
@@ -376,17 +390,31 @@ void World::malformed(std::uint32_t which) {
     device([&](WildDevice& d) { d.notify(texts[which % std::size(texts)]); });
 }
 
-void World::unplug() {
-    if (place_ == DeviceState::gone) return;
+void World::leave() {
     visit(rowSurprise);
     removals = true;
     goneSince_ = now();
     const auto loss = losses.begin("the device is gone", 2 * chunk_, true);
-    if (placeLoss_) losses.end(*placeLoss_, momentMs);
+    if (placeLoss_) losses.end(*placeLoss_, momentMs_);
     placeLoss_ = loss;
     place_ = DeviceState::gone;
     low_ = false;
+}
+
+void World::unplug() {
+    if (place_ == DeviceState::gone) return;
+    leave();
     bus_->unplug(port_);
+}
+
+void World::cut(std::uint32_t bytes) {
+    if (place_ == DeviceState::gone) return;
+    if (!wire_) return unplug();
+    leave();
+    wire_->cutAfter = wire_->moved() + bytes;
+    for (std::int64_t waited = 0; wire_->connected() && waited < cutMs; ++waited) sleepMs(1);
+    wire_->cutAfter = ~0ull;
+    wire_->cut();
 }
 
 void World::replug() {
@@ -398,7 +426,7 @@ void World::replug() {
     sleepMs(1);
     place_ = DeviceState::running;
     newDevices.push_back({goneSince_, now()});
-    losses.end(*placeLoss_, momentMs);
+    losses.end(*placeLoss_, momentMs_);
     placeLoss_.reset();
 }
 
@@ -422,23 +450,24 @@ void World::startDevice() {
     sleepMs(1);
     place_ = DeviceState::running;
     if (removed) newDevices.push_back({goneSince_, now()});
-    losses.end(*placeLoss_, momentMs);
+    losses.end(*placeLoss_, momentMs_);
     placeLoss_.reset();
 }
 
 void World::plugStep(const Step& step) {
     // The PnP manager stands still while the system sleeps.
-    if (asleep_ && step.verb != Verb::unplug) return;
+    if (asleep_ && step.verb != Verb::unplug && step.verb != Verb::cut) return;
     const auto cancel = [&](DeviceState from, std::uint32_t row, auto&& call) {
         if (place_ != from) return;
         visit(row);
         call();
         place_ = DeviceState::running;
-        losses.end(*placeLoss_, momentMs);
+        losses.end(*placeLoss_, momentMs_);
         placeLoss_.reset();
     };
     switch (step.verb) {
     case Verb::unplug: return unplug();
+    case Verb::cut: return cut(step.args[0]);
     case Verb::replug: return replug();
     case Verb::queryStop: return queryStop();
     case Verb::stop:
@@ -461,7 +490,7 @@ void World::plugStep(const Step& step) {
         if (may) {
             place_ = DeviceState::removePending;
         } else {
-            losses.end(*placeLoss_, momentMs);
+            losses.end(*placeLoss_, momentMs_);
             placeLoss_.reset();
         }
         return;
@@ -479,7 +508,7 @@ void World::plugStep(const Step& step) {
         }
         // Opened meanwhile.
         place_ = DeviceState::running;
-        losses.end(*placeLoss_, momentMs);
+        losses.end(*placeLoss_, momentMs_);
         placeLoss_.reset();
         return;
     default: {
@@ -490,7 +519,7 @@ void World::plugStep(const Step& step) {
         executive_->restart(instance_);
         sleepMs(1);
         newDevices.push_back({begin, now()});
-        losses.end(loss, momentMs);
+        losses.end(loss, momentMs_);
     }
     }
 }
@@ -523,7 +552,7 @@ void World::powerUp() {
         powerTo(PowerDeviceD0);
     }
     low_ = false;
-    losses.end(*powerLoss_, momentMs);
+    losses.end(*powerLoss_, momentMs_);
     powerLoss_.reset();
 }
 
@@ -534,7 +563,7 @@ void World::wake() {
     asleep_ = false;
     if (place_ != DeviceState::gone) executive_->settle();
     sleepMs(1);
-    losses.end(*sleepLoss_, momentMs);
+    losses.end(*sleepLoss_, momentMs_);
     sleepLoss_.reset();
 }
 
@@ -582,6 +611,14 @@ void World::mend() {
     step(Verb::start);
     replug();
     raiseLines();
+}
+
+// A driver that suspends a device stops its reads: what they hold because the reader's ring is full goes, and what arrives while it
+// waits for them to come home.
+void World::suspends() {
+    const std::vector<SentByte>& given = device_->given;
+    const bool justGiven = !given.empty() && now().ms - given.back().at.ms <= momentMs_;
+    if (justGiven || readerBehind(given.size())) losses.end(losses.begin("the device is suspended", 0, true), 0);
 }
 
 // Nothing holds the host back. An open port hears of it.

@@ -14,6 +14,7 @@
 #include "tests/explorer/model.h"
 #include "tests/explorer/plan.h"
 #include "tests/support/scripted_device.h"
+#include "tests/support/usbip_wire.h"
 
 #include "kernel/executive.h"
 #include "kernel/file.h"
@@ -55,7 +56,6 @@ public:
     std::int32_t dataIn(std::uint8_t endpoint, std::span<std::uint8_t> space) override;
     usb::ControlReply control(const usb::SetupPacket& setup, std::span<std::uint8_t> data) override;
     std::optional<usb::ControlReply> standardControl(const usb::SetupPacket& setup, std::span<std::uint8_t> data) override;
-    void suspended(bool on) override;
     void busReset() override;
 
 private:
@@ -75,13 +75,13 @@ private:
 // Between the bus and the modem: knows which bytes a transfer to the device did not get there.
 class Wire final : public usb::Backend {
 public:
-    Wire(std::shared_ptr<usb::Backend> inner, Losses& losses);
+    Wire(std::shared_ptr<usb::Backend> inner, World& world);
     bool start(usb::BackendEvents& events) override { return inner_->start(events); }
     void stop() override { inner_->stop(); }
     void submit(usb::Transfer* transfer) override;
     void cancel(usb::Transfer* transfer) override { inner_->cancel(transfer); }
     bool resetPort() override;
-    bool suspend(bool remoteWake) override { return inner_->suspend(remoteWake); }
+    bool suspend(bool remoteWake) override;
     bool resume() override { return inner_->resume(); }
     usb::Speed speed() const override { return inner_->speed(); }
     std::string location() const override { return inner_->location(); }
@@ -96,6 +96,7 @@ private:
     void revived(usb::TransferStatus status);
 
     const std::shared_ptr<usb::Backend> inner_;
+    World& world_;
     Losses& losses_;
     KSPIN_LOCK lock_;
     std::map<usb::Transfer*, Caller> callers_;  // of transfers under way; guarded by lock_
@@ -125,6 +126,7 @@ public:
     std::vector<std::string> names();  // the port's: COM name first
 
     void raiseLines();
+    void suspends();  // the device, now
     // Says whether, of so many bytes given, readers have left more than the ring holds.
     std::function<bool(std::size_t given)> readerBehind;
 
@@ -155,7 +157,10 @@ private:
     void lineStep(const Step& step);
     void plugStep(const Step& step);
     void powerStep(const Step& step);
+    std::shared_ptr<usb::Backend> connect();
+    void leave();
     void unplug();
+    void cut(std::uint32_t bytes);
     void replug();
     void queryStop();
     void startDevice();
@@ -172,6 +177,7 @@ private:
     std::unique_ptr<nt::Executive> executive_;
     std::unique_ptr<usb::Bus> bus_;
     std::shared_ptr<usb::VirtualBackend> backend_;
+    std::unique_ptr<test::UsbipWire> wire_;  // null: the device is plugged in here
     WildDevice* device_ = nullptr;
     usb::PortNumber port_ = 0;
     std::string instance_;
@@ -182,6 +188,7 @@ private:
     bool startingAgain_ = false, pipeMissed_ = false;
     std::uint32_t raised_ = 0;
     std::uint32_t chunk_;
+    std::int64_t momentMs_;  // what is ready has run by then
     std::optional<std::size_t> placeLoss_, powerLoss_, sleepLoss_, faultLoss_;
     Moment goneSince_;
 };

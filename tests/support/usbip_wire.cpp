@@ -103,14 +103,21 @@ std::size_t UsbipWire::take(Way& way, std::span<std::uint8_t> room) {
     std::copy_n(way.bytes.begin(), count, room.begin());
     way.bytes.erase(way.bytes.begin(), way.bytes.begin() + static_cast<std::ptrdiff_t>(count));
     moved_ += count;
-    if (cutAfter != ~0ull && moved_ >= cutAfter) {
-        open_ = false;
-        toServer_.bytes.clear();
-        toClient_.bytes.clear();
-        KeSetEvent(&serverEvent_, 0, FALSE);
-        KeSetEvent(&clientEvent_, 0, FALSE);
-    }
+    if (cutAfter != ~0ull && moved_ >= cutAfter) breakDown();
     return count;
+}
+
+void UsbipWire::breakDown() {
+    open_ = false;
+    toServer_.bytes.clear();
+    toClient_.bytes.clear();
+    KeSetEvent(&serverEvent_, 0, FALSE);
+    KeSetEvent(&clientEvent_, 0, FALSE);
+}
+
+void UsbipWire::cut() {
+    SpinGuard guard(lock_);
+    breakDown();
 }
 
 void UsbipWire::wait() {

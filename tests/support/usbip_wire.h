@@ -33,6 +33,10 @@ public:
     std::uint32_t delayMs = 0;       // longest time bytes are held back
     bool unreachable = false;        // any time
 
+    // Breaks the connection now. Any time.
+    void cut();
+
+    bool connected() const { return open_; }
     unsigned connections() const { return connections_; }
     std::uint64_t moved() const { return moved_; }
 
@@ -45,6 +49,7 @@ private:
 
     void run();
     bool serveConnection();
+    void breakDown();  // lock_ held
     std::size_t draw(std::size_t most);
     std::size_t take(Way& way, std::span<std::uint8_t> room);  // lock_ held
     void wait();
