@@ -108,6 +108,7 @@ std::size_t UsbipWire::take(Way& way, std::span<std::uint8_t> room) {
 }
 
 void UsbipWire::breakDown() {
+    if (!open_) return;
     open_ = false;
     toServer_.bytes.clear();
     toClient_.bytes.clear();
