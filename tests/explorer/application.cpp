@@ -111,7 +111,7 @@ void Application::close() {
     if (opening == nullptr) return;
     world_.visit(rowCleanup);
     // With the modem taking all it is sent, what has been written goes out, but for the transfer under way at the end.
-    const bool flows = world_.device([](WildDevice& d) { return d.takesAll(); }) && world_.state() == DeviceState::running &&
+    const bool flows = world_.device([](WildDevice& d) { return d.takesAll(); }) && world_.rests() &&
                        world_.raised() == 0 && !world_.faulty() && world_.plan.value("useCtsFlowControl", 0) == 0;
     if (current_ != opening) return;
     current_ = nullptr;

@@ -333,8 +333,9 @@ void World::take(const Step& step) {
     // A close that meets anything of this may not get its bytes out.
     if (closing) losses.allow(*closing, unlimited);
     if (step.verb < Verb::unplug) return deviceStep(step);
-    if (step.verb < Verb::powerDown) return plugStep(step);
-    powerStep(step);
+    moving_ = true;
+    step.verb < Verb::powerDown ? plugStep(step) : powerStep(step);
+    moving_ = false;
 }
 
 // From now on transfers may fail, and the driver may start over. What that costs on the way to the device the wire knows.

@@ -134,6 +134,8 @@ public:
     bool framing() const { return framing_; }
     // Requests may fail for want of memory or of an answer, and what failed too often stays so until the next start.
     bool faulty() const { return faulty_; }
+    // Nothing of the system stands between the driver and the device.
+    bool rests() { return !moving_ && state() == DeviceState::running; }
     std::uint32_t raised() const { return raised_; }  // events that the device may have caused
     std::uint32_t chunk() const { return chunk_; }
 
@@ -183,6 +185,7 @@ private:
     std::string instance_;
     DeviceState place_ = DeviceState::running;
     bool asleep_ = false, low_ = false;
+    bool moving_ = false;  // a step of the system is under way
     bool framing_ = false, faulty_ = false;
     // The start of a stopped device drops its pipes; where it fails, a recovery that waited finds none before the device is told to go.
     bool startingAgain_ = false, pipeMissed_ = false;
