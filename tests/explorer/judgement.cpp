@@ -41,14 +41,15 @@ struct Place {
 struct Setting {
     std::string first;  // as a new device has it
     std::vector<Place> set, get;
+    std::string unread = first;  // the same when its key could not be read, or was that of a device that did not say who it is
 };
 
 std::vector<Setting> settingsOf(const Plan& plan) {
     using namespace std::string_literals;
     constexpr std::uint32_t basic = IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, restore = IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS;
-    const auto size = [&plan](const char* name, std::uint32_t otherwise) {
-        const ULONG value = plan.value(name, otherwise);
-        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+    const auto size = [&plan](const char* name, ULONG otherwise, std::size_t set, std::size_t get) {
+        const auto bytes = [](ULONG value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); };
+        return Setting{bytes(plan.value(name, otherwise)), {{codeSetQueueSize, set}}, {{IOCTL_SERIAL_GET_PROPERTIES, get}}, bytes(otherwise)};
     };
     const auto pair = [](std::string first, std::uint32_t set, std::uint32_t get) { return Setting{std::move(first), {{set}}, {{get}}}; };
     std::vector<Setting> settings = {
@@ -58,8 +59,8 @@ std::vector<Setting> settingsOf(const Plan& plan) {
         pair(std::string(6, '\0'), IOCTL_SERIAL_SET_CHARS, IOCTL_SERIAL_GET_CHARS),
         pair(std::string(16, '\0'), IOCTL_SERIAL_SET_HANDFLOW, IOCTL_SERIAL_GET_HANDFLOW),
         pair(std::string(4, '\0'), IOCTL_SERIAL_SET_WAIT_MASK, IOCTL_SERIAL_GET_WAIT_MASK),
-        {size("ReadCircBufferSize", 65536), {{codeSetQueueSize}}, {{IOCTL_SERIAL_GET_PROPERTIES, offsetof(SERIAL_COMMPROP, CurrentRxQueue)}}},
-        {size("WriteCircBufferSize", 2048), {{codeSetQueueSize, 4}}, {{IOCTL_SERIAL_GET_PROPERTIES, offsetof(SERIAL_COMMPROP, CurrentTxQueue)}}},
+        size("ReadCircBufferSize", 65536, 0, offsetof(SERIAL_COMMPROP, CurrentRxQueue)),
+        size("WriteCircBufferSize", 2048, 4, offsetof(SERIAL_COMMPROP, CurrentTxQueue)),
     };
     const std::pair<std::size_t, std::size_t> basics[] = {{2, 0}, {4, 20}, {6, 36}, {7, 40}};
     for (const auto& [setting, offset] : basics) {
@@ -188,7 +189,10 @@ void Application::judgeSettings() const {
     for (const Setting& setting : settingsOf(world_.plan)) {
         const std::size_t size = setting.first.size();
         Register values(setting.first);
-        for (const auto& [begin, end] : world_.newDevices) values.stored(setting.first, begin, end, false);
+        for (const auto& [begin, end] : world_.newDevices) {
+            values.stored(setting.first, begin, end, false);
+            if (world_.faulty()) values.stored(setting.unread, begin, end, false);
+        }
         for (const Op& op : ops_) {
             const auto place = placeIn(op, setting.set);
             if (place && op.input.size() >= op.control->input) {
