@@ -2,6 +2,7 @@
 #include "tests/support/port.h"
 
 #include "cdcacm/pnpadd.h"
+#include "cdcacm/wdmpwr.h"
 #include "kernel/faults.h"
 #include "kernel/sim.h"
 #include "kernel/thread.h"
@@ -534,6 +535,40 @@ TEST(DriverLifecycle, wake_races_removal_and_restart) {
             m.rig.device([](ScriptedDevice& d) { d.wakesHost = true; });
             spin(seed * 7 % 150);
         }
+        m.rig.unplug();
+        m.rig.settle();
+        m.file.close();
+        m.expectDeleted();
+    });
+}
+
+// The wake request ends while it is being cancelled, and the next one is made: each takes only its own, and the next one stands.
+// So does one that another driver tries to double.
+TEST(DriverLifecycle, wake_ends_while_it_is_cancelled) {
+    overSeeds(100, {}, [](Modem& m, std::uint64_t) {
+        DEVICE& device = m.record();
+        ScheduleReinit(&device);
+        m.rig.run(50);
+        m.power.set(PowerDeviceD2);
+        nt::Thread waker, canceller;
+        {
+            HeldLock lock(device.Lock);
+            waker.start("waker", [&] { m.rig.device([](ScriptedDevice& d) { d.wakesHost = true; }); });
+            canceller.start("canceller", [&] {
+                CancelWakeIrp(&device);
+                RequestWakeupIrp(&device);
+            });
+            spin(150);
+        }
+        waker.join();
+        canceller.join();
+        m.rig.run(10);
+        m.power.set(PowerDeviceD0);
+        m.rig.run(50);
+        EXPECT_TRUE(m.rig.statistics().wakeArmed);
+        EXPECT_NE(device.WakeIrp, nullptr);
+        EXPECT_EQ(m.power.waitForWake(), STATUS_UNSUCCESSFUL);
+        EXPECT_NE(device.WakeIrp, nullptr);
         m.rig.unplug();
         m.rig.settle();
         m.file.close();

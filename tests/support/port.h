@@ -139,15 +139,16 @@ public:
         pdo_ = nullptr;
     }
     PDEVICE_OBJECT pdo() const { return pdo_; }
-    // Waits for the request's end; its status.
+    // Each waits for the request's end; its status.
     NTSTATUS set(DEVICE_POWER_STATE deviceState) {
-        Call call;
-        KeInitializeEvent(&call.done, NotificationEvent, FALSE);
         POWER_STATE state;
         state.DeviceState = deviceState;
-        EXPECT_EQ(PoRequestPowerIrp(pdo_, IRP_MN_SET_POWER, state, ended, &call, nullptr), STATUS_PENDING);
-        KeWaitForSingleObject(&call.done, Executive, KernelMode, FALSE, nullptr);
-        return call.status;
+        return run(IRP_MN_SET_POWER, state);
+    }
+    NTSTATUS waitForWake() {
+        POWER_STATE state;
+        state.SystemState = PowerSystemWorking;
+        return run(IRP_MN_WAIT_WAKE, state);
     }
 
 private:
@@ -155,6 +156,13 @@ private:
         KEVENT done;
         NTSTATUS status = STATUS_PENDING;
     };
+    NTSTATUS run(UCHAR minor, POWER_STATE state) {
+        Call call;
+        KeInitializeEvent(&call.done, NotificationEvent, FALSE);
+        EXPECT_EQ(PoRequestPowerIrp(pdo_, minor, state, ended, &call, nullptr), STATUS_PENDING);
+        KeWaitForSingleObject(&call.done, Executive, KernelMode, FALSE, nullptr);
+        return call.status;
+    }
     static VOID NTAPI ended(PDEVICE_OBJECT, UCHAR, POWER_STATE, PVOID context, PIO_STATUS_BLOCK result) {
         auto& call = *static_cast<Call*>(context);
         call.status = result->Status;
