@@ -21,7 +21,7 @@ struct WaitBlock {
     ULONG key;
 };
 
-enum class SimState : std::uint8_t { none, ready, running, blocked, dead };
+enum class SimState : std::uint8_t { none, ready, running, standing, blocked, dead };
 
 }  // namespace nt
 
@@ -62,6 +62,7 @@ struct _KTHREAD {
     bool simIdle = false;
     std::uint64_t simDeadline = 0;
     std::uint64_t simPriority = 0;
+    std::uint64_t simStandsIn = 0;  // scheduling points; 0: never
     const void* simObject = nullptr;
     const char* simWhat = nullptr;
 };

@@ -12,6 +12,8 @@
 // random priority, the highest ready one runs, and now and then the running one falls below all others. So whoever polls
 // lets everybody else go first in the end.
 //
+// A thread that a test made stand still at some point() goes on when nobody else is ready.
+//
 // When nobody is ready the clock jumps to the next deadline or timer. When there is none of these either, nobody is left
 // who could signal what the threads wait for: the run stops with a report.
 #include "kernel/sim.h"
@@ -154,10 +156,23 @@ void advanceClock() {
     }
 }
 
+bool standingGoesOn() {
+    for (Processor* p : state.threads) {
+        if (p->simState == SimState::standing) {
+            p->simState = SimState::ready;
+            return true;
+        }
+    }
+    return false;
+}
+
 Processor* pick() {
     for (;;) {
         if (Processor* p = pickReady()) {
             return p;
+        }
+        if (standingGoesOn()) {
+            continue;
         }
         state.steps++;
         if (state.maxSteps && state.steps > state.maxSteps) {
@@ -182,6 +197,8 @@ std::uint64_t steps() { return state.steps; }
 std::uint64_t historyHash() { return state.history; }
 std::uint64_t seed() { return state.seed; }
 std::uint64_t clock() { return state.clock; }
+
+void standStill(std::uint64_t n) { self().simStandsIn = n; }
 
 std::uint64_t random(std::uint64_t bound) {
     std::uint64_t value = draw() % bound;
@@ -215,8 +232,9 @@ void point(Point point) {
         report("livelock", "the bound on scheduling points is exceeded");
     }
     perhapsFall(p);
-    p.simState = SimState::ready;
-    Processor* next = pickReady();
+    const bool stands = p.simStandsIn && --p.simStandsIn == 0;
+    p.simState = stands ? SimState::standing : SimState::ready;
+    Processor* next = pick();
     remember(std::uint64_t(point) << 32 | next->id);
     handOver(p, *next);
 }

@@ -647,4 +647,73 @@ TEST(DriverLifecycle, system_control_races_removal) {
     });
 }
 
+// --- At each moment of something ----------------------------------------------------------------------------------------
+
+// One thread stands still at each of its scheduling points in turn, while everything else comes to rest and the modem leaves.
+template <class Acts, class Meanwhile>
+void atEachPoint(unsigned points, bool low, Acts&& acts, Meanwhile&& meanwhile) {
+    for (unsigned n = 1; n <= points; ++n) {
+        SCOPED_TRACE(n);
+        RigOptions options = seeded(1 + n % 4);
+        options.traceMask = TRC_REF | TRC_ERROR | TRC_ASSERT;
+        Modem m(options);
+        ScheduleReinit(&m.record());
+        m.rig.run(50);
+        low ? static_cast<void>(m.power.set(PowerDeviceD2)) : m.file.close();
+        nt::Thread thread("stands", [&] { acts(m, n); });
+        spin(200);
+        meanwhile(m);
+        m.rig.unplug();
+        m.rig.settle();
+        thread.join();
+        m.file.close();
+        m.expectDeleted();
+        ASSERT_FALSE(testing::Test::HasFailure());
+    }
+}
+
+TEST(DriverLifecycle, wake_ends_at_any_moment_of_its_cancellation) {
+    atEachPoint(25, true, [](Modem& m, unsigned n) {
+        nt::sim::standStill(n);
+        CancelWakeIrp(&m.record());
+    }, [](Modem& m) {
+        // So that no other request gets the memory of the one that ended.
+        usb::PortOptions asleep;
+        asleep.rejectD0 = true;
+        m.rig.bus().setOptions(m.rig.first().port, asleep);
+        m.rig.device([](ScriptedDevice& d) { d.wakesHost = true; });
+        m.rig.run(10);
+    });
+}
+
+// The last reference goes while a power request, whose own one may have gone before, is on its way out.
+TEST(DriverLifecycle, removal_at_any_moment_of_a_power_request) {
+    atEachPoint(150, true, [](Modem& m, unsigned n) {
+        nt::sim::standStill(n);
+        m.power.set(PowerDeviceD0);
+    }, [](Modem& m) { m.file.close(); });
+}
+
+// Nothing is sent to a stack that has gone.
+TEST(DriverLifecycle, removal_at_any_moment_of_a_system_control) {
+    for (const bool top : {false, true}) {
+        atEachPoint(30, true, [top](Modem& m, unsigned n) {
+            const PDEVICE_OBJECT device = top ? IoGetAttachedDeviceReference(m.power.pdo()) : m.rig.executive().lookUp(deviceName);
+            if (!top) ObReferenceObject(device);
+            nt::sim::standStill(n);
+            systemControl(device);
+            ObDereferenceObject(device);
+        }, [](Modem& m) { m.power.release(); });
+    }
+}
+
+TEST(DriverLifecycle, removal_at_any_moment_of_an_open) {
+    atEachPoint(150, false, [](Modem& m, unsigned n) {
+        const std::string name = "\\DosDevices\\" + m.rig.comName();
+        nt::sim::standStill(n);
+        nt::File file;
+        file.open(name);
+    }, [](Modem& m) { m.power.release(); });
+}
+
 }  // namespace

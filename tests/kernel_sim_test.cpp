@@ -130,6 +130,33 @@ TEST(Simulation, LeavesThreadsBehind) {
 }
 
 // Who polls for another's work lets it happen, whatever the priorities.
+TEST(Simulation, OneStandsStillUntilNobodyElseCanRun) {
+    for (std::uint64_t seed = 1; seed <= 20; seed++) {
+        CoreScope core(seed);
+        KSPIN_LOCK lock;
+        KeInitializeSpinLock(&lock);
+        const std::uint64_t begin = nt::now();
+        bool othersDone = false, stood = false;
+        auto work = [&](bool stands) {
+            return [&, stands] {
+                if (stands) {
+                    nt::sim::standStill(7);
+                }
+                for (int i = 0; i < 40; i++) {
+                    KIRQL old;
+                    KeAcquireSpinLock(&lock, &old);
+                    KeReleaseSpinLock(&lock, old);
+                }
+                (stands ? stood : othersDone) = true;
+                EXPECT_TRUE(!stands || othersDone);
+                EXPECT_EQ(nt::now(), begin) << "the clock went on though somebody could";
+            };
+        };
+        runThreads({work(true), work(false)});
+        EXPECT_TRUE(stood);
+    }
+}
+
 TEST(Simulation, PollersGiveWay) {
     forSeeds(60, [] {
         int done = 0;
