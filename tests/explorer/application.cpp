@@ -330,7 +330,7 @@ void Application::drain() {
 }
 
 void Application::live() {
-    sleepMs(1);
+    world_.rest();
     world_.device([](WildDevice& d) { d.forget(); });
     const std::int64_t begin = now().ms;
     while (!open(0)) {

@@ -24,6 +24,8 @@ constexpr std::int64_t recoveryMs = 6000;
 constexpr std::int64_t momentMs = 5, remoteMomentMs = 60;
 // A connection that is to break behind some byte breaks at the latest then.
 constexpr std::int64_t cutMs = 20;
+// An initialisation that failed because the device left is tried again then, even if the device has come back since and works.
+constexpr std::int64_t retryMs = 600;
 constexpr std::uint64_t stepBound = 3'000'000;
 constexpr std::size_t packetBytes = 64;
 // Assertions, errors, progress, open and close, Plug and Play and power.
@@ -427,7 +429,7 @@ void World::replug() {
     sleepMs(1);
     place_ = DeviceState::running;
     newDevices.push_back({goneSince_, now()});
-    losses.end(*placeLoss_, momentMs_);
+    losses.end(*placeLoss_, wire_ ? retryMs : momentMs_);
     placeLoss_.reset();
 }
 
@@ -621,6 +623,9 @@ void World::suspends() {
     const bool justGiven = !given.empty() && now().ms - given.back().at.ms <= momentMs_;
     if (justGiven || readerBehind(given.size())) losses.end(losses.begin("the device is suspended", 0, true), 0);
 }
+
+// What still waits for its time has come.
+void World::rest() { sleepMs(wire_ && removals ? retryMs : 1); }
 
 // Nothing holds the host back. An open port hears of it.
 void World::raiseLines() {

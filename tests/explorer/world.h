@@ -125,6 +125,7 @@ public:
     void visit(std::uint32_t row) { cells_.visit(row, state()); }
     std::vector<std::string> names();  // the port's: COM name first
 
+    void rest();
     void raiseLines();
     void suspends();  // the device, now
     // Says whether, of so many bytes given, readers have left more than the ring holds.
