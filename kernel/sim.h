@@ -14,7 +14,8 @@ std::uint64_t seed();
 // A number of the run's own generator, for tests that draw their choices from the same seed.
 std::uint64_t random(std::uint64_t bound);
 
-// The calling thread stands still at its n-th scheduling point from now until nobody else can run: the worst place is one of them.
+// The calling thread stands still at its n-th scheduling point from now (0: at none) until nobody else can run: the worst place is
+// one of them.
 void standStill(std::uint64_t n);
 
 // For the core: --------------------------------------------------------------------------------------------------------

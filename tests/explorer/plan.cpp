@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* verbNames[] = {
     "open",      "close",    "read",   "write",      "flush",  "control",      "cancel",       "cancelAll",
-    "await",     "send",     "lines",  "network",    "malformed", "framing",   "stallIn",     "stallOut",     "stallControl",
+    "await",     "stand",     "send",     "lines",  "network",    "malformed", "framing",   "stallIn",     "stallOut",     "stallControl",
     "muteControl", "hold",   "allow",  "remoteWake", "unplug", "cut", "replug",       "queryStop",   "stop",         "cancelStop",
     "start",     "queryRemove", "remove", "cancelRemove", "restart", "powerDown", "powerUp",  "sleep",        "wake",
     "fail",      "heal",
@@ -142,6 +142,7 @@ private:
         } else {
             step.pause = dice_.below(dice_.oneIn(4) ? 1000 : 60);
         }
+        if (dice_.oneIn(10)) plan_.steps.push_back({actor, Verb::stand, 0, false, false, {1 + dice_.below(150), 0, 0}});
         plan_.steps.push_back(step);
     }
     void addControl(Actor actor, std::uint32_t code) {
@@ -266,14 +267,25 @@ private:
         if (allowed(controls[row], features_) || dice_.oneIn(3)) add(actor, Verb::control, row, dice_.below(1u << 16));
     }
     Actor anyone() { return features_.second && dice_.oneIn(2) ? Actor::second : Actor::first; }
+    // Meets a write that stands somewhere on its way.
+    void queryStop() {
+        const bool meets = dice_.oneIn(2);
+        const Actor actor = anyone();
+        if (meets) {
+            plan_.steps.push_back({actor, Verb::stand, 0, false, true, {1 + dice_.below(70), 0, 0}});
+            plan_.steps.push_back({actor, Verb::write, 0, false, true, {1 + dice_.length(), 0, 0}});
+        }
+        add(Actor::system, Verb::queryStop);
+        if (meets) plan_.steps.back().pause = 0;
+    }
     void plugAndPlay() {
         switch (dice_.below(4)) {
         case 0:
-            add(Actor::system, Verb::queryStop);
+            queryStop();
             dwell();
             return add(Actor::system, Verb::cancelStop);
         case 1:
-            add(Actor::system, Verb::queryStop);
+            queryStop();
             if (dice_.oneIn(2)) dwell();
             add(Actor::system, Verb::stop);
             dwell();

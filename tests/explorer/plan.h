@@ -34,6 +34,8 @@ enum class Verb : std::uint8_t {
     cancel,     // which of the outstanding requests
     cancelAll,
     await,      // up to so many ms for the own last request
+    // Any actor.
+    stand,      // still at the n-th scheduling point of the next step, until nobody else can run
     // The device.
     send,       // length, pieces
     lines,      // SERIAL_STATE bits

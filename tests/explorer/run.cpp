@@ -2,6 +2,7 @@
 
 #include "tests/explorer/application.h"
 
+#include "kernel/sim.h"
 #include "kernel/thread.h"
 
 #include <sys/mman.h>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace explorer {
 
@@ -34,6 +36,7 @@ struct Actors {
         for (std::size_t i = 0; i < actorCount; ++i) {
             const Actor actor = static_cast<Actor>(i);
             threads[i].start(i == std::size_t(Actor::system) ? "system" : i == 0 ? "first" : "second", [&, actor, i] {
+                std::uint32_t stands = 0;
                 for (std::size_t n = 0; n < plan.steps.size(); ++n) {
                     const Step& step = plan.steps[n];
                     if (step.actor != actor) continue;
@@ -41,6 +44,11 @@ struct Actors {
                     pause(step);
                     begun[n] = true;
                     if (tell) say("%s", toText(step).c_str());
+                    if (step.verb == Verb::stand) {
+                        stands = step.args[0];
+                        continue;
+                    }
+                    nt::sim::standStill(std::exchange(stands, 0));
                     step.verb < Verb::send ? application.take(step) : world.take(step);
                 }
                 done[i] = true;
