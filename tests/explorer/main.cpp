@@ -35,7 +35,7 @@ struct Options {
     bool remote = false;
 };
 
-// A soak this long visits every cell of the table.
+// A soak this long visits every cell of the table, but for those of a suspended device: a remote one is never told.
 constexpr std::uint64_t seedsForAllCells = 1000;
 // A cut plan meets other schedules: each cut is tried with some.
 constexpr unsigned schedulesPerCut = 3;
@@ -161,7 +161,7 @@ int soak(const Options& options) {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     printf("%llu seeds, %.0f a second, %u failed\n", static_cast<unsigned long long>(soak.lived()),
            static_cast<double>(soak.lived()) / seconds, failures);
-    const bool all = options.soak >= seedsForAllCells && failures == 0;
+    const bool all = options.soak >= seedsForAllCells && failures == 0 && !options.remote;
     const unsigned missing = reportCells(*cells, all);
     return failures != 0 || (all && missing != 0) ? 1 : 0;
 }
