@@ -11,13 +11,17 @@ _comport() {
     --modem) words='modem loopback' ;;
     --port) words=$(_comport_ports) ;;
     --usb) [ "$command" = serve ] && words='virtual loopback usbip://' || return ;;
+    --group)
+        mapfile -t COMPREPLY < <(compgen -g -- "$current")
+        return
+        ;;
     --trace | --rfc2217 | --tcp | --usbip) return ;;
     *)
         if [ "$COMP_CWORD" = 1 ]; then
             words='serve check list status ctl modem --help --version'
         else
             case $command in
-            serve) words='--registry --pty-link --modem --usb --rfc2217 --tcp --kick --control --trace --trace-file --capture --no-verifier --help' ;;
+            serve) words='--registry --pty-link --group --modem --usb --rfc2217 --tcp --kick --control --trace --trace-file --capture --no-verifier --help' ;;
             check) words='--trace --trace-file --capture --no-verifier --help' ;;
             modem) words='--usbip --modem --help' ;;
             list) words='--json --control --usb --help' ;;

@@ -18,8 +18,9 @@ int checked(int fd, const char* what) {
 
 }  // namespace
 
-FrontEnd::FrontEnd(const std::string& portName, PortLease& lease, TerminalUsers& users, const std::filesystem::path& link)
-    : link_(link), users_(users), master_(loop_.context()), port_(portName, lease, wake, this) {
+FrontEnd::FrontEnd(const std::string& portName, PortLease& lease, TerminalUsers& users, const std::filesystem::path& link,
+                   std::optional<gid_t> group)
+    : link_(link), group_(group), users_(users), master_(loop_.context()), port_(portName, lease, wake, this) {
     try {
         makeTerminal();
     } catch (...) {
@@ -58,7 +59,7 @@ void FrontEnd::makeTerminal() {
     closed_ = false;
     master_.close();
     pty_.reset();
-    pty_ = std::make_unique<Pty>(link_);
+    pty_ = std::make_unique<Pty>(link_, group_);
     bridge_ = std::make_unique<Bridge>(*pty_, port_);
     master_.assign(checked(::dup(pty_->master()), "cannot duplicate the terminal's descriptor"));
     watch_ = users_.add(pty_->path(), [this](bool closed) {

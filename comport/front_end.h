@@ -24,8 +24,10 @@ namespace comport {
 
 class FrontEnd {
 public:
-    // Makes the terminal and its link; throws std::runtime_error with a sentence. The executive must be running in real mode.
-    FrontEnd(const std::string& portName, PortLease& lease, TerminalUsers& users, const std::filesystem::path& link);
+    // Makes the terminal, for `group`, too, and its link; throws std::runtime_error with a sentence. The executive must be running
+    // in real mode.
+    FrontEnd(const std::string& portName, PortLease& lease, TerminalUsers& users, const std::filesystem::path& link,
+             std::optional<gid_t> group = std::nullopt);
     // end(), joins the thread, removes the link.
     ~FrontEnd();
     FrontEnd(const FrontEnd&) = delete;
@@ -55,6 +57,7 @@ private:
     void armTimer();
 
     std::filesystem::path link_;
+    const std::optional<gid_t> group_;
     PortLoop loop_{[this] { step(); }};
     TerminalUsers& users_;
     int watch_ = -1;                           // of the terminal

@@ -9,6 +9,7 @@
 #include "comport/client.h"
 #include "comport/options.h"
 #include "comport/server.h"
+#include "comport/service_manager.h"
 #include "comport/usbip_client.h"
 #include "comport/usbip_modem.h"
 
@@ -61,8 +62,9 @@ void tell(const comport::ServedPort& port) {
     std::fflush(stdout);
 }
 
-void greet(const comport::Options& options, comport::Server& server) {
-    const std::vector<const comport::ServedPort*> served = server.served(tell);
+using Ports = std::vector<const comport::ServedPort*>;
+
+void greet(const comport::Options& options, const Ports& served) {
     if (options.devices.size() > 1) {
         for (const comport::ServedPort* port : served) {
             tell(*port);
@@ -84,6 +86,17 @@ void greet(const comport::Options& options, comport::Server& server) {
     std::fflush(stdout);
 }
 
+std::string summaryOf(const Ports& served) {
+    if (served.size() > 4) {
+        return std::to_string(served.size()) + " ports are served";
+    }
+    std::string text;
+    for (const comport::ServedPort* port : served) {
+        text += (text.empty() ? "" : ", ") + port->name() + " at " + port->link();
+    }
+    return text.empty() ? "no device is there yet" : text;
+}
+
 // A port takes some twenty descriptors; the limit that a shell gives is too low for a hundred.
 void raiseDescriptorLimit() {
     rlimit limit{};
@@ -97,8 +110,12 @@ int serve(const comport::Options& options) {
     raiseDescriptorLimit();
     Signals signals;
     comport::Server server(options);
-    greet(options, server);
+    const Ports served = server.served(tell);
+    greet(options, served);
+    const comport::ServiceManager manager;
+    manager.ready(summaryOf(served));
     signals.run(server);
+    manager.stopping();
     std::vector<std::string> left = server.stop();
     for (const std::string& line : left) {
         std::fprintf(stderr, "comport: left at unload: %s\n", line.c_str());

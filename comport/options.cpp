@@ -77,6 +77,10 @@ struct Parser {
                           "with several devices the directory of the links")
             ->check(checkName)
             ->type_name("PATH");
+        serve->add_option("--group", options.group, "A group that may use the terminal, besides its owner")
+            ->take_last()
+            ->check(checkName)
+            ->type_name("GROUP");
         serve->add_option("--rfc2217", rfc2217, "Serve the port to RFC 2217 clients there, on the loopback address unless told; "
                                                "that of each further device at the next number")
             ->take_last()

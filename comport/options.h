@@ -16,6 +16,7 @@ struct Options {
     Command command = Command::serve;
     std::string registryFile;  // "" = in memory
     std::string ptyLink;       // "" = named after the port; of several ports the directory of the links
+    std::string group;         // may use the terminals; "" = as the system has it
     std::optional<NetAddress> rfc2217;  // serve the first port there, each next one at the next number
     std::optional<NetAddress> tcp;      // the same, raw bytes
     bool kick = false;                  // a new network client ends the one before it

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 
 #include <cerrno>
@@ -16,6 +17,7 @@ namespace comport {
 
 namespace {
 
+constexpr mode_t ownerAndGroup = 0660;
 constexpr std::size_t fullRead = 4000;  // what a read gives when there is more: a page less a little
 
 [[noreturn]] void fail(const std::string& what) {
@@ -29,7 +31,7 @@ short pollNow(int fd, short events) {
 
 }  // namespace
 
-Pty::Pty(std::filesystem::path link) : link_(std::move(link)) {
+Pty::Pty(std::filesystem::path link, std::optional<gid_t> group) : link_(std::move(link)) {
     master_ = UniqueFd(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     char name[128];
     if (!master_.valid() || ::grantpt(master_.get()) != 0 || ::unlockpt(master_.get()) != 0 ||
@@ -37,6 +39,9 @@ Pty::Pty(std::filesystem::path link) : link_(std::move(link)) {
         fail("cannot make a pseudo-terminal; is /dev/pts mounted?");
     }
     path_ = name;
+    if (group && (::chown(name, uid_t(-1), *group) != 0 || ::chmod(name, ownerAndGroup) != 0)) {
+        fail("cannot give the pseudo-terminal to the group of --group; the server's user must belong to it");
+    }
     makeRaw();
     read({});  // the event of that
 }

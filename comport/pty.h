@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "comport/bridge.h"
@@ -12,7 +13,8 @@ namespace comport {
 class Pty : public Terminal {
 public:
     // Opens a raw terminal. Throws std::runtime_error with a sentence that says what is wrong, as does publish().
-    explicit Pty(std::filesystem::path link);
+    // `group` may use it, too; none: as the system has it.
+    explicit Pty(std::filesystem::path link, std::optional<gid_t> group = std::nullopt);
     // Removes the link if it is still this terminal's.
     ~Pty() override;
     Pty(const Pty&) = delete;

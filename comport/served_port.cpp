@@ -218,7 +218,7 @@ void ServedPort::noticeArrival() {
 void ServedPort::serve(const std::string& name) {
     // On disk from now on, whatever becomes of the process.
     house_.executive.registry().save();
-    auto frontEnd = std::make_unique<FrontEnd>(name, lease_, house_.users, house_.linkOf(name));
+    auto frontEnd = std::make_unique<FrontEnd>(name, lease_, house_.users, house_.linkOf(name), house_.group);
     std::vector<std::unique_ptr<NetServer>> servers;
     auto listen = [&](NetProtocol protocol, const std::optional<NetAddress>& address) {
         if (address) {

@@ -40,6 +40,7 @@ public:
         TerminalUsers& users;
         std::function<std::filesystem::path(const std::string& portName)> linkOf;
         std::function<void(const ServedPort&)> served;  // has begun; on any thread
+        std::optional<gid_t> group;                      // may use the terminals
     };
     struct Places {
         std::optional<NetAddress> rfc2217;

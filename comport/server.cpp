@@ -1,5 +1,7 @@
 #include "comport/server.h"
 
+#include <grp.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -33,6 +35,20 @@ std::optional<NetAddress> addressOf(std::optional<NetAddress> first, std::size_t
         first->port = static_cast<std::uint16_t>(first->port + i);
     }
     return first;
+}
+
+std::optional<gid_t> groupId(const std::string& name) {
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    std::vector<char> texts(65536);
+    group entry = {};
+    group* found = nullptr;
+    ::getgrnam_r(name.c_str(), &entry, texts.data(), texts.size(), &found);
+    if (found == nullptr) {
+        throw std::runtime_error("--group " + name + ": there is no such group; getent group lists them");
+    }
+    return entry.gr_gid;
 }
 
 }  // namespace
@@ -104,7 +120,7 @@ void Server::plugAll(const Options& options) {
     house_ = std::make_unique<ServedPort::House>(ServedPort::House{
         *executive_, *bus_, *users_,
         [links, several](const std::string& name) { return links.empty() ? defaultLink(name) : several ? links / name : links; },
-        [this](const ServedPort& port) { portServed(port); }});
+        [this](const ServedPort& port) { portServed(port); }, groupId(options.group)});
     const auto until = std::chrono::steady_clock::now() + firstPatience;
     std::map<DeviceKind, unsigned> numbers;
     for (std::size_t i = 0; i < devices.size(); ++i) {

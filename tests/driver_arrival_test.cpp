@@ -1,6 +1,10 @@
 // Arrivals and the Plug and Play dialogue: names, configuration, the states a device goes through.
 #include "tests/support/port.h"
 
+#include <fstream>
+#include <map>
+#include <regex>
+
 #include "cdcacm/pnpadd.h"
 
 namespace {
@@ -14,6 +18,8 @@ using usb::SetupPacket;
 
 constexpr const char* deviceMap = "HKLM\\HARDWARE\\DEVICEMAP\\SERIALCOMM";
 constexpr const char* deviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Enum\\USB\\VID_1209&PID_0001\\0001\\Device Parameters";
+
+constexpr const char* serviceKey = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\qvcdcacm";
 
 std::string nameOf(unsigned n) { return "\\Device\\qvcdcacm" + std::to_string(n); }
 
@@ -222,6 +228,43 @@ TEST(DriverArrival, configuration_defaults_and_bounds) {
             EXPECT_EQ(rig.executive().registry().dword(deviceKey, value.name), options.deviceValues[value.name]);
         }
     }
+}
+
+using Values = std::map<std::string, std::uint32_t>;
+
+// The DWORDs that the installation writes from a section's AddReg where there are none yet.
+Values installed(const std::string& section) {
+    std::map<std::string, std::vector<std::string>> lines;
+    std::ifstream file(INF_FILE);
+    std::string line, at;
+    while (std::getline(file, line)) {
+        if (line.starts_with('[')) at = line.substr(1, line.find(']') - 1);
+        else lines[at].push_back(line);
+    }
+    Values values;
+    std::smatch match;
+    for (const std::string& setting : lines[section]) {
+        if (!std::regex_match(setting, match, std::regex(R"(AddReg\s*=\s*(\w+))"))) continue;
+        for (const std::string& entry : lines[match[1]]) {
+            if (std::regex_match(entry, match, std::regex(R"(HKR,,(\w+),0x00010003,(\d+))"))) values[match[1]] = std::stoul(match[2]);
+        }
+    }
+    return values;
+}
+
+TEST(DriverArrival, the_installation_writes_the_defaults) {
+    TestRig rig;
+    const auto written = [&](const char* key) {
+        Values values;
+        for (const std::string& name : rig.executive().registry().valueNames(key)) {
+            const auto number = rig.executive().registry().dword(key, name);
+            // What the driver found at the start is no setting.
+            if (number && name != "UsbInterface" && name != "UsbConfig") values[name] = *number;
+        }
+        return values;
+    };
+    EXPECT_EQ(installed("Install.NT.HW"), written(deviceKey));
+    EXPECT_EQ(installed("Service"), written(serviceKey));
 }
 
 // --- A deeper stack ---------------------------------------------------------------------------------------------------

@@ -2,7 +2,9 @@
 
 packages_run=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev picocom)
 packages_test=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev libgtest-dev clang libclang-rt-dev
-    g++-mingw-w64-i686-win32 python3-minimal python3-serial gensio-bin libyaml-0-2 picocom socat tshark)
+    g++-mingw-w64-i686-win32 python3-minimal python3-serial gensio-bin libyaml-0-2 picocom socat tshark
+    dpkg-dev file man-db systemd udev umockdev)
+packages_package=(dpkg-dev file)
 packages_bench=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev libbenchmark-dev ser2net socat)
 
 say() { printf '== %s\n' "$*"; }
