@@ -2,6 +2,9 @@
 // from a thread of their own.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -15,10 +18,12 @@
 #include <vector>
 
 #include "comport/capture.h"
+#include "comport/usbip_modem.h"
 #include "kernel/executive.h"
 #include "kernel/file.h"
 #include "tests/support/scripted_device.h"
 #include "usb/host.h"
+#include "usb/usbip_backend.h"
 #include "usb/virtual_backend.h"
 
 extern "C" DRIVER_INITIALIZE DriverEntry;
@@ -61,10 +66,14 @@ private:
     test::Bytes configuration_ = test::cdcConfiguration();
 };
 
+// What lies between the driver and its device.
+enum class Wire { none, usbip };
+
 class Rig {
 public:
     // With `capture` everything on the bus is captured there.
-    explicit Rig(bool verifier, unsigned ports = 1, Answers answers = Answers::takes, const std::string& capture = {}) {
+    explicit Rig(bool verifier, unsigned ports = 1, Answers answers = Answers::takes, Wire wire = Wire::none,
+                 const std::string& capture = {}) {
         if (!capture.empty()) {
             const auto tell = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
             capture_ = std::make_unique<comport::Capture>(comport::Capture::Options{.path = capture, .tell = tell});
@@ -81,12 +90,15 @@ public:
         executive_->bindDriver("USB\\Class_02&SubClass_02", "qvcdcacm", "Ports", portsClass);
         for (unsigned i = 0; i < ports; ++i) {
             const std::string instance = std::to_string(1000 + i);
-            bus_->plug(std::make_shared<usb::VirtualBackend>(std::make_unique<InstantDevice>(answers), instance), instance);
+            std::shared_ptr<usb::Backend> device =
+                std::make_shared<usb::VirtualBackend>(std::make_unique<InstantDevice>(answers), instance);
+            bus_->plug(wire == Wire::none ? device : throughUsbip(device), instance);
         }
         executive_->settle();
     }
     ~Rig() {
         files_.clear();
+        servers_.clear();
         executive_->stop();
     }
 
@@ -107,10 +119,60 @@ public:
     nt::File& port() { return files_.empty() ? open().front() : files_.front(); }
 
 private:
+    // A server of this process, on the loopback address.
+    std::shared_ptr<usb::Backend> throughUsbip(const std::shared_ptr<usb::Backend>& device) {
+        usb::usbip::DeviceRecord record = usb::usbip::describe(test::cdcDevice(), test::cdcConfiguration());
+        record.busId = "1-1";
+        const std::vector exports{std::make_shared<usb::UsbipExport>(device, record)};
+        servers_.push_back(std::make_unique<comport::UsbipServer>(exports, comport::NetAddress{}));
+        return usb::makeUsbipBackend(servers_.back()->host(), servers_.back()->port(), record.busId);
+    }
+
     std::unique_ptr<comport::Capture> capture_;
     std::unique_ptr<nt::Executive> executive_;
     std::unique_ptr<usb::Bus> bus_;
+    std::vector<std::unique_ptr<comport::UsbipServer>> servers_;
     std::vector<nt::File> files_;
+};
+
+// A few requests kept going; the caller waits for the oldest.
+class Pipeline {
+public:
+    explicit Pipeline(std::size_t size) {
+        for (Slot& slot : slots_) {
+            slot.buffer.resize(size, 0x55);
+            slot.request.setCompletion(ended, &slot);
+        }
+    }
+    template <class Issue> void run(benchmark::State& state, Issue issue) {
+        std::size_t next = 0;
+        for (Slot& slot : slots_) {
+            issue(slot.request, slot.buffer);
+        }
+        std::uint64_t bytes = 0;
+        for (auto _ : state) {
+            Slot& slot = slots_[next];
+            next = (next + 1) % slots_.size();
+            slot.done.acquire();
+            bytes += slot.request.information();
+            issue(slot.request, slot.buffer);
+        }
+        state.SetBytesProcessed(static_cast<std::int64_t>(bytes));
+    }
+    void drain() {
+        for (Slot& slot : slots_) {
+            slot.done.acquire();
+        }
+    }
+
+private:
+    struct Slot {
+        nt::Request request;
+        std::vector<std::uint8_t> buffer;
+        std::binary_semaphore done{0};
+    };
+    static void ended(nt::Request&, void* context) { static_cast<Slot*>(context)->done.release(); }
+    std::array<Slot, 4> slots_;
 };
 
 // The yardsticks' other side: a thread that answers each wake-up with one.

@@ -13,47 +13,6 @@ namespace {
 constexpr std::size_t writeSize = 4096;
 constexpr std::size_t writePiece = 2048;   // the default send ring
 constexpr std::size_t readSize = 65536;
-constexpr unsigned inFlight = 4;
-
-// A few requests kept going; the caller waits for the oldest.
-class Pipeline {
-public:
-    explicit Pipeline(std::size_t size) {
-        for (Slot& slot : slots_) {
-            slot.buffer.resize(size, 0x55);
-            slot.request.setCompletion(ended, &slot);
-        }
-    }
-    template <class Issue> void run(benchmark::State& state, Issue issue) {
-        unsigned next = 0;
-        for (Slot& slot : slots_) {
-            issue(slot.request, slot.buffer);
-        }
-        std::uint64_t bytes = 0;
-        for (auto _ : state) {
-            Slot& slot = slots_[next];
-            next = (next + 1) % inFlight;
-            slot.done.acquire();
-            bytes += slot.request.information();
-            issue(slot.request, slot.buffer);
-        }
-        state.SetBytesProcessed(static_cast<std::int64_t>(bytes));
-    }
-    void drain() {
-        for (Slot& slot : slots_) {
-            slot.done.acquire();
-        }
-    }
-
-private:
-    struct Slot {
-        nt::Request request;
-        std::vector<std::uint8_t> buffer;
-        std::binary_semaphore done{0};
-    };
-    static void ended(nt::Request&, void* context) { static_cast<Slot*>(context)->done.release(); }
-    std::array<Slot, inFlight> slots_;
-};
 
 void copyThrice(std::vector<std::uint8_t> (&buffers)[4], std::size_t size) {
     for (int i = 0; i < 3; ++i) {
@@ -65,9 +24,9 @@ void copyThrice(std::vector<std::uint8_t> (&buffers)[4], std::size_t size) {
 
 // A captured run goes nowhere: what the data path pays, and the writer's copy.
 void toDevice(benchmark::State& state, const char* capture) {
-    bench::Rig rig(true, 1, bench::Answers::takes, capture);
+    bench::Rig rig(true, 1, bench::Answers::takes, bench::Wire::none, capture);
     nt::File& port = rig.port();
-    Pipeline pipeline(writeSize);
+    bench::Pipeline pipeline(writeSize);
     pipeline.run(state, [&](nt::Request& request, std::vector<std::uint8_t>& buffer) {
         port.write(request, buffer.data(), static_cast<ULONG>(buffer.size()));
     });
@@ -88,9 +47,9 @@ void toDeviceYardstick(benchmark::State& state) {
 }
 
 void toApplication(benchmark::State& state, const char* capture) {
-    bench::Rig rig(true, 1, bench::Answers::pours, capture);
+    bench::Rig rig(true, 1, bench::Answers::pours, bench::Wire::none, capture);
     nt::File& port = rig.port();
-    Pipeline pipeline(readSize);
+    bench::Pipeline pipeline(readSize);
     pipeline.run(state, [&](nt::Request& request, std::vector<std::uint8_t>& buffer) {
         port.read(request, buffer.data(), static_cast<ULONG>(buffer.size()));
     });

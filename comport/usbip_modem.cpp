@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 #include "kernel/executive.h"
 #include "modem/acm_device.h"
@@ -75,6 +76,8 @@ void UsbipServer::step() {
     }
     for (auto at = clients_.begin(); at != clients_.end();) {
         const Held client = *at++;
+        // Taken in here, in the step: the loop then serves what is asked of the device itself, before it sleeps.
+        client->connection.received(std::span(client->piece).first(std::exchange(client->came, 0)));
         client->connection.step();
         send(client);
         const bool sent = client->connection.output().empty() && !client->writing;
@@ -101,9 +104,7 @@ void UsbipServer::receive(const Held& client) {
                                    [this, client](const asio::error_code& error, std::size_t length) {
                                        client->receiving = false;
                                        client->left = client->left || error;
-                                       if (!error) {
-                                           client->connection.received(std::span(client->piece).first(length));
-                                       }
+                                       client->came = error ? 0 : length;
                                        loop_.step();
                                    });
 }

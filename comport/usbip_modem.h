@@ -45,6 +45,7 @@ private:
         usb::UsbipConnection connection;
         std::vector<std::uint8_t> piece;  // being received
         std::vector<std::uint8_t> sending;
+        std::size_t came = 0;  // bytes in piece that the connection has not seen
         bool receiving = false;
         bool writing = false;
         bool left = false;

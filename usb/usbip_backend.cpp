@@ -215,6 +215,7 @@ bool UsbipBackend::pump() {
             client_.received(std::span(piece_).first(static_cast<std::size_t>(count)));
         }
         deliver();
+        if (static_cast<std::size_t>(count) < piece_.size()) break;
     }
     bool attached;
     {

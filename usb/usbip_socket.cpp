@@ -51,10 +51,12 @@ struct UsbipSocket::Io {
         std::uint64_t count = 0;
         return ::read(wakes.native_handle(), &count, sizeof count) == static_cast<ssize_t>(sizeof count);
     }
-    // The events of the socket, 0 when only a wake came or the time is over.
-    short await(short events, int timeoutMs) {
+    // The events of the socket, 0 when only a wake came or the time is over; wakes that came are taken if `take`.
+    short await(short events, int timeoutMs, bool take = false) {
         pollfd entries[2] = {{socket.is_open() ? socket.native_handle() : -1, events, 0}, {wakes.native_handle(), POLLIN, 0}};
-        return ::poll(entries, 2, timeoutMs) > 0 ? entries[0].revents : short{0};
+        if (::poll(entries, 2, timeoutMs) <= 0) return 0;
+        if (take && entries[1].revents != 0) takeWakes();
+        return entries[0].revents;
     }
     asio::error_code connect(const tcp::endpoint& endpoint, int timeoutMs);
 };
@@ -114,8 +116,7 @@ std::ptrdiff_t UsbipSocket::receive(std::span<std::uint8_t> room) {
 }
 
 void UsbipSocket::wait(bool forRoom, std::int64_t timeoutMs) {
-    io_->await(static_cast<short>(POLLIN | (forRoom ? POLLOUT : 0)), static_cast<int>(std::min<std::int64_t>(timeoutMs, 60'000)));
-    io_->takeWakes();
+    io_->await(static_cast<short>(POLLIN | (forRoom ? POLLOUT : 0)), static_cast<int>(std::min<std::int64_t>(timeoutMs, 60'000)), true);
 }
 
 void UsbipSocket::wake() {
