@@ -1,9 +1,11 @@
 // Real threads on the real clock, with delays wherever threads may get ahead of each other. Made for the thread sanitizer.
 #include "tests/system_port.h"
 
+#include "comport/usbip_modem.h"
 #include "kernel/faults.h"
 #include "kernel/hand.h"
 #include "kernel/thread.h"
+#include "usb/usbip_backend.h"
 
 #include <unistd.h>
 
@@ -277,6 +279,57 @@ TEST_F(Stress, opens_and_closes_while_the_modem_comes_and_goes) {
     drain(file);
     checkedStream(file, 200);
     file.close();
+}
+
+// A device behind a USB/IP client and server on real sockets. Either end gives up under fire; the next connection carries every byte.
+TEST(StressUsbip, connections_come_and_go_under_fire) {
+    RigOptions options = realTime();
+    options.plug = false;
+    TestRig rig(options);
+    auto device = std::make_unique<ScriptedDevice>();
+    device->echo = device->discard = true;
+    usb::usbip::DeviceRecord record = usb::usbip::describe(device->deviceDescriptor(), device->configurationDescriptor(0));
+    record.busId = "1-1";
+    const std::vector exports{std::make_shared<usb::UsbipExport>(
+        std::make_shared<usb::VirtualBackend>(std::move(device), "exported"), record)};
+    comport::NetAddress address;
+    auto server = std::make_unique<comport::UsbipServer>(exports, address);
+    address.port = server->port();
+    rig.first().port = rig.bus().plug(usb::makeUsbipBackend(address.host, address.port, "1-1"), "imported");
+    ASSERT_NE(rig.first().port, 0u);
+    rig.settle();
+    nt::faults::setDelays(true, 7);
+    nt::File file;
+    for (unsigned round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
+        ASSERT_EQ(rig.open(file, 20'000), STATUS_SUCCESS);
+        EXPECT_EQ(test::setTimeouts(file, 10, 0, 0), STATUS_SUCCESS);
+        std::atomic<bool> stop{false};
+        std::vector<nt::Thread> threads;
+        threads.emplace_back("controls", [&] { controls(file, Dice(round + 110), stop); });
+        threads.emplace_back("transfers", [&] { transfers(file, Dice(round + 120), stop); });
+        Dice dice(round + 130);
+        for (unsigned i = 0; i < 3; ++i) {
+            pause(dice.roll(40));
+            if (dice.roll(2) == 0) {
+                server.reset();
+                server = std::make_unique<comport::UsbipServer>(exports, address);
+            } else {
+                rig.unplug();
+            }
+            // The server may not yet have noticed that the device is free.
+            EXPECT_TRUE(rig.until([&] { return rig.bus().replug(rig.first().port); }, 20'000));
+        }
+        pause(200);
+        stop = true;
+        threads.clear();
+        rig.settle();
+        drain(file);
+        checkedStream(file, round + 140);
+        file.close();
+    }
+    nt::faults::setDelays(false);
+    rig.unplug();
+    server.reset();
 }
 
 // --- Rest -------------------------------------------------------------------------------------------------------------
