@@ -35,7 +35,7 @@ constexpr Figure figures[] = {
     {"toWire/controls/bytes", "toWire/controls/yardstick", true, 1.0, "the same, control characters escaped"},
     {"usbip/toApplication", "usbip/toApplication/yardstick", true, 0.3, "USB/IP: device to application, 64 KiB reads"},
     {"usbip/toDevice", "usbip/toDevice/yardstick", true, 0.5, "USB/IP: application to device, 4096-byte writes"},
-    {"usbip/toDevice/odd", "usbip/toDevice/odd/yardstick", true, 0.5, "the same, transfers without empty packets"},
+    {"usbip/toDevice/odd", "usbip/toDevice/odd/yardstick", true, 0.5, "the same, without empty packets"},
     {"smallWrite/checked", "smallWrite/yardstick", false, 6.0, "64-byte write, verifier on"},
     {"smallWrite/unchecked", "smallWrite/yardstick", false, 3.0, "64-byte write, verifier off"},
     {"portsPaced/ten", "portsPaced/one", false, 1.5, "a message each 10 ms on 10 ports, beside 1"},
