@@ -27,11 +27,20 @@ std::string numbers(std::uint16_t vendor, std::uint16_t product) {
     return text;
 }
 
-std::string socketOf(libusb_device* device) {
-    std::array<std::uint8_t, 8> ports{};
-    const int count = libusb_get_port_numbers(device, ports.data(), static_cast<int>(ports.size()));
-    std::string text = std::to_string(libusb_get_bus_number(device));
-    for (int i = 0; i < count; ++i) text += (i == 0 ? "-" : ".") + std::to_string(ports[static_cast<std::size_t>(i)]);
+// Bus and ports.
+std::vector<std::uint8_t> placeOf(const DevicePointer& device) {
+    std::vector<std::uint8_t> place(8);
+    const int count = libusb_get_port_numbers(device.get(), place.data() + 1, static_cast<int>(place.size()) - 1);
+    place[0] = libusb_get_bus_number(device.get());
+    place.resize(1 + static_cast<std::size_t>(std::max(count, 0)));
+    return place;
+}
+
+std::string socketOf(const DevicePointer& device) {
+    std::string text;
+    for (const std::uint8_t number : placeOf(device)) {
+        text += (text.empty() ? "" : text.find('-') == std::string::npos ? "-" : ".") + std::to_string(number);
+    }
     return text;
 }
 
@@ -86,18 +95,19 @@ std::vector<DevicePointer> devicesOf(libusb_context* context) {
     std::vector<DevicePointer> devices;
     for (ssize_t i = 0; i < count; ++i) devices.emplace_back(found[i]);
     libusb_free_device_list(found, 0);
+    std::ranges::sort(devices, {}, placeOf);
     return devices;
 }
 
-DeviceInfo describe(libusb_device* device) {
+DeviceInfo describe(const DevicePointer& device) {
     DeviceInfo info;
     libusb_device_descriptor descriptor{};
-    libusb_get_device_descriptor(device, &descriptor);
+    libusb_get_device_descriptor(device.get(), &descriptor);
     info.vendor = descriptor.idVendor;
     info.product = descriptor.idProduct;
     info.socket = socketOf(device);
     libusb_config_descriptor* configuration = nullptr;
-    if (libusb_get_config_descriptor(device, 0, &configuration) != 0) return info;
+    if (libusb_get_config_descriptor(device.get(), 0, &configuration) != 0) return info;
     for (int i = 0; i < configuration->bNumInterfaces; ++i) {
         const libusb_interface& interface = configuration->interface[i];
         if (interface.num_altsetting < 1) continue;
@@ -136,7 +146,7 @@ std::vector<DeviceInfo> list() {
     const Context context = makeContext();
     std::vector<DeviceInfo> found;
     for (const DevicePointer& device : devicesOf(context.get())) {
-        DeviceInfo info = describe(device.get());
+        DeviceInfo info = describe(device);
         if (!info.hasAcm()) continue;
         readStrings(device.get(), info);
         found.push_back(std::move(info));
@@ -190,7 +200,7 @@ std::pair<DevicePointer, DeviceInfo> Seat::choose(libusb_context* context) {
         why = numbers(settled_->vendor, settled_->product) + " is not plugged into " + settled_->socket;
     }
     for (DevicePointer& device : devicesOf(context)) {
-        DeviceInfo info = describe(device.get());
+        DeviceInfo info = describe(device);
         if (!fits(device.get(), info, why)) continue;
         if (isTaken(info)) {
             why = "every " + (selector_.any ? "CDC-ACM device" : selector_.text()) + " that is plugged in is another port's";

@@ -65,9 +65,10 @@ using Handle = std::unique_ptr<libusb_device_handle, HandleCloser>;
 
 // A new one looks at all devices, also where no udev tells of them. Throws.
 Context makeContext();
+// In the order of their sockets.
 std::vector<DevicePointer> devicesOf(libusb_context* context);
 // What can be told without opening it.
-DeviceInfo describe(libusb_device* device);
+DeviceInfo describe(const DevicePointer& device);
 // Opens it and adds serial number and name.
 void readStrings(libusb_device* device, DeviceInfo& info);
 // Throws an Error that says what to do about it.
