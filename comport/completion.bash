@@ -10,7 +10,7 @@ _comport() {
         ;;
     --modem) words='modem loopback' ;;
     --port) words=$(_comport_ports) ;;
-    --usb) [ "$command" = serve ] && words='virtual loopback usbip://' || return ;;
+    --usb) [ "$command" = serve ] && words='virtual loopback usbip:// libusb:auto libusb:' || return ;;
     --group)
         mapfile -t COMPREPLY < <(compgen -g -- "$current")
         return

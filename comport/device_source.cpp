@@ -5,12 +5,17 @@
 
 #include "modem/loopback.h"
 #include "modem/modem.h"
+#include "usb/libusb_selector.h"
 #include "usb/usbip_backend.h"
 #include "usb/virtual_backend.h"
 
+#ifdef HAVE_LIBUSB
+#include "usb/libusb_backend.h"
+#endif
+
 namespace comport {
 
-const char* const deviceForms = "virtual, loopback or usbip://HOST[:PORT]/BUSID";
+const char* const deviceForms = "virtual, loopback, usbip://HOST[:PORT]/BUSID, libusb:auto or libusb:VID:PID[:SERIAL]";
 
 std::optional<NetAddress> parseAddress(const std::string& text) {
     NetAddress address;
@@ -57,20 +62,25 @@ std::optional<UsbAddress> parseUsbip(const std::string& text) {
 
 std::optional<DeviceName> parseDevice(const std::string& text) {
     if (text == "virtual") {
-        return DeviceName{DeviceKind::modem, {}};
+        return DeviceName{DeviceKind::modem, {}, {}};
     }
     if (text == "loopback") {
-        return DeviceName{DeviceKind::loopback, {}};
+        return DeviceName{DeviceKind::loopback, {}, {}};
+    }
+    const std::string here = "libusb:";
+    if (text.starts_with(here)) {
+        const auto selector = usb::lib::parseSelector(text.substr(here.size()));
+        return selector ? std::optional(DeviceName{DeviceKind::libusb, {}, selector->text()}) : std::nullopt;
     }
     const std::optional<UsbAddress> address = parseUsbip(text);
     if (address && !address->busId.empty()) {
-        return DeviceName{DeviceKind::usbip, *address};
+        return DeviceName{DeviceKind::usbip, *address, {}};
     }
     return std::nullopt;
 }
 
 const char* wordOf(DeviceKind kind) {
-    static const char* const words[] = {"modem", "loopback", "usbip"};
+    static const char* const words[] = {"modem", "loopback", "usbip", "libusb"};
     return words[static_cast<std::size_t>(kind)];
 }
 
@@ -82,6 +92,10 @@ std::unique_ptr<modem::AcmDevice> makeAcmDevice(DeviceKind kind) {
 }
 
 namespace {
+
+#ifndef HAVE_LIBUSB
+constexpr const char* withoutLibusb = "this program was built without libusb; install libusb-1.0-0-dev and build it anew";
+#endif
 
 DeviceSource makeOwn(DeviceKind kind, unsigned number) {
     char serial[8];
@@ -107,10 +121,58 @@ DeviceSource makeImported(const UsbAddress& address) {
     return source;
 }
 
+DeviceSource makeLibusb(const std::string& selector) {
+    DeviceSource source;
+#ifdef HAVE_LIBUSB
+    const auto backend = std::make_shared<usb::LibusbBackend>(*usb::lib::parseSelector(selector));
+    source.backend = backend;
+    source.locate = [backend] { return backend->find() ? backend->instanceId() : std::string(); };
+    // The library knows of no wake.
+    source.options.wakeFromD2 = false;
+    source.error = [backend] { return backend->error(); };
+    source.watch = [backend](std::function<void()> lost, std::function<void()> back) {
+        backend->watch(std::move(lost), std::move(back));
+    };
+#else
+    throw std::runtime_error("libusb:" + selector + ": " + withoutLibusb);
+#endif
+    return source;
+}
+
 }  // namespace
 
 DeviceSource makeDevice(const DeviceName& name, unsigned number) {
-    return name.kind == DeviceKind::usbip ? makeImported(name.usbip) : makeOwn(name.kind, number);
+    switch (name.kind) {
+    case DeviceKind::usbip: return makeImported(name.usbip);
+    case DeviceKind::libusb: return makeLibusb(name.libusb);
+    default: return makeOwn(name.kind, number);
+    }
+}
+
+int runLibusbList() {
+#ifdef HAVE_LIBUSB
+    const std::vector<usb::lib::DeviceInfo> devices = usb::lib::list();
+    for (const usb::lib::DeviceInfo& device : devices) {
+        usb::lib::Selector selector{false, device.vendor, device.product, device.serial};
+        std::string functions;
+        for (const auto& function : device.functions) {
+            char text[16];
+            std::snprintf(text, sizeof text, " %02x/%02x/%02x", function[0], function[1], function[2]);
+            functions += text;
+        }
+        std::printf("libusb:%-24s %-8s%s  %s\n", selector.text().c_str(), device.socket.c_str(), functions.c_str(),
+                    device.name.c_str());
+        if (!device.unreadable.empty()) {
+            std::printf("  %s\n", device.unreadable.c_str());
+        }
+    }
+    if (devices.empty()) {
+        std::printf("no CDC-ACM device is plugged in\n");
+    }
+    return 0;
+#else
+    throw std::runtime_error(withoutLibusb);
+#endif
 }
 
 }  // namespace comport

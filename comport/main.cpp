@@ -140,6 +140,9 @@ int main(int argc, char** argv) {
         case comport::Command::check: return comport::runCheck(*parsed.options);
         case comport::Command::modem: return comport::runModem(*parsed.options);
         case comport::Command::list:
+            if (parsed.options->usbHere) {
+                return comport::runLibusbList();
+            }
             if (parsed.options->usbServer) {
                 return comport::runUsbipList(*parsed.options);
             }

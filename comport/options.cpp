@@ -39,7 +39,9 @@ std::string checkDevice(const std::string& text) {
 
 std::string checkUsbServer(const std::string& text) {
     const auto address = parseUsbip(text);
-    return address && address->busId.empty() ? "" : "'" + text + "' is not a server; give usbip://HOST[:PORT]";
+    return text == "libusb" || (address && address->busId.empty())
+               ? ""
+               : "'" + text + "' is neither a server nor this machine; give usbip://HOST[:PORT] or libusb";
 }
 
 std::string checkName(const std::string& text) {
@@ -97,10 +99,10 @@ struct Parser {
                            ->allow_extra_args(false)
                            ->check(checkDevice)
                            ->type_name("DEVICE");
-        list->add_option("--usb", usbServer, "Show what a USB/IP server exports instead")
+        list->add_option("--usb", usbServer, "Show what a USB/IP server exports instead, or the modems that are plugged in here: libusb")
             ->take_last()
             ->check(checkUsbServer)
-            ->type_name("usbip://HOST[:PORT]");
+            ->type_name("usbip://HOST[:PORT]|libusb");
         modem->add_option("--usbip", usbip, "Export it there, on the loopback address unless told")
             ->take_last()
             ->required()
@@ -206,7 +208,8 @@ struct Parser {
         if (!tcp.empty()) {
             options.tcp = parseAddress(tcp);
         }
-        if (!usbServer.empty()) {
+        options.usbHere = usbServer == "libusb";
+        if (!usbServer.empty() && !options.usbHere) {
             options.usbServer = parseUsbip(usbServer);
         }
         takeDevices();

@@ -27,6 +27,7 @@ struct Options {
     std::vector<DeviceName> devices;    // serve: what is plugged in; empty: `modem` alone
     DeviceKind modem = DeviceKind::modem;  // modem: what is exported
     std::optional<UsbAddress> usbServer;   // list: what that one exports
+    bool usbHere = false;                  // list: what is plugged into this machine
     std::optional<NetAddress> usbip;    // modem: export it there
     std::string controlPath;   // "" = the usual place
     bool json = false;         // list, status: the reply as it is

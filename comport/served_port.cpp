@@ -119,7 +119,8 @@ bool ServedPort::tryOnce() {
             std::lock_guard state(stateLock_);
             wanted = pluggedIn_;
         }
-        content = !wanted || connect();
+        // Something has arrived, but this device has been there all the time.
+        content = !wanted || lossesThen_ == losses_ || connect();
     } catch (const std::runtime_error& error) {
         failure = error.what();
     }
@@ -140,7 +141,8 @@ bool ServedPort::connect() {
     const unsigned losses = losses_;
     usb::PortNumber port = before;
     if (before == 0) {
-        port = house_.bus.plug(source_.backend, source_.instanceId, source_.options);
+        const std::string id = source_.locate ? source_.locate() : source_.instanceId;
+        port = id.empty() ? 0 : house_.bus.plug(source_.backend, id, source_.options);
     } else if (!house_.bus.replug(before)) {
         port = 0;
     }
@@ -150,6 +152,7 @@ bool ServedPort::connect() {
         }
         return false;
     }
+    lossesThen_ = losses;
     {
         std::lock_guard state(stateLock_);
         usbPort_ = port;
@@ -264,6 +267,7 @@ void ServedPort::unplug() {
         pluggedIn_ = false;
     }
     house_.bus.unplug(usbPort_);
+    lossesThen_.reset();
     house_.executive.settle();
     if (source_.own) {
         withModem([](modem::AcmDevice& modem) { modem.powerCycle(); });

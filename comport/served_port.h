@@ -112,6 +112,7 @@ private:
     std::unique_ptr<Reconnector> reconnector_;  // of a device that is elsewhere
     PortLease lease_;
     std::atomic<unsigned> losses_{0};
+    std::optional<unsigned> lossesThen_;  // when it was plugged in; none: it is not. Guarded by plugLock_
 
     // Held while the device is plugged in or out, which may take seconds. Ahead of stateLock_.
     std::mutex plugLock_;

@@ -126,10 +126,13 @@ void Server::plugAll(const Options& options) {
     for (std::size_t i = 0; i < devices.size(); ++i) {
         const ServedPort::Places places{addressOf(options.rfc2217, i), addressOf(options.tcp, i), options.kick};
         // The kinds of the program's own share their numbers.
-        const DeviceKind counted = devices[i].isUnique() ? devices[i].kind : DeviceKind::modem;
+        const DeviceKind counted = devices[i].isOwn() ? DeviceKind::modem : devices[i].kind;
         ports_.push_back(std::make_unique<ServedPort>(*house_, devices[i], ++numbers[counted], places));
-        ports_.back()->begin();
-        ports_.back()->awaitFirstTry(until);
+    }
+    // Only now, when it is known which devices somebody has asked for by their names.
+    for (const auto& port : ports_) {
+        port->begin();
+        port->awaitFirstTry(until);
     }
 }
 

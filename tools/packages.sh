@@ -1,11 +1,11 @@
 # The Debian packages this project needs, and how the top-level scripts get them and speak. Sourced by ./run and ./test.
 
-packages_run=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev picocom)
-packages_test=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev libgtest-dev clang libclang-rt-dev
-    g++-mingw-w64-i686-win32 python3-minimal python3-serial gensio-bin libyaml-0-2 picocom socat tshark
-    dpkg-dev file man-db systemd udev umockdev)
+packages_run=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev libusb-1.0-0-dev nlohmann-json3-dev picocom)
+packages_test=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev libusb-1.0-0-dev nlohmann-json3-dev libgtest-dev
+    libumockdev-dev umockdev clang libclang-rt-dev g++-mingw-w64-i686-win32 python3-minimal python3-serial gensio-bin libyaml-0-2
+    picocom socat tshark dpkg-dev file man-db systemd udev)
 packages_package=(dpkg-dev file)
-packages_bench=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev nlohmann-json3-dev libbenchmark-dev ser2net socat)
+packages_bench=(cmake ninja-build g++ libasio-dev libcli11-dev libtelnet-dev libusb-1.0-0-dev nlohmann-json3-dev libbenchmark-dev ser2net socat)
 
 say() { printf '== %s\n' "$*"; }
 

@@ -121,7 +121,16 @@ std::string LibusbBackend::error() const {
 
 void LibusbBackend::watch(std::function<void()> lost, std::function<void()> back) {
     lost_ = std::move(lost);
-    arrivals_ = back ? std::make_unique<lib::Arrivals>(std::move(back)) : nullptr;
+    arrivals_.reset();
+    if (!back) return;
+    arrivals_ = std::make_unique<lib::Arrivals>([this, back = std::move(back)] {
+        bool running;
+        {
+            SpinGuard guard(lock_);
+            running = life_ == Life::running;
+        }
+        if (!running) back();
+    });
 }
 
 bool LibusbBackend::fail(const std::string& why) {

@@ -55,8 +55,8 @@ public:
 
     // Why find() or start() failed, or the device left. Any thread.
     std::string error() const;
-    // `lost` is called when a started device has left, after its gone(), on the backend's thread; `back` whenever some device
-    // has arrived, on another. Set while stopped.
+    // `lost` is called when a started device has left, after its gone(), on the backend's thread; `back`, on another, when some device
+    // has arrived and this one does not run. Set while stopped. Throws when the library does not start.
     void watch(std::function<void()> lost, std::function<void()> back);
 
 private:

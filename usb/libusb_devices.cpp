@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <cstdio>
 
 namespace usb::lib {
@@ -13,19 +12,6 @@ namespace {
 
 constexpr std::uint8_t communicationsClass = 2;
 constexpr std::uint8_t abstractControlModel = 2;
-
-std::optional<std::uint16_t> hexadecimal(const std::string& text) {
-    std::uint16_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, 16);
-    if (text.size() != 4 || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
-std::string numbers(std::uint16_t vendor, std::uint16_t product) {
-    char text[12];
-    std::snprintf(text, sizeof text, "%04x:%04x", vendor, product);
-    return text;
-}
 
 // Bus and ports.
 std::vector<std::uint8_t> placeOf(const DevicePointer& device) {
@@ -44,10 +30,13 @@ std::string socketOf(const DevicePointer& device) {
     return text;
 }
 
+// What the device says is shown, not believed: no control character reaches the terminal.
 std::string stringOf(libusb_device_handle* handle, std::uint8_t index) {
     unsigned char text[128];
     const int length = index == 0 ? 0 : libusb_get_string_descriptor_ascii(handle, index, text, sizeof text);
-    return length > 0 ? std::string(text, text + length) : std::string();
+    std::string string(text, text + std::max(length, 0));
+    for (char& c : string) c = c >= 0x20 && c < 0x7F ? c : '?';
+    return string;
 }
 
 // All seats of the process.
@@ -55,21 +44,6 @@ std::mutex seatsMutex;
 std::list<const Seat*> seats;
 
 }  // namespace
-
-std::string Selector::text() const {
-    if (any) return "auto";
-    return numbers(vendor, product) + (serial.empty() ? "" : ":" + serial);
-}
-
-std::optional<Selector> parseSelector(const std::string& text) {
-    if (text == "auto") return Selector{};
-    if (text.size() < 9 || text[4] != ':') return std::nullopt;
-    const auto vendor = hexadecimal(text.substr(0, 4));
-    const auto product = hexadecimal(text.substr(5, 4));
-    const bool serial = text.size() > 9;
-    if (!vendor || !product || (serial && (text[9] != ':' || text.size() == 10))) return std::nullopt;
-    return Selector{false, *vendor, *product, serial ? text.substr(10) : std::string()};
-}
 
 bool DeviceInfo::hasAcm() const {
     return std::ranges::any_of(functions, [](const auto& function) {
@@ -122,7 +96,7 @@ Handle open(libusb_device* device, const DeviceInfo& info) {
     libusb_device_handle* handle = nullptr;
     const int error = libusb_open(device, &handle);
     if (error == 0) return Handle(handle);
-    const std::string what = numbers(info.vendor, info.product) + " at " + info.socket;
+    const std::string what = numbersOf(info.vendor, info.product) + " at " + info.socket;
     if (error != LIBUSB_ERROR_ACCESS) throw Error(what + " cannot be opened: " + libusb_strerror(error));
     char node[32];
     std::snprintf(node, sizeof node, "/dev/bus/usb/%03u/%03u", libusb_get_bus_number(device), libusb_get_device_address(device));
@@ -197,7 +171,7 @@ std::pair<DevicePointer, DeviceInfo> Seat::choose(libusb_context* context) {
     std::lock_guard guard(seatsMutex);
     std::string why = selector_.any ? "no CDC-ACM device is plugged in" : selector_.text() + " is not plugged in";
     if (settled_ && selector_.serial.empty()) {
-        why = numbers(settled_->vendor, settled_->product) + " is not plugged into " + settled_->socket;
+        why = numbersOf(settled_->vendor, settled_->product) + " is not plugged into " + settled_->socket;
     }
     for (DevicePointer& device : devicesOf(context)) {
         DeviceInfo info = describe(device);

@@ -1,6 +1,8 @@
 // The USB devices of this machine as libusb sees them: which one is meant, which ones there are, and when one arrives.
 #pragma once
 
+#include "usb/libusb_selector.h"
+
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -18,18 +20,6 @@ struct libusb_device;
 struct libusb_device_handle;
 
 namespace usb::lib {
-
-// "auto": the first CDC-ACM function; "VID:PID" or "VID:PID:SERIAL", the numbers hexadecimal.
-struct Selector {
-    bool any = true;
-    std::uint16_t vendor = 0;
-    std::uint16_t product = 0;
-    std::string serial;  // "": whatever it is
-
-    std::string text() const;
-    bool operator==(const Selector&) const = default;
-};
-std::optional<Selector> parseSelector(const std::string& text);
 
 struct DeviceInfo {
     std::uint16_t vendor = 0;

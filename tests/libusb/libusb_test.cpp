@@ -1,12 +1,20 @@
 // The libusb backend over the real library and a simulated machine (tests/libusb/usb_tree.h): real threads on the real clock, every
 // wait for an event.
+#include "comport/server.h"
+#include "modem/loopback.h"
+#include "modem/modem.h"
 #include "tests/libusb/usb_tree.h"
 #include "tests/support/scripted_device.h"
 #include "tests/system_port.h"
 #include "usb/libusb_backend.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <csignal>
+#include <future>
 
 using namespace test;
 using usb::TransferStatus;
@@ -491,6 +499,56 @@ TEST(LibusbPort, AModemInASocketIsAComPortThatSurvivesItsUnplugging) {
     file.close();
     m.rig.bus().unplug(port);
     EXPECT_EQ(m.nodes[1]->driver(0), "cdc_acm");
+}
+
+TEST(LibusbPort, TheProgramWaitsForItsDeviceAndForItsReturn) {
+    comport::Options options;
+    options.registryFile = "";
+    options.traceMask = 0;
+    const std::string link = testing::TempDir() + "libusb-" + std::to_string(getpid());
+    options.ptyLink = link;
+    options.controlPath = link + ".sock";
+    options.devices = {*comport::parseDevice("libusb:1209:0001")};
+    comport::Server server(options);
+    std::promise<std::string> name;
+    EXPECT_TRUE(server.served([&](const comport::ServedPort& port) { name.set_value(port.name()); }).empty());
+    // Another comes first.
+    UsbDeviceNode other(std::make_unique<modem::Loopback>(), {.socket = "1-1"});
+    std::optional<UsbDeviceNode> node(std::in_place, std::make_unique<modem::Modem>());
+    auto served = name.get_future();
+    ASSERT_EQ(served.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(served.get(), "COM3");
+    const int terminal = open(link.c_str(), O_RDWR | O_NOCTTY);
+    // What is written while the modem is away may be lost.
+    const auto answers = [&] {
+        std::string seen;
+        for (int tries = 0; seen.find("OK") == std::string::npos && tries < 40; ++tries) {
+            EXPECT_EQ(write(terminal, "AT\r", 3), 3);
+            for (pollfd entry{terminal, POLLIN, 0}; seen.find("OK") == std::string::npos && poll(&entry, 1, 250) > 0;) {
+                char bytes[256];
+                const ssize_t count = read(terminal, bytes, sizeof bytes);
+                seen.append(bytes, count > 0 ? static_cast<std::size_t>(count) : 0);
+            }
+        }
+        return seen.find("OK") != std::string::npos;
+    };
+    EXPECT_TRUE(answers());
+    // What arrives elsewhere does not concern it.
+    UsbDeviceNode third(std::make_unique<modem::Loopback>(), {.socket = "1-3"});
+    EXPECT_TRUE(answers());
+    EXPECT_EQ(node->driver(0), "usbfs");
+    node->unplug();
+    UsbDeviceNode again(std::make_unique<modem::Modem>());
+    // The application keeps its handle.
+    EXPECT_TRUE(answers());
+    server.unplug();
+    EXPECT_EQ(again.driver(0), "cdc_acm");
+    server.plugIn();
+    EXPECT_TRUE(answers());
+    close(terminal);
+    server.unplug();
+    node.reset();
+    EXPECT_EQ(other.calls(), Calls{});
 }
 
 // Closing a terminal's other end, which is how a device leaves here, must not end the process.
