@@ -10,7 +10,13 @@ _comport() {
         ;;
     --modem) words='modem loopback' ;;
     --port) words=$(_comport_ports) ;;
-    --usb) [ "$command" = serve ] && words='virtual loopback usbip:// libusb:auto libusb:' || return ;;
+    --usb)
+        case $command in
+        serve) words='virtual loopback usbip:// libusb:auto libusb:' ;;
+        list) words='usbip:// libusb' ;;
+        *) return ;;
+        esac
+        ;;
     --group)
         mapfile -t COMPREPLY < <(compgen -g -- "$current")
         return

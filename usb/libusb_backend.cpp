@@ -124,12 +124,7 @@ void LibusbBackend::watch(std::function<void()> lost, std::function<void()> back
     arrivals_.reset();
     if (!back) return;
     arrivals_ = std::make_unique<lib::Arrivals>([this, back = std::move(back)] {
-        bool running;
-        {
-            SpinGuard guard(lock_);
-            running = life_ == Life::running;
-        }
-        if (!running) back();
+        if (!runs_) back();
     });
 }
 
@@ -175,6 +170,7 @@ bool LibusbBackend::start(BackendEvents& events) {
         SpinGuard guard(lock_);
         error_.clear();
         life_ = Life::running;
+        runs_ = true;
         telling_ = cancels_ = false;
     }
     thread_.start("libusb", [this] { run(); });
@@ -308,6 +304,7 @@ void LibusbBackend::finish(Transfer* transfer, TransferStatus status) {
 void LibusbBackend::endAll(Life life, const std::string& why) {
     if (life_ == Life::running) error_ = why;
     life_ = life;
+    runs_ = false;
     while (Transfer* const transfer = waiting_.head) {
         waiting_.remove(transfer);
         finish(transfer, TransferStatus::gone);
@@ -376,11 +373,13 @@ LibusbBackend::Record* LibusbBackend::nextToSend() {
     if (transfer->type == TransferType::control) {
         const SetupPacket& setup = transfer->setup;
         record.control.resize(LIBUSB_CONTROL_SETUP_SIZE + transfer->length);
-        libusb_fill_control_setup(record.control.data(), setup.requestType, setup.request, setup.value, setup.index, setup.length);
+        libusb_fill_control_setup(record.control.data(), setup.requestType, setup.request, setup.value, setup.index,
+                                  setup.length);
         if (!setup.isIn()) std::copy_n(transfer->data, transfer->length, record.control.data() + LIBUSB_CONTROL_SETUP_SIZE);
         libusb_fill_control_transfer(&request, handle_.get(), record.control.data(), Callbacks::ended, &record, 0);
     } else {
-        libusb_fill_bulk_transfer(&request, handle_.get(), transfer->endpoint, transfer->data, length, Callbacks::ended, &record, 0);
+        libusb_fill_bulk_transfer(&request, handle_.get(), transfer->endpoint, transfer->data, length, Callbacks::ended, &record,
+                                  0);
         if (transfer->type == TransferType::interrupt) request.type = LIBUSB_TRANSFER_TYPE_INTERRUPT;
     }
     return &record;
@@ -522,7 +521,8 @@ void LibusbBackend::cancelMarked() {
         SpinGuard guard(lock_);
         if (!std::exchange(cancels_, false)) return;
         for (const auto& record : records_) {
-            if (record->transfer != nullptr && !record->handing && record->transfer->cancelRequested) marked.push_back(record.get());
+            const bool there = record->transfer != nullptr && !record->handing;
+            if (there && record->transfer->cancelRequested) marked.push_back(record.get());
         }
     }
     for (const Record* const record : marked) libusb_cancel_transfer(record->request);

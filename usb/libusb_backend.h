@@ -7,10 +7,10 @@
 //
 //   submit() --> waiting --flush()--> at the library --its callback--> finished --the thread--> completed
 //                   |                        \--cancel(), gone, stop(): the library is told, its callback comes
-//                   \--a request that only the kernel may carry out--> a worker makes the blocking call; the rest waits--> finished
+//                   \--a request that only the kernel may carry out--> a worker makes the call; the rest waits--> finished
 //
-// One kernel thread runs the library's events, cancels and completes. Transfers are handed to the library by whoever submits them,
-// as soon as that processor has let go of its locks. SET_CONFIGURATION, SET_INTERFACE and CLEAR_FEATURE(ENDPOINT_HALT) are the
+// One kernel thread runs the library's events, cancels and completes. Transfers are handed to the library by whoever submits
+// them, as soon as that processor has let go of its locks. SET_CONFIGURATION, SET_INTERFACE and CLEAR_FEATURE(ENDPOINT_HALT) are the
 // kernel's to carry out: it must know of them.
 //
 // The library carries neither suspend nor wake: a suspended device stays as it is, and none wakes its host.
@@ -24,6 +24,7 @@
 
 #include <wdm.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -37,7 +38,8 @@ public:
     explicit LibusbBackend(lib::Selector selector);
     ~LibusbBackend() override;
 
-    // PASSIVE_LEVEL, blocks. Looks for the device, without opening it unless its serial number is asked for. False: error() says why.
+    // PASSIVE_LEVEL, blocks. Looks for the device, without opening it unless its serial number is asked for. False: error() says
+    // why.
     bool find();
     // Once found: names the device as long as it is the same one. "" before.
     std::string instanceId() const;
@@ -55,8 +57,8 @@ public:
 
     // Why find() or start() failed, or the device left. Any thread.
     std::string error() const;
-    // `lost` is called when a started device has left, after its gone(), on the backend's thread; `back`, on another, when some device
-    // has arrived and this one does not run. Set while stopped. Throws when the library does not start.
+    // `lost` is called when a started device has left, after its gone(), on the backend's thread; `back`, on another, when some
+    // device has arrived and this one does not run. Set while stopped. Throws when the library does not start.
     void watch(std::function<void()> lost, std::function<void()> back);
 
 private:
@@ -137,7 +139,8 @@ private:
     std::vector<std::unique_ptr<Record>> records_;
     std::vector<Record*> free_;
 
-    bool goneReported_ = false;  // the thread's own
+    std::atomic<bool> runs_{false};  // as life_ says, for a thread that is none of the kernel's
+    bool goneReported_ = false;      // the thread's own
 };
 
 }  // namespace usb

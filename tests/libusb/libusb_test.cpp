@@ -1,5 +1,5 @@
-// The libusb backend over the real library and a simulated machine (tests/libusb/usb_tree.h): real threads on the real clock, every
-// wait for an event.
+// The libusb backend over the real library and a simulated machine (tests/libusb/usb_tree.h): real threads on the real clock, and
+// every wait is for an event.
 #include "comport/server.h"
 #include "modem/loopback.h"
 #include "modem/modem.h"
@@ -155,7 +155,8 @@ TEST(LibusbDevices, ASelectorIsReadOrRefused) {
         ASSERT_TRUE(selector) << text;
         EXPECT_EQ(selector->text(), text);
     }
-    const char* bad[] = {"", "auto:1", "1209", "1209:", "1209:1", "1209:00001", "1209:000g", "+209:0001", "1209:0001:", "1209 0001"};
+    const char* bad[] = {"",           "auto:1",    "1209",      "1209:",      "1209:1",
+                         "1209:00001", "1209:000g", "+209:0001", "1209:0001:", "1209 0001"};
     for (const char* text : bad) EXPECT_FALSE(parseSelector(text)) << text;
 }
 
@@ -215,7 +216,8 @@ TEST(LibusbDevices, WhyADeviceCannotBeHadIsSaid) {
     Host forbidden("1209:0005");
     m.plug({.socket = "1-5", .permitted = false}, u"0001", 5);
     EXPECT_FALSE(forbidden.start());
-    EXPECT_TRUE(forbidden.backend.error().find("the udev rule 70-comport.rules") != std::string::npos) << forbidden.backend.error();
+    const std::string why = forbidden.backend.error();
+    EXPECT_TRUE(why.find("the udev rule 70-comport.rules") != std::string::npos) << why;
     EXPECT_EQ(m.nodes[0]->calls(), (Calls{"claim 0"}));
 }
 
@@ -475,7 +477,8 @@ TEST(LibusbPort, AModemInASocketIsAComPortThatSurvivesItsUnplugging) {
     m.rig.settle();
     const auto comName = [&] {
         for (const auto& device : m.rig.executive().devices()) {
-            if (device.instancePath == "USB\\VID_1209&PID_0001\\libusb&1-2" && device.state == nt::DeviceState::started) return device.portName;
+            const bool ours = device.instancePath == "USB\\VID_1209&PID_0001\\libusb&1-2";
+            if (ours && device.state == nt::DeviceState::started) return device.portName;
         }
         return std::string();
     };
@@ -555,5 +558,7 @@ TEST(LibusbPort, TheProgramWaitsForItsDeviceAndForItsReturn) {
 int main(int argc, char** argv) {
     std::signal(SIGHUP, SIG_IGN);
     testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    const int result = RUN_ALL_TESTS();
+    removeUsbTree();
+    return result;
 }

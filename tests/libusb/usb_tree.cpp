@@ -24,9 +24,11 @@ unsigned nextAddress() {
     return 2 + given++ % 126;
 }
 
+UMockdevTestbed* tree = nullptr;
+
 UMockdevTestbed* testbed() {
-    static const std::unique_ptr<UMockdevTestbed, void (*)(gpointer)> bed([] {
-        UMockdevTestbed* const made = umockdev_testbed_new();
+    if (tree == nullptr) {
+        UMockdevTestbed* const made = tree = umockdev_testbed_new();
         const char* attributes[] = {"busnum", "1", "devnum", "1", "speed", "480", "bConfigurationValue", "1", nullptr};
         const char* properties[] = {"DEVTYPE", "usb_device", "DEVNAME", "/dev/bus/usb/001/001", nullptr};
         g_autofree gchar* path = umockdev_testbed_add_devicev(made, "usb", "usb1", nullptr, const_cast<gchar**>(attributes),
@@ -34,9 +36,8 @@ UMockdevTestbed* testbed() {
         guint8 hub[] = {18, 1, 0, 2, 9, 0, 1, 64, 0x6B, 0x1D, 2, 0, 0, 1, 0, 0, 0, 1, 9, 2, 18, 0, 1,
                         1,  0, 0xE0, 0, 9, 4, 0, 0, 0, 9, 0, 0, 0};
         umockdev_testbed_set_attribute_binary(made, path, "descriptors", hub, sizeof hub);
-        return made;
-    }(), g_object_unref);
-    return bed.get();
+    }
+    return tree;
 }
 
 int errnoOf(usb::TransferStatus status) {
@@ -57,6 +58,8 @@ int errnoOf(usb::TransferStatus status) {
 }
 
 }  // namespace
+
+void removeUsbTree() { g_clear_object(&tree); }
 
 // The kernel keeps the bytes to itself until the request is reaped.
 struct UsbDeviceNode::Urb {
@@ -104,7 +107,8 @@ void UsbDeviceNode::addToTree() {
     path_ = path;
     std::vector<std::uint8_t> descriptors = deviceBytes_;
     descriptors.insert(descriptors.end(), configurationBytes_.begin(), configurationBytes_.end());
-    umockdev_testbed_set_attribute_binary(testbed(), path, "descriptors", descriptors.data(), static_cast<int>(descriptors.size()));
+    umockdev_testbed_set_attribute_binary(testbed(), path, "descriptors", descriptors.data(),
+                                          static_cast<int>(descriptors.size()));
     g_autofree gchar* root = umockdev_testbed_get_root_dir(testbed());
     std::filesystem::create_directories(std::filesystem::path(root + node_).parent_path());
     std::filesystem::create_symlink(target, root + node_);

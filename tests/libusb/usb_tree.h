@@ -1,6 +1,6 @@
-// A machine's USB devices as libusb meets them, made with umockdev: the device tree, udev's events, and the kernel's USB file system,
-// whose transfers a virtual device carries out. A device node is a terminal, because a terminal can be made to look as such a node
-// does to poll(): ready to write when a request has ended, in error once the device has left.
+// A machine's USB devices as libusb meets them, made with umockdev: the device tree, udev's events, and the kernel's USB file
+// system, whose transfers a virtual device carries out. A device node is a terminal, because a terminal can be made to look as such a
+// node does to poll(): ready to write when a request has ended, in error once the device has left.
 #pragma once
 
 #include "usb/device.h"
@@ -28,6 +28,9 @@ struct SocketOptions {
     bool permitted = true;
     bool inUse = false;  // another program has its interfaces
 };
+
+// Ends its thread and removes its files. No device is left.
+void removeUsbTree();
 
 // A device that is plugged in as long as it exists. The executive must be running in the real mode.
 class UsbDeviceNode : private usb::BackendEvents {
