@@ -45,7 +45,14 @@ struct Table {
     std::atomic<Processor*> published[maxProcessors] = {};
     std::atomic<std::size_t> count{0};
 };
-Table table;
+// Never destroyed: a thread of a library's, which nobody waits for, may end after main() and gives its record back then.
+union Lasting {
+    constexpr Lasting() : table() {}
+    ~Lasting() {}
+    Table table;
+};
+constinit Lasting lasting;
+Table& table = lasting.table;
 
 std::atomic<bool> running{false};
 std::uint64_t realStart;
