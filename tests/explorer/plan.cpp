@@ -112,6 +112,8 @@ public:
         plan_.values = chooseValues(dice_, features_);
         if (!remote_) return;
         plan_.values[remote] = 1;
+        // An answer may have to wait on the wire behind 2 KB of data, in small pieces.
+        if (plan_.values.contains("RequestTimeout")) plan_.values["RequestTimeout"] = 500;
         plan_.values[remotePiece] = dice_.oneIn(2) ? 0 : 20 + dice_.below(200);
         plan_.values[remoteDelay] = dice_.oneIn(2) ? 0 : 1 + dice_.below(5);
     }
