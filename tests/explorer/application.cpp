@@ -137,7 +137,7 @@ void Application::write(Actor actor, std::uint32_t length) {
     Op& op = make(Kind::write, actor);
     op.length = std::min(length, maxLength);
     op.id = ++writes_;
-    for (std::uint32_t i = 0; i < op.length; ++i) op.input.push_back(static_cast<char>(payload(op.id, i)));
+    for (std::uint32_t i = 0; i < op.length; ++i) op.input.push_back(static_cast<char>(payload(op.id, i, world_.framing())));
     if (world_.framing() && op.id % 2 == 0 && op.length != 0) op.input.back() = 0x7e;
     issue(op, [&](nt::File& file) { file.write(op.request, op.input.data(), op.length); });
 }
@@ -155,7 +155,7 @@ void Application::control(Actor actor, const Control& control, std::uint32_t val
     if (character) {
         op.id = ++writes_;
         op.length = static_cast<std::uint32_t>(op.input.size());
-        if (op.length != 0) op.input[0] = static_cast<char>(payload(op.id, 0));
+        if (op.length != 0) op.input[0] = static_cast<char>(payload(op.id, 0, world_.framing()));
     }
     if (is(control, codeSetTimeouts)) {
         noteTimeouts(op.input);

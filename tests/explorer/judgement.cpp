@@ -186,12 +186,13 @@ void Application::judgeStatus(const Op& op) const {
 // --- Settings --------------------------------------------------------------------------------------------------------------------
 
 void Application::judgeSettings() const {
+    const bool nameless = world_.faulty() || world_.plan.uses(Verb::stallControl) || world_.plan.uses(Verb::muteControl);
     for (const Setting& setting : settingsOf(world_.plan)) {
         const std::size_t size = setting.first.size();
         Register values(setting.first);
         for (const auto& [begin, end] : world_.newDevices) {
             values.stored(setting.first, begin, end, false);
-            if (world_.faulty()) values.stored(setting.unread, begin, end, false);
+            if (nameless) values.stored(setting.unread, begin, end, false);
         }
         for (const Op& op : ops_) {
             const auto place = placeIn(op, setting.set);
@@ -310,6 +311,19 @@ std::vector<Order> likelyOrders(const std::string& record, const Order& order, W
     return orders;
 }
 
+// Without the heads of device frames.
+std::vector<TakenByte> unframed(const std::vector<TakenByte>& taken) {
+    std::vector<TakenByte> bytes;
+    for (std::size_t i = 0; i < taken.size();) {
+        if (taken[i].byte == frameHead) {
+            i += 4;
+        } else {
+            bytes.push_back(taken[i++]);
+        }
+    }
+    return bytes;
+}
+
 }  // namespace
 
 Verdict Application::judgeOrder(const std::vector<const Op*>& order, Way way, bool whole) const {
@@ -317,6 +331,12 @@ Verdict Application::judgeOrder(const std::vector<const Op*>& order, Way way, bo
     std::vector<TakenByte> taken;
     for (const Op* op : order) way == Way::out ? appendSent(sent, *op) : appendTaken(taken, *op);
     const WildDevice& record = world_.record();
+    if (world_.framedSince()) {
+        // What a frame did not become is dropped, and so are flags; nothing comes twice, or that was not sent.
+        Losses losses = world_.losses;
+        losses.begin("bytes may travel in frames", unlimited, true, *world_.framedSince());
+        return way == Way::out ? judge(sent, unframed(record.taken), losses, way, whole) : judge(record.given, taken, losses, way, whole);
+    }
     return way == Way::out ? judge(sent, record.taken, world_.losses, way, whole)
                            : judge(record.given, taken, world_.losses, way, whole);
 }
@@ -372,7 +392,6 @@ void Application::judgeAll() {
         judgeStatus(op);
     }
     judgeSettings();
-    if (world_.framing()) return;
     judgeBytes(Way::out, false);
     judgeBytes(Way::in, false);
 }

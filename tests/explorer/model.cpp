@@ -159,15 +159,17 @@ void say(const char* format, ...) {
 Moment now() { return {++lastNumber, static_cast<std::int64_t>(KeQueryInterruptTime() / 10000)}; }
 void restartMoments() { lastNumber = 0; }
 
-std::uint8_t payload(std::uint32_t id, std::uint32_t place) {
+std::uint8_t payload(std::uint32_t id, std::uint32_t place, bool framed) {
     std::uint64_t z = (std::uint64_t(id) << 32 | place) + 0x9e3779b97f4a7c15;
     z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
     z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-    return static_cast<std::uint8_t>(z >> 33);
+    const auto byte = static_cast<std::uint8_t>(z >> 33);
+    const bool special = byte == 0x7D || byte == 0x7E || byte == frameHead;
+    return framed && special ? byte ^ 1 : byte;
 }
 
-std::size_t Losses::begin(const char* why, std::uint64_t outBytes, bool in) {
-    losses_.push_back({why, now(), unlimited, INT64_MAX, outBytes, in});
+std::size_t Losses::begin(const char* why, std::uint64_t outBytes, bool in, const Moment& at) {
+    losses_.push_back({why, at, unlimited, INT64_MAX, outBytes, in});
     return losses_.size() - 1;
 }
 

@@ -34,8 +34,12 @@ struct Moment {
 Moment now();
 void restartMoments();
 
-// Byte `place` of stream `id`; the streams of different ids have nothing in common.
-std::uint8_t payload(std::uint32_t id, std::uint32_t place);
+// Begins a device frame.
+constexpr std::uint8_t frameHead = 0xAA;
+
+// Byte `place` of stream `id`; the streams of different ids have nothing in common. With `framed` it is no flag, no escape and no
+// frameHead, so that it is the same in a frame of either kind, and frames' heads are told from it.
+std::uint8_t payload(std::uint32_t id, std::uint32_t place, bool framed = false);
 
 enum class Way : std::uint8_t { out, in };
 
@@ -62,8 +66,9 @@ struct TakenByte {
 
 class Losses {
 public:
-    // Begins now; the index is for end().
-    std::size_t begin(const char* why, std::uint64_t outBytes, bool in);
+    // The index is for end().
+    std::size_t begin(const char* why, std::uint64_t outBytes, bool in) { return begin(why, outBytes, in, now()); }
+    std::size_t begin(const char* why, std::uint64_t outBytes, bool in, const Moment& at);
     // Nothing that is sent `graceMs` from now, or later, may be lost for this reason.
     void end(std::size_t index, std::int64_t graceMs);
     // Whether the paths may have been stopped since.

@@ -4,6 +4,7 @@
 #include "kernel/power.h"
 #include "kernel/sim.h"
 
+#include "tests/support/ppp_oracle.h"
 #include "usb/sync.h"
 
 #include <algorithm>
@@ -28,6 +29,8 @@ constexpr std::int64_t cutMs = 20;
 constexpr std::int64_t retryMs = 600;
 constexpr std::uint64_t stepBound = 3'000'000;
 constexpr std::size_t packetBytes = 64;
+constexpr std::uint8_t startFraming = 0x61, stopFraming = 0x62;   // vendor requests
+constexpr std::size_t deviceHead = 4;                             // in front of a device frame
 // Assertions, errors, progress, open and close, Plug and Play and power.
 constexpr std::uint32_t tellMask = 0x205f;
 
@@ -65,10 +68,12 @@ void WildDevice::behave() {
     holding = false;
     packetsLeft.reset();
     stallsIn = stallsOut = stallsControl = mutesControl = 0;
+    frames_ = false;
 }
 
 void WildDevice::forget() {
     pieces_.clear();
+    frame_.clear();
     drop(0x82);
 }
 
@@ -115,20 +120,43 @@ std::int32_t WildDevice::dataIn(std::uint8_t endpoint, std::span<std::uint8_t> s
         --stallsIn;
         return usb::dataStall;
     }
-    if (pieces_.empty()) return usb::dataNak;
-    const std::size_t length = std::min<std::size_t>(space.size(), pieces_.front());
+    if (frames_ && frame_.empty() && !pieces_.empty()) makeFrame();
+    if (frame_.empty() && pieces_.empty()) return usb::dataNak;
+    return static_cast<std::int32_t>(nextPiece(space));
+}
+
+std::size_t WildDevice::nextPiece(std::span<std::uint8_t> space) {
+    const bool framed = !frame_.empty();
+    const std::size_t length = std::min<std::size_t>(space.size(), framed ? frame_.size() : pieces_.front());
+    bool last;
+    if (framed) {
+        const auto end = frame_.begin() + static_cast<std::ptrdiff_t>(length);
+        std::copy(frame_.begin(), end, space.begin());
+        frame_.erase(frame_.begin(), end);
+        last = frame_.empty();
+    } else {
+        const Moment at = now();
+        for (std::uint8_t& byte : space.first(length)) given.push_back({byte = payload(givenStream, givenPlace_++), at});
+        pieces_.front() -= static_cast<std::uint32_t>(length);
+        last = pieces_.front() == 0;
+        if (last) pieces_.erase(pieces_.begin());
+    }
+    // The host's transfer goes on until it is full or a short packet comes.
+    if (last) endGiven_ = length % packetBytes == 0 && length < space.size();
+    return length;
+}
+
+// Readers may get it as a PPP frame or, from a driver that does not frame, as it is.
+void WildDevice::makeFrame() {
+    test::Bytes body;
+    for (std::uint32_t i = 0; i < pieces_.front() && body.size() < test::ppp::frameLimit; ++i) {
+        body.push_back(payload(givenStream, givenPlace_++, true));
+    }
+    pieces_.erase(pieces_.begin());
+    frame_ = test::ppp::deviceFrame(sequence_++, body);
     const Moment at = now();
-    for (std::size_t i = 0; i < length; ++i) {
-        space[i] = payload(givenStream, static_cast<std::uint32_t>(given.size()));
-        given.push_back({space[i], at});
-    }
-    pieces_.front() -= static_cast<std::uint32_t>(length);
-    if (pieces_.front() == 0) {
-        pieces_.erase(pieces_.begin());
-        // The host's transfer goes on until it is full or a short packet comes.
-        endGiven_ = length % packetBytes == 0 && length < space.size();
-    }
-    return static_cast<std::int32_t>(length);
+    for (std::size_t i = 0; i < deviceHead; ++i) given.push_back({frame_[i], at});
+    for (const std::uint8_t byte : test::ppp::hostFrame(body, {})) given.push_back({byte, at});
 }
 
 std::optional<usb::ControlReply> WildDevice::misbehave() {
@@ -145,13 +173,18 @@ std::optional<usb::ControlReply> WildDevice::misbehave() {
 
 usb::ControlReply WildDevice::control(const usb::SetupPacket& setup, std::span<std::uint8_t> data) {
     if (const auto reply = misbehave()) return *reply;
+    if (setup.request == startFraming || setup.request == stopFraming) {
+        frames_ = setup.request == startFraming;
+        sequence_ = 0;
+    }
     return ScriptedDevice::control(setup, data);
 }
 
 std::optional<usb::ControlReply> WildDevice::standardControl(const usb::SetupPacket&, std::span<std::uint8_t>) { return misbehave(); }
 
 void WildDevice::busReset() {
-    midTransfer_ = endGiven_ = emptyDue_ = false;
+    midTransfer_ = endGiven_ = emptyDue_ = frames_ = false;
+    frame_.clear();
     ScriptedDevice::busReset();
 }
 
@@ -382,6 +415,7 @@ void World::lineStep(const Step& step) {
         raised_ |= SERIAL_EV_CTS;
         return device([&](WildDevice& d) { d.notify(test::networkConnection(a != 0)); });
     case Verb::framing:
+        if (!framedSince_) framedSince_ = now();
         return device([&](WildDevice& d) { d.notify(test::vendorNotification(a != 0 ? 0x10 : 0x11)); });
     default: return malformed(a);
     }

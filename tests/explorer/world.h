@@ -61,9 +61,15 @@ public:
 private:
     std::optional<usb::ControlReply> misbehave();
     void checkEmptyPacket(std::size_t length);
+    std::size_t nextPiece(std::span<std::uint8_t> space);
+    void makeFrame();
 
     World& world_;
     std::vector<std::uint32_t> pieces_;  // lengths still to give; oldest first
+    std::uint32_t givenPlace_ = 0;       // in the stream of what is given
+    bool frames_ = false;                // what it gives goes in device frames
+    unsigned sequence_ = 0;              // of the next
+    test::Bytes frame_;                  // still to give, before pieces_
     bool endGiven_ = false;              // an empty packet ends the last piece
     bool midTransfer_ = false;           // the host's transfer has been taken in part
     std::size_t outLength_ = 0;          // of the host's transfer so far
@@ -131,8 +137,10 @@ public:
     // Says whether, of so many bytes given, readers have left more than the ring holds.
     std::function<bool(std::size_t given)> readerBehind;
 
-    // Byte streams of this kind of run are not judged.
+    // In this kind of run bytes may travel in frames.
     bool framing() const { return framing_; }
+    // Since when they may: the moment at which the device first asked.
+    const std::optional<Moment>& framedSince() const { return framedSince_; }
     // Requests may fail for want of memory or of an answer, and what failed too often stays so until the next start.
     bool faulty() const { return faulty_; }
     // Nothing of the system stands between the driver and the device.
@@ -188,6 +196,7 @@ private:
     bool asleep_ = false, low_ = false;
     bool moving_ = false;  // a step of the system is under way
     bool framing_ = false, faulty_ = false;
+    std::optional<Moment> framedSince_;
     // The start of a stopped device drops its pipes; where it fails, a recovery that waited finds none before the device is told to go.
     bool startingAgain_ = false, pipeMissed_ = false;
     std::uint32_t raised_ = 0;
