@@ -92,6 +92,7 @@ bool Application::open(std::uint32_t name) {
     world_.visit(rowCreate);
     if (!NT_SUCCESS(opening.file.open(names[name % names.size()]))) return false;
     opening.port = names[0];
+    opening.begun = now();
     if (current_ != nullptr) {
         if (current_->port == opening.port) wrong("the port was opened twice at the same time");
         // The modem came back under another identifier: two ports.

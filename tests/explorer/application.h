@@ -43,6 +43,7 @@ struct Op {
 struct Opening {
     nt::File file;
     std::string port;
+    Moment begun;
     bool closing = false;
     Moment closeBegan;
     std::vector<std::pair<Moment, Moment>> cancelled;  // all of its requests

@@ -186,18 +186,23 @@ void Application::judgeStatus(const Op& op) const {
 // --- Settings --------------------------------------------------------------------------------------------------------------------
 
 void Application::judgeSettings() const {
-    const bool nameless = world_.faulty() || world_.plan.uses(Verb::stallControl) || world_.plan.uses(Verb::muteControl);
+    // A device that did not say who it is when it came back is another one; the file is still that of the one before.
+    const auto mayBeLeft = [this](const Op& op) {
+        return world_.faulty() && std::any_of(world_.newDevices.begin(), world_.newDevices.end(), [&](const auto& device) {
+            return device.second.number > op.opening->begun.number && device.first.number < op.ended.number;
+        });
+    };
     for (const Setting& setting : settingsOf(world_.plan)) {
         const std::size_t size = setting.first.size();
         Register values(setting.first);
         for (const auto& [begin, end] : world_.newDevices) {
             values.stored(setting.first, begin, end, false);
-            if (nameless) values.stored(setting.unread, begin, end, false);
+            if (world_.faulty()) values.stored(setting.unread, begin, end, false);
         }
         for (const Op& op : ops_) {
             const auto place = placeIn(op, setting.set);
             if (place && op.input.size() >= op.control->input) {
-                values.stored(op.input.substr(*place, size), op.issued, op.ended, NT_SUCCESS(op.status));
+                values.stored(op.input.substr(*place, size), op.issued, op.ended, NT_SUCCESS(op.status) && !mayBeLeft(op));
             }
         }
         for (const Op& op : ops_) {
