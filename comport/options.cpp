@@ -110,8 +110,9 @@ struct Parser {
             ->type_name("[ADDR:]PORT");
         for (CLI::App* command : {serve, modem}) {
             auto* kind = command->add_option("--modem", options.modem, "What is plugged in: modem, or loopback, a wired loop plug [modem]")
-                             ->transform(CLI::CheckedTransformer(
-                                 std::map<std::string, DeviceKind>{{"modem", DeviceKind::modem}, {"loopback", DeviceKind::loopback}}))
+                             ->transform(CLI::CheckedTransformer(std::map<std::string, DeviceKind>{{"modem", DeviceKind::modem},
+                                                                                                   {"loopback", DeviceKind::loopback}})
+                                             .description(""))
                              ->type_name("KIND");
             if (command == serve) {
                 kind->excludes(device);
