@@ -190,6 +190,9 @@ std::string statusTable(const json& port) {
     if (port.at("device") != "") {
         rows.push_back({"  device", plain(port.at("device"))});
     }
+    if (port.at("captureDevice") != 0) {
+        rows.push_back({"  in captures", "device " + plain(port.at("captureDevice"))});
+    }
     rows.push_back({"  system", plain(port.at("power").at("system"))});
     rows.push_back({"  power", powerText(port.at("power"))});
     if (!open.is_null()) {

@@ -100,6 +100,7 @@ json briefOf(const PortStatus& port) {
 
 json statusOf(const PortStatus& port) {
     json result = briefOf(port);
+    result["captureDevice"] = port.captureDevice;
     result["port"] = port.open ? openOf(*port.open) : json(nullptr);
     json lines = json::object();
     for (const modem::LineText& text : modem::lineTexts) {

@@ -61,6 +61,7 @@ struct PortStatus {
 
     std::string name;      // "" while its device was never there
     std::string device;    // instance path; where it is to come from, while it is not there
+    unsigned captureDevice = 0;  // its number in captures; 0: was never there
     std::string modem;     // its kind
     std::string state;     // the executive's word for it, or "waiting", "unplugged"
     std::string terminal;  // path of the link

@@ -98,6 +98,7 @@ PortStatus ServedPort::status(const std::vector<nt::DeviceNode>& devices) {
         status.pluggedIn = pluggedIn_;
         status.counters = counters();
         status.device = device_;
+        status.captureDevice = usbPort_;
         status.state = pluggedIn_ ? "waiting" : "unplugged";
         if (const auto node = nodeOf(devices)) {
             status.device = node->instancePath;

@@ -45,6 +45,7 @@ def main():
     require(stream.ask(b"ATD*99#", b"CONNECT"), "the access server answers")
     stream.exchange(framed(configure_request(1)), 0)
     require(until(lambda: status()["ppp"]["state"] == "framing"), "the call is framed")
+    require(status()["captureDevice"] == 1, "status tells the device's number in the capture")
     stream.exchange(framed(configure_request(77)), 0)
     acknowledged = bytes([0xFF, 0x03, 0xC0, 0x21, 2, 77, 0, 4])
     require(stream.expect(framed(acknowledged)), "a framed request is acknowledged")
