@@ -138,8 +138,11 @@ void Application::write(Actor actor, std::uint32_t length) {
     Op& op = make(Kind::write, actor);
     op.length = std::min(length, maxLength);
     op.id = ++writes_;
-    for (std::uint32_t i = 0; i < op.length; ++i) op.input.push_back(static_cast<char>(payload(op.id, i, world_.framing())));
-    if (world_.framing() && op.id % 2 == 0 && op.length != 0) op.input.back() = 0x7e;
+    const bool flags = world_.framing() && op.id % 2 == 0;
+    for (std::uint32_t i = 0; i < op.length; ++i) {
+        const bool flag = flags && (i % 200 == 199 || i + 1 == op.length);
+        op.input.push_back(static_cast<char>(flag ? 0x7E : payload(op.id, i, world_.framing())));
+    }
     issue(op, [&](nt::File& file) { file.write(op.request, op.input.data(), op.length); });
 }
 
