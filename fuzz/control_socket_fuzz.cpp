@@ -30,7 +30,7 @@ public:
         return {closed, open};
     }
     void carryOut(const std::string& port, const comport::Order& order) override {
-        require(port == "COM3" || port == "COM4");
+        require(port == "COM3" || port == "COM4" || (port.empty() && order.isForMachine()));
         require(static_cast<std::size_t>(order.line) < modem::lineCount);
         if (order.action == comport::Order::Action::unplug) {
             throw std::runtime_error("refused \xFF");

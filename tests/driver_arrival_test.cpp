@@ -3,7 +3,6 @@
 
 #include <fstream>
 #include <map>
-#include <regex>
 
 #include "cdcacm/pnpadd.h"
 
@@ -242,11 +241,12 @@ Values installed(const std::string& section) {
         else lines[at].push_back(line);
     }
     Values values;
-    std::smatch match;
+    char name[64];
+    unsigned long value;
     for (const std::string& setting : lines[section]) {
-        if (!std::regex_match(setting, match, std::regex(R"(AddReg\s*=\s*(\w+))"))) continue;
-        for (const std::string& entry : lines[match[1]]) {
-            if (std::regex_match(entry, match, std::regex(R"(HKR,,(\w+),0x00010003,(\d+))"))) values[match[1]] = std::stoul(match[2]);
+        if (std::sscanf(setting.c_str(), "AddReg = %63s", name) != 1) continue;
+        for (const std::string& entry : lines[name]) {
+            if (std::sscanf(entry.c_str(), "HKR,,%63[A-Za-z],0x00010003,%lu", name, &value) == 2) values[name] = value;
         }
     }
     return values;
