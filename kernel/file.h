@@ -15,8 +15,8 @@ namespace nt {
 class File;
 struct FileRecord;
 
-// One request slot, owned by the caller. It must live until its completion has been called, and may be used again, or
-// destroyed, from within that call: nothing touches it afterwards.
+// One request slot, owned by the caller. It must live until its completion has been called (the verifier stops whoever
+// destroys it before), and may be used again, or destroyed, from within that call: nothing touches it afterwards.
 class Request {
 public:
     // Called exactly once per issued request, at up to DISPATCH_LEVEL, perhaps before the issuing call returns.
@@ -24,6 +24,9 @@ public:
 
     Request() = default;
     Request(Completion completion, void* context) : completion_(completion), context_(context) {}
+    ~Request() {
+        if (irp_ != nullptr) [[unlikely]] destroyedEarly();
+    }
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
 
@@ -40,6 +43,8 @@ public:
 private:
     friend class File;
     friend struct FileRecord;
+
+    void destroyedEarly() const;
 
     Completion completion_ = nullptr;
     void* context_ = nullptr;

@@ -304,6 +304,12 @@ void FileRecord::cancelAll() {
     }
 }
 
+void Request::destroyedEarly() const {
+    if (verifying()) {
+        verifier::stop("I18", "~Request", irp_, "destroyed by its owner while the request is outstanding");
+    }
+}
+
 File::File(File&& other) noexcept : record_(other.record_) { other.record_ = nullptr; }
 
 File& File::operator=(File&& other) noexcept {

@@ -226,7 +226,7 @@ TEST(DriverHazard, flush_ends_in_time_whatever_passes_it) {
             const auto delay = 8 + nt::sim::random(28);
             nt::Thread flusher("flusher", [&] {
                 spin(delay);
-                port.file.flush(flush.request);
+                port.file.flush(flush.on(port.file));
             });
             nt::Thread writer("writer", [&] {
                 spin(delay + nt::sim::random(8));

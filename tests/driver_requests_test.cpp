@@ -147,7 +147,7 @@ TEST(DriverRequests, flush_ends_with_the_last_transfer) {
     port.hold(true);
     port.write("held");
     Pending flush;
-    EXPECT_EQ(port.file.flush(flush.request), STATUS_PENDING);
+    EXPECT_EQ(port.file.flush(flush.on(port.file)), STATUS_PENDING);
     port.rig.run(500);
     EXPECT_FALSE(flush.done());
     port.hold(false);
@@ -162,10 +162,10 @@ TEST(DriverRequests, flush_times_out_after_5_s) {
     port.hold(true);
     port.write("held");
     const auto begin = nowMs();
-    port.file.flush(first.request);
-    port.file.flush(cancelled.request);
+    port.file.flush(first.on(port.file));
+    port.file.flush(cancelled.on(port.file));
     port.rig.run(4000);
-    port.file.flush(second.request);   // restarts the count for all
+    port.file.flush(second.on(port.file));   // restarts the count for all
     port.file.cancel(cancelled.request);
     port.rig.run(1);
     EXPECT_EQ(cancelled.status(), STATUS_CANCELLED);
@@ -200,7 +200,7 @@ TEST(DriverRequests, cleanup_ends_everything) {
     port.blockWrites(write);
     port.read(first);
     port.read(second);
-    port.file.flush(flush.request);
+    port.file.flush(flush.on(port.file));
     port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_CTS);
     EXPECT_EQ(port.wait(wait), STATUS_PENDING);
     wait.value = 1;
@@ -231,7 +231,7 @@ TEST(DriverRequests, requests_arrive_during_cleanup) {
         std::vector<nt::Thread> threads;
         for (auto& read : reads) threads.emplace_back("reader", [&] { port.read(read); });
         for (auto& write : writes) threads.emplace_back("writer", [&] { port.write(write); });
-        threads.emplace_back("flusher", [&] { port.file.flush(flush.request); });
+        threads.emplace_back("flusher", [&] { port.file.flush(flush.on(port.file)); });
         threads.emplace_back("waiter", [&] { port.wait(wait); });
         spin(seed % 16);
         port.file.close();

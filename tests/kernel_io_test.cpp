@@ -535,6 +535,20 @@ TEST(KernelIoDeathTest, ARoutineMustPassThePendingMarkOn) {
     EXPECT_DEATH(offend(), "I10");
 }
 
+TEST(KernelIoDeathTest, ARequestOutlivesItsCompletion) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto offend = [] {
+        System system;
+        script->lower[IRP_MJ_READ] = queueRead;
+        nt::File file;
+        file.open("\\??\\TEST");
+        Counter read;
+        char buffer[4];
+        file.read(read.request, buffer, 4);
+    };
+    EXPECT_DEATH(offend(), "I18");
+}
+
 TEST(KernelIoDeathTest, EveryDriverStartsTheNextPowerRequestOnce) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto offend = [] {

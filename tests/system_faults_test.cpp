@@ -142,7 +142,7 @@ private:
     void traffic() {
         exchange("first exchange");
         Pending flush;
-        file_.flush(flush.request);
+        file_.flush(flush.on(file_));
         if (!rig_.until([&] { return flush.done(); }, 6000)) ADD_FAILURE() << "the flush never ended";
     }
 

@@ -257,7 +257,7 @@ TEST(SystemPower, ring_wakes_the_system) {
             Pending event;
             if (item.open) {
                 EXPECT_EQ(test::control(port.file, IOCTL_SERIAL_SET_WAIT_MASK, ULONG{SERIAL_EV_RING}), STATUS_SUCCESS);
-                port.file.control(event.request, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &event.value, sizeof(event.value));
+                port.file.control(event.on(port.file), IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &event.value, sizeof(event.value));
             } else {
                 port.file.close();
             }

@@ -121,7 +121,7 @@ struct Flight {
             writes.back()->write(file);
         }
         EXPECT_EQ(test::control(file, IOCTL_SERIAL_SET_WAIT_MASK, ULONG{SERIAL_EV_BREAK}), STATUS_SUCCESS);
-        file.control(wait.request, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &wait.value, sizeof(wait.value));
+        file.control(wait.on(file), IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &wait.value, sizeof(wait.value));
         file.flush(flush.request);
         flushedAtMs = test::nowMs();
     }

@@ -37,17 +37,29 @@ inline RigOptions traced(std::uint32_t mask, std::map<std::string, std::uint32_t
     return options;
 }
 
-// One asynchronous request, its buffer, and when it ended.
+// One asynchronous request, its buffer, and when it ended. One that is left outstanding is cancelled before its memory goes.
 struct Pending {
     explicit Pending(std::size_t size = 0) : buffer(size, '\0') {}
     explicit Pending(std::string data) : buffer(std::move(data)) {}
+    ~Pending() {
+        if (file_ != nullptr) file_->cancel(request);
+        LARGE_INTEGER tick;
+        tick.QuadPart = -10'000;
+        while (file_ != nullptr) KeDelayExecutionThread(KernelMode, FALSE, &tick);
+    }
     static void ended(nt::Request&, void* context) {
         auto& self = *static_cast<Pending*>(context);
+        self.file_ = nullptr;
         ++self.completions;
         self.atMs = nowMs();
     }
-    NTSTATUS read(nt::File& file) { return file.read(request, buffer.data(), static_cast<ULONG>(buffer.size())); }
-    NTSTATUS write(nt::File& file) { return file.write(request, buffer.data(), static_cast<ULONG>(buffer.size())); }
+    // For an operation of `file` that is about to be issued.
+    nt::Request& on(nt::File& file) {
+        file_ = &file;
+        return request;
+    }
+    NTSTATUS read(nt::File& file) { return file.read(on(file), buffer.data(), static_cast<ULONG>(buffer.size())); }
+    NTSTATUS write(nt::File& file) { return file.write(on(file), buffer.data(), static_cast<ULONG>(buffer.size())); }
     bool done() const { return completions != 0; }
     NTSTATUS status() const { return request.status(); }
     ULONG information() const { return static_cast<ULONG>(request.information()); }
@@ -58,6 +70,9 @@ struct Pending {
     unsigned completions = 0;
     std::int64_t atMs = 0;
     nt::Request request{ended, this};
+
+private:
+    nt::File* file_ = nullptr;  // while outstanding
 };
 
 // A machine with its port open and reads that wait for ever.
@@ -68,7 +83,7 @@ struct OpenPort {
     }
 
     NTSTATUS control(ULONG code) { return file.control(code).status; }
-    NTSTATUS control(Pending& p, ULONG code) { return file.control(p.request, code, nullptr, 0, nullptr, 0); }
+    NTSTATUS control(Pending& p, ULONG code) { return file.control(p.on(file), code, nullptr, 0, nullptr, 0); }
     template <class Input>
     NTSTATUS set(ULONG code, const Input& input) {
         return file.control(code, &input, sizeof(input)).status;
@@ -93,7 +108,7 @@ struct OpenPort {
     NTSTATUS write(Pending& p) { return p.write(file); }
     NTSTATUS write(const std::string& text) { return file.write(text.data(), static_cast<ULONG>(text.size())).status; }
     NTSTATUS wait(Pending& p) {
-        return file.control(p.request, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &p.value, sizeof(p.value));
+        return file.control(p.on(file), IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &p.value, sizeof(p.value));
     }
     void send(const std::string& text) {
         rig.device([&](ScriptedDevice& d) { d.sendBulk(text); });
