@@ -18,7 +18,7 @@ using test::ScriptedDevice;
 using test::TestRig;
 using usb::Fault;
 
-constexpr std::uint8_t kIn = 0x81, kOut = 0x01, kInt = 0x82;
+constexpr std::uint8_t kIn = 0x81, kOut = 0x01;
 constexpr std::uint8_t kStartFraming = 0x61, kStopFraming = 0x62;
 
 std::int64_t nowMs() { return static_cast<std::int64_t>(KeQueryInterruptTime() / 10000); }

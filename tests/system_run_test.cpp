@@ -14,6 +14,8 @@ using test::TestRig;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool addressesRepeat = false;
+#elif defined(__has_feature)
+constexpr bool addressesRepeat = !__has_feature(address_sanitizer);
 #else
 constexpr bool addressesRepeat = true;
 #endif

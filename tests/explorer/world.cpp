@@ -379,7 +379,7 @@ void World::take(const Step& step) {
 void World::error(const char* why) { losses.end(losses.begin(why, 0, true), recoveryMs); }
 
 void World::deviceStep(const Step& step) {
-    const auto [a, b, c] = step.args;
+    const std::uint32_t a = step.args[0], b = step.args[1];
     switch (step.verb) {
     case Verb::send:
         return device([&](WildDevice& d) {

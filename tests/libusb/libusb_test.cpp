@@ -104,7 +104,7 @@ Move configure(std::uint8_t value) { return {{0x00, usb::requestSetConfiguration
 Move clearHalt(std::uint8_t endpoint) { return {{0x02, usb::requestClearFeature, 0, endpoint, 0}, ""}; }
 
 // Who has the backend.
-class Host : public usb::BackendEvents {
+class Host final : public usb::BackendEvents {
 public:
     explicit Host(const std::string& selector = "auto") : backend(*parseSelector(selector)) {
         KeInitializeEvent(&left_, NotificationEvent, FALSE);

@@ -33,7 +33,7 @@ struct SocketOptions {
 void removeUsbTree();
 
 // A device that is plugged in as long as it exists. The executive must be running in the real mode.
-class UsbDeviceNode : private usb::BackendEvents {
+class UsbDeviceNode final : private usb::BackendEvents {
 public:
     explicit UsbDeviceNode(std::unique_ptr<usb::Device> device, const SocketOptions& options = {});
     // Nobody has it open any more.
