@@ -239,41 +239,53 @@ TEST_F(KernelPower, TheStateOfAStackIsTheLowestReported) {
     EXPECT_EQ(powerOf("one").deviceState, PowerDeviceD0);
 }
 
-// One request of a kind at a time in a stack, in the order they were asked for; a wait-wake does not count.
+// One request of a kind at a time in a stack, in the order they were asked for; a wait-wake does not count. A pagable stack
+// gets them at PASSIVE_LEVEL.
 TEST_F(KernelPower, RequestsOfAStackTakeTurns) {
     Child& one = plug(u"one");
+    one.pdo->AttachedDevice->Flags |= DO_POWER_PAGABLE;
     askForWake(one, PowerSystemSleeping3);
     std::vector<PIRP> held;
-    std::vector<DEVICE_POWER_STATE> seen;
+    std::vector<DEVICE_POWER_STATE> top, bottom, ended;
     world_.onPower = [&](PDEVICE_OBJECT device, PIRP irp, NTSTATUS& status) {
         const auto& power = IoGetCurrentIrpStackLocation(irp)->Parameters.Power;
-        if (extensionOf(device).kind != childKind || power.Type != DevicePowerState) return false;
-        seen.push_back(power.State.DeviceState);
+        if (power.Type != DevicePowerState) return false;
+        EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+        const bool child = extensionOf(device).kind == childKind;
+        (child ? bottom : top).push_back(power.State.DeviceState);
+        if (!child) return false;
         held.push_back(irp);
         IoMarkIrpPending(irp);
         PoStartNextPowerIrp(irp);
         status = STATUS_PENDING;
         return true;
     };
-    int ended = 0;
-    const auto done = [](PDEVICE_OBJECT, UCHAR, POWER_STATE, PVOID context, PIO_STATUS_BLOCK) { ++*static_cast<int*>(context); };
-    const DEVICE_POWER_STATE asked[] = {PowerDeviceD2, PowerDeviceD0, PowerDeviceD3};
+    const auto done = [](PDEVICE_OBJECT, UCHAR minor, POWER_STATE state, PVOID context, PIO_STATUS_BLOCK block) {
+        EXPECT_EQ(minor, IRP_MN_SET_POWER);
+        EXPECT_EQ(block->Status, STATUS_SUCCESS);
+        static_cast<std::vector<DEVICE_POWER_STATE>*>(context)->push_back(state.DeviceState);
+    };
+    const std::vector<DEVICE_POWER_STATE> asked = {PowerDeviceD2, PowerDeviceD0, PowerDeviceD3};
+    KIRQL irql;
+    KeRaiseIrql(DISPATCH_LEVEL, &irql);
     for (const auto deviceState : asked) {
         POWER_STATE state;
         state.DeviceState = deviceState;
         EXPECT_EQ(PoRequestPowerIrp(one.pdo, IRP_MN_SET_POWER, state, done, &ended, nullptr), STATUS_PENDING);
     }
-    for (unsigned i = 0; i < std::size(asked); ++i) {
+    KeLowerIrql(irql);
+    for (unsigned i = 0; i < asked.size(); ++i) {
         delay(1 * ms);
-        ASSERT_EQ(seen.size(), i + 1);
-        EXPECT_EQ(seen.back(), asked[i]);
-        EXPECT_EQ(ended, static_cast<int>(i));
+        ASSERT_EQ(bottom.size(), i + 1);
+        EXPECT_EQ(ended.size(), i);
         // A request for the system's state does not wait for the device's.
         EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping1), STATUS_SUCCESS);
         nt::wakeSystem();
         complete(held.back(), STATUS_SUCCESS);
     }
-    EXPECT_EQ(ended, 3);
+    EXPECT_EQ(top, asked);
+    EXPECT_EQ(bottom, asked);
+    EXPECT_EQ(ended, asked);
     endWaitWake(STATUS_CANCELLED);
 }
 

@@ -3,74 +3,7 @@
 
 #include <set>
 
-#include "kernel/pool.h"
-
 namespace {
-
-struct Trace {
-    std::string text;
-    std::uint64_t hash = 0;
-    std::uint64_t steps = 0;
-    bool addressesCount = false;
-};
-
-// Three threads, a timer and pool blocks whose addresses are part of the trace.
-Trace run(std::uint64_t seed) {
-    Trace trace;
-    CoreScope core(seed);
-    KSPIN_LOCK lock;
-    KeInitializeSpinLock(&lock);
-    KTIMER timer;
-    KDPC dpc;
-    KeInitializeTimer(&timer);
-    KeInitializeDpc(
-        &dpc,
-        [](KDPC*, PVOID context, PVOID, PVOID) {
-            static_cast<Trace*>(context)->text += "tick " + std::to_string(nt::now()) + "\n";
-        },
-        &trace);
-    KeSetTimer(&timer, after(3), &dpc);
-    auto body = [&](int number) {
-        return [&, number] {
-            for (int i = 0; i < 4; i++) {
-                PVOID block = ExAllocatePoolWithTag(NonPagedPool, SIZE_T(20 * number + i + 1), 'tseT');
-                KIRQL old;
-                KeAcquireSpinLock(&lock, &old);
-                char line[64];
-                snprintf(line, sizeof line, "%d %d %p\n", number, i, block);
-                trace.text += line;
-                KeReleaseSpinLock(&lock, old);
-                delay(1);
-                ExFreePool(block);
-            }
-        };
-    };
-    runThreads({body(1), body(2), body(3)});
-    trace.hash = nt::sim::historyHash();
-    trace.steps = nt::sim::steps();
-    trace.addressesCount = nt::pool::repeatsAddresses();
-    return trace;
-}
-
-TEST(Simulation, SameSeedSameRun) {
-    for (std::uint64_t seed : {1, 2, 77}) {
-        Trace first = run(seed);
-        Trace second = run(seed);
-        EXPECT_EQ(first.hash, second.hash);
-        EXPECT_EQ(first.steps, second.steps);
-        if (first.addressesCount) {
-            EXPECT_EQ(first.text, second.text);
-        }
-    }
-}
-
-TEST(Simulation, DifferentSeedsDiffer) {
-    std::set<std::uint64_t> hashes;
-    for (std::uint64_t seed = 1; seed <= 20; seed++) {
-        hashes.insert(run(seed).hash);
-    }
-    EXPECT_EQ(hashes.size(), 20u);
-}
 
 // Every order of two unlocked steps must come up, or the schedules are not worth much.
 TEST(Simulation, ReachesEveryInterleaving) {
@@ -129,7 +62,6 @@ TEST(Simulation, LeavesThreadsBehind) {
     EXPECT_GE(uneven, 3u);
 }
 
-// Who polls for another's work lets it happen, whatever the priorities.
 TEST(Simulation, OneStandsStillUntilNobodyElseCanRun) {
     for (std::uint64_t seed = 1; seed <= 20; seed++) {
         CoreScope core(seed);
@@ -157,6 +89,7 @@ TEST(Simulation, OneStandsStillUntilNobodyElseCanRun) {
     }
 }
 
+// Who polls for another's work lets it happen, whatever the priorities.
 TEST(Simulation, PollersGiveWay) {
     forSeeds(60, [] {
         int done = 0;
