@@ -26,7 +26,7 @@ struct Child {
 
 struct World {
     PDRIVER_OBJECT busDriver = nullptr;
-    PDEVICE_OBJECT busPdo = nullptr, busFdo = nullptr, busLower = nullptr;
+    PDEVICE_OBJECT busPdo = nullptr, busFdo = nullptr;
     std::vector<std::unique_ptr<Child>> children;
     std::vector<std::string> log;
     NTSTATUS addStatus = STATUS_SUCCESS;
@@ -118,7 +118,7 @@ inline NTSTATUS childPnp(PDEVICE_OBJECT device, PIRP irp) {
         return complete(irp, STATUS_SUCCESS);
     case IRP_MN_QUERY_CAPABILITIES:
         location->Parameters.DeviceCapabilities.Capabilities->UniqueID = 1;
-        return complete(irp, STATUS_SUCCESS);
+        break;
     case IRP_MN_REMOVE_DEVICE:
         complete(irp, STATUS_SUCCESS);
         if (!child.present) {
@@ -130,8 +130,9 @@ inline NTSTATUS childPnp(PDEVICE_OBJECT device, PIRP irp) {
     case IRP_MN_QUERY_PNP_DEVICE_STATE:
         return complete(irp, irp->IoStatus.Status);
     default:
-        return complete(irp, STATUS_SUCCESS);
+        break;
     }
+    return complete(irp, STATUS_SUCCESS);
 }
 
 inline NTSTATUS functionPnp(PDEVICE_OBJECT device, PIRP irp) {
@@ -169,14 +170,8 @@ inline NTSTATUS functionPnp(PDEVICE_OBJECT device, PIRP irp) {
 }
 
 inline NTSTATUS pnp(PDEVICE_OBJECT device, PIRP irp) {
-    switch (extensionOf(device).kind) {
-    case busKind:
-        return busPnp(device, irp);
-    case childKind:
-        return childPnp(device, irp);
-    default:
-        return functionPnp(device, irp);
-    }
+    constexpr PDRIVER_DISPATCH byKind[] = {busPnp, childPnp, functionPnp};
+    return byKind[extensionOf(device).kind - busKind](device, irp);
 }
 
 // "bus", or what the test called the child.
@@ -239,7 +234,7 @@ NTSTATUS entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     return STATUS_SUCCESS;
 }
 
-// The machine with its bus, in the simulated mode.
+// The machine with its bus, in the simulated mode. Children are known by their instance.
 class BusMachine : public testing::Test {
 protected:
     explicit BusMachine(std::uint64_t seed = 7) : exec_({.mode = nt::Mode::simulated, .seed = seed}) {
@@ -277,9 +272,10 @@ protected:
         world_.log.clear();
         return all;
     }
+    static std::string pathOf(const std::string& instance) { return "TEST\\Thing\\" + instance; }
     nt::DeviceNode node(const std::string& instance) {
         for (const nt::DeviceNode& device : exec_.devices()) {
-            if (device.instancePath == "TEST\\Thing\\" + instance) {
+            if (device.instancePath == pathOf(instance)) {
                 return device;
             }
         }

@@ -14,7 +14,21 @@ using namespace test;
 
 const std::string enumKey = "HKLM\\SYSTEM\\CurrentControlSet\\Enum\\";
 
-class KernelPnp : public BusMachine {};
+class KernelPnp : public BusMachine {
+protected:
+    ~KernelPnp() override { RtlFreeUnicodeString(&link_); }
+
+    // Gives the stack a name by which it can be opened.
+    std::string enableInterface(Child& child) {
+        const GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
+        EXPECT_EQ(IoRegisterDeviceInterface(child.pdo, &guid, nullptr, &link_), STATUS_SUCCESS);
+        EXPECT_EQ(IoSetDeviceInterfaceState(&link_, TRUE), STATUS_SUCCESS);
+        return exec_.enabledInterfaces().at(0);
+    }
+
+    const std::string path = pathOf("one");
+    UNICODE_STRING link_{};
+};
 
 TEST_F(KernelPnp, ADeviceArrivesAndLeavesInOrder) {
     Child& child = plug(u"one");
@@ -51,14 +65,10 @@ TEST_F(KernelPnp, NamesAreFirstFreeFromCom3AndStayWithTheirDevice) {
 }
 
 TEST_F(KernelPnp, RemovalWaitsForTheLastHandleOnTheStack) {
-    GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
     Child& child = plug(u"one");
-    UNICODE_STRING link;
-    ASSERT_EQ(IoRegisterDeviceInterface(child.pdo, &guid, nullptr, &link), STATUS_SUCCESS);
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_OBJECT_NAME_EXISTS);
     nt::File file;
-    ASSERT_EQ(file.open(exec_.enabledInterfaces().at(0)), STATUS_SUCCESS);
+    ASSERT_EQ(file.open(enableInterface(child)), STATUS_SUCCESS);
+    EXPECT_EQ(IoSetDeviceInterfaceState(&link_, TRUE), STATUS_OBJECT_NAME_EXISTS);
     EXPECT_EQ(exec_.queryRemove("test\\thing\\ONE"), STATUS_DEVICE_BUSY);
     EXPECT_EQ(log(), "add start capabilities queryRemove cancelRemove");
     unplug(child);
@@ -71,19 +81,13 @@ TEST_F(KernelPnp, RemovalWaitsForTheLastHandleOnTheStack) {
     exec_.settle();
     EXPECT_EQ(log(), "remove");
     EXPECT_EQ(node("one").state, nt::DeviceState::started);
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, FALSE), STATUS_SUCCESS);
-    RtlFreeUnicodeString(&link);
+    EXPECT_EQ(IoSetDeviceInterfaceState(&link_, FALSE), STATUS_SUCCESS);
 }
 
 // Whoever opens the stack once its removal has been agreed to holds the removal up; whoever comes later finds nothing.
 TEST_F(KernelPnp, AHandleOpenedAfterTheQuestionHoldsTheRemovalBack) {
-    GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
     Child& child = plug(u"one");
-    const std::string path = "TEST\\Thing\\one";
-    UNICODE_STRING link;
-    ASSERT_EQ(IoRegisterDeviceInterface(child.pdo, &guid, nullptr, &link), STATUS_SUCCESS);
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
-    const std::string name = exec_.enabledInterfaces().at(0);
+    const std::string name = enableInterface(child);
     EXPECT_EQ(exec_.queryRemove(path), STATUS_SUCCESS);
     nt::File file;
     ASSERT_EQ(file.open(name), STATUS_SUCCESS);
@@ -99,20 +103,15 @@ TEST_F(KernelPnp, AHandleOpenedAfterTheQuestionHoldsTheRemovalBack) {
     file.close();
     exec_.settle();
     EXPECT_EQ(log(), "remove");
-    RtlFreeUnicodeString(&link);
 }
 
 // A device that does not start again is removed when its files are closed, and not before.
 TEST_F(KernelPnp, ARestartThatFailsUnderAnOpenFile) {
-    GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
     Child& child = plug(u"one");
-    const std::string path = "TEST\\Thing\\one";
-    UNICODE_STRING link;
-    ASSERT_EQ(IoRegisterDeviceInterface(child.pdo, &guid, nullptr, &link), STATUS_SUCCESS);
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
+    const std::string name = enableInterface(child);
     for (const bool unplugged : {false, true}) {
         nt::File file;
-        ASSERT_EQ(file.open(exec_.enabledInterfaces().at(0)), STATUS_SUCCESS);
+        ASSERT_EQ(file.open(name), STATUS_SUCCESS);
         EXPECT_EQ(exec_.queryStop(path), STATUS_SUCCESS);
         EXPECT_EQ(exec_.stopDevice(path), STATUS_SUCCESS);
         log();
@@ -129,9 +128,8 @@ TEST_F(KernelPnp, ARestartThatFailsUnderAnOpenFile) {
         EXPECT_EQ(log(), "remove");
         if (unplugged) break;
         EXPECT_EQ(exec_.startDevice(path), STATUS_SUCCESS);
-        EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
+        EXPECT_EQ(IoSetDeviceInterfaceState(&link_, TRUE), STATUS_SUCCESS);
     }
-    RtlFreeUnicodeString(&link);
 }
 
 TEST_F(KernelPnp, AFailureToAddOrStartLeavesNothingAndTheNextTryWorks) {
@@ -140,11 +138,11 @@ TEST_F(KernelPnp, AFailureToAddOrStartLeavesNothingAndTheNextTryWorks) {
     EXPECT_EQ(log(), "add");
     world_.addStatus = STATUS_SUCCESS;
     world_.startStatus = STATUS_DEVICE_DATA_ERROR;
-    EXPECT_EQ(exec_.restart("TEST\\Thing\\one"), STATUS_DEVICE_DATA_ERROR);
+    EXPECT_EQ(exec_.restart(path), STATUS_DEVICE_DATA_ERROR);
     EXPECT_EQ(log(), "add start remove");
     EXPECT_EQ(node("one").state, nt::DeviceState::startFailed);
     world_.startStatus = STATUS_SUCCESS;
-    EXPECT_EQ(exec_.startDevice("TEST\\Thing\\one"), STATUS_SUCCESS);
+    EXPECT_EQ(exec_.startDevice(path), STATUS_SUCCESS);
     EXPECT_EQ(log(), "add start capabilities");
 }
 
@@ -158,7 +156,6 @@ TEST_F(KernelPnp, UnpluggedWhileItStarts) {
 
 TEST_F(KernelPnp, StepsByHandFollowTheStates) {
     plug(u"one");
-    const std::string path = "TEST\\Thing\\one";
     log();
     EXPECT_EQ(exec_.stopDevice(path), STATUS_INVALID_DEVICE_STATE);
     world_.queryStatus = STATUS_UNSUCCESSFUL;
@@ -174,7 +171,7 @@ TEST_F(KernelPnp, StepsByHandFollowTheStates) {
     EXPECT_EQ(log(), "queryStop stop start capabilities queryRemove cancelRemove");
     EXPECT_EQ(exec_.restart(path), STATUS_SUCCESS);
     EXPECT_EQ(log(), "queryRemove remove add start capabilities");
-    EXPECT_EQ(exec_.queryStop("TEST\\Thing\\none"), STATUS_NO_SUCH_DEVICE);
+    EXPECT_EQ(exec_.queryStop(pathOf("none")), STATUS_NO_SUCH_DEVICE);
 }
 
 }  // namespace

@@ -42,7 +42,7 @@ protected:
         EXPECT_EQ(location->Parameters.Power.Type, SystemPowerState);
         const bool query = location->MinorFunction == IRP_MN_QUERY_POWER;
         world_.log.push_back(who + (query ? "?" : ":") + stateText(location->Parameters.Power.State.SystemState));
-        if (onTold) onTold(who, query);
+        if (who == "two" && !query && whenTwoGoesDown) std::exchange(whenTwoGoesDown, nullptr)();
         if (!query) action = location->Parameters.Power.ShutdownType;
         if (who == (query ? refuses : fails)) {
             status = completePower(irp, query ? STATUS_DEVICE_BUSY : STATUS_DEVICE_POWER_FAILURE);
@@ -59,6 +59,12 @@ protected:
         return true;
     }
 
+    Child& plugTwo() {
+        Child& one = plug(u"one");
+        plug(u"two");
+        log();
+        return one;
+    }
     void askForWake(Child& child, SYSTEM_POWER_STATE deepest) {
         POWER_STATE state;
         state.SystemState = deepest;
@@ -67,14 +73,14 @@ protected:
     void endWaitWake(NTSTATUS status) { complete(std::exchange(waitWake_, nullptr), status); }
     nt::PowerNode powerOf(const std::string& instance) {
         for (const auto& node : nt::powerNodes()) {
-            if (node.instancePath == "TEST\\Thing\\" + instance) return node;
+            if (node.instancePath == pathOf(instance)) return node;
         }
         return {};
     }
 
     std::string refuses, fails, answersLater;
     POWER_ACTION action = PowerActionNone;
-    std::function<void(const std::string& who, bool query)> onTold;
+    std::function<void()> whenTwoGoesDown;
 
 private:
     PIRP waitWake_ = nullptr;
@@ -82,9 +88,7 @@ private:
 };
 
 TEST_F(KernelPower, TheLastToArriveGoesDownFirstAndComesUpLast) {
-    plug(u"one");
-    plug(u"two");
-    log();
+    plugTwo();
     const struct {
         SYSTEM_POWER_STATE state;
         POWER_ACTION action;
@@ -132,9 +136,7 @@ TEST_F(KernelPower, WhoRefusesAndWhoFails) {
 }
 
 TEST_F(KernelPower, TheNextIsToldWhenTheLastHasAnswered) {
-    plug(u"one");
-    plug(u"two");
-    log();
+    plugTwo();
     answersLater = "two";
     EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
     EXPECT_EQ(log(), "two?S3 one?S3 bus?S3 two:S3 two done one:S3 bus:S3");
@@ -144,15 +146,13 @@ TEST_F(KernelPower, TheNextIsToldWhenTheLastHasAnswered) {
 }
 
 TEST_F(KernelPower, WhoComesAndGoesInBetweenDoesSoAtTheWake) {
-    Child& one = plug(u"one");
-    plug(u"two");
-    log();
+    Child& one = plugTwo();
     ASSERT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
     log();
     unplug(one);
     plug(u"three");
     EXPECT_EQ(log(), "");
-    EXPECT_EQ(exec_.restart("TEST\\Thing\\two"), STATUS_INVALID_DEVICE_STATE) << "a driver might keep it until the wake";
+    EXPECT_EQ(exec_.restart(pathOf("two")), STATUS_INVALID_DEVICE_STATE) << "a driver might keep it until the wake";
     nt::wakeSystem();
     EXPECT_EQ(log(), "bus:S0 one:S0 two:S0 surprise remove add start capabilities");
     EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
@@ -161,13 +161,8 @@ TEST_F(KernelPower, WhoComesAndGoesInBetweenDoesSoAtTheWake) {
 
 // Reported from within a driver that is just being told.
 TEST_F(KernelPower, AReportOnTheWayDownOrUpWaitsForItsEnd) {
-    Child& one = plug(u"one");
-    plug(u"two");
-    log();
-    onTold = [&](const std::string& who, bool query) {
-        if (who == "two" && !query) unplug(one);
-        onTold = query ? onTold : nullptr;
-    };
+    Child& one = plugTwo();
+    whenTwoGoesDown = [&] { unplug(one); };
     ASSERT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
     exec_.settle();
     EXPECT_EQ(log(), "two?S3 one?S3 bus?S3 two:S3 one:S3 bus:S3");
@@ -209,16 +204,8 @@ TEST_F(KernelPower, ADeviceWakesTheSystemIfItMay) {
 }
 
 TEST_F(KernelPower, AWakeOnTheWayDownFollowsIt) {
-    Child& one = plug(u"one");
-    plug(u"two");
-    askForWake(one, PowerSystemSleeping3);
-    log();
-    onTold = [&](const std::string& who, bool query) {
-        if (who == "two" && !query) {
-            onTold = nullptr;
-            endWaitWake(STATUS_SUCCESS);
-        }
-    };
+    askForWake(plugTwo(), PowerSystemSleeping3);
+    whenTwoGoesDown = [&] { endWaitWake(STATUS_SUCCESS); };
     EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_SUCCESS);
     exec_.settle();
     EXPECT_EQ(log(), "two?S3 one?S3 bus?S3 two:S3 one:S3 bus:S3 bus:S0 one:S0 two:S0");
