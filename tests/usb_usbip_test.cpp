@@ -553,9 +553,9 @@ namespace {
 
 // A rig whose device is behind a server on a wire.
 struct Imported {
-    explicit Imported(std::uint64_t seed, bool driver, const CdcShape& shape = {}) : rig(options(seed, driver)) {
+    explicit Imported(std::uint64_t seed, bool driver) : rig(options(seed, driver)) {
         if (!driver) client = std::make_unique<UsbClient>(rig.executive());
-        auto scripted = std::make_unique<ScriptedDevice>(shape);
+        auto scripted = std::make_unique<ScriptedDevice>();
         device_ = scripted.get();
         DeviceRecord record = describe(scripted->deviceDescriptor(), scripted->configurationDescriptor(0));
         record.busId = "1-1";
@@ -576,10 +576,8 @@ struct Imported {
         served->stop();
     }
     static RigOptions options(std::uint64_t seed, bool driver) {
-        RigOptions options;
-        options.seed = seed;
+        RigOptions options = busOnly(seed);
         options.loadDriver = driver;
-        options.plug = false;
         return options;
     }
     bool plug() {
@@ -597,10 +595,15 @@ struct Imported {
         }
         return {};
     }
-    NTSTATUS open() {
-        NTSTATUS status = STATUS_UNSUCCESSFUL;
-        rig.until([&] { return NT_SUCCESS(status = file.open("\\DosDevices\\" + comName())); });
-        return status;
+    bool open() {
+        return rig.until([&] { return NT_SUCCESS(file.open("\\DosDevices\\" + comName())); });
+    }
+    // The port opens and carries bytes.
+    void expectWorks() {
+        rig.settle();
+        ASSERT_TRUE(open());
+        EXPECT_EQ(file.write("hello", 5).status, STATUS_SUCCESS);
+        EXPECT_TRUE(rig.until([&] { return device([](ScriptedDevice& d) { return d.outText(); }) == "hello"; }));
     }
 
     TestRig rig;
@@ -629,22 +632,17 @@ TEST(UsbipWire, NothingIsLostOrDoubledInPiecesOfAnySizeUnderUnlinks) {
         s.wire->pieceBytes = seed % 3 == 0 ? 1 + nt::sim::random(70) : 0;
         s.wire->delayMs = seed % 2 == 0 ? 5 : 0;
         ASSERT_TRUE(s.plug());
-        ClientPipes pipes;
-        ASSERT_EQ(UsbClient::configure(pipes), STATUS_SUCCESS);
+        const ClientPipes pipes = UsbClient::configured();
         std::string sent, got, written;
         for (int round = 0; round < 12; ++round) {
-            std::vector<std::unique_ptr<ClientRequest>> reads;
-            std::vector<std::vector<char>> rooms;
-            for (int i = 0; i < 4; ++i) rooms.emplace_back(64 * (1 + nt::sim::random(20)));
-            for (auto& room : rooms) {
-                reads.push_back(std::make_unique<ClientRequest>());
-                reads.back()->data(pipes.in, true, room.data(), static_cast<ULONG>(room.size())).submit();
-                EXPECT_FALSE(reads.back()->completedInside);
+            ClientReads reads;
+            for (int i = 0; i < 4; ++i) {
+                EXPECT_FALSE(reads.emplace_back(pipes.in, 64 * (1 + nt::sim::random(20))).completedInside);
             }
             nt::Thread canceller("canceller", [&] {
-                for (const auto& read : reads) {
+                for (auto& read : reads) {
                     if (nt::sim::random(2) == 0) s.rig.run(nt::sim::random(3));
-                    read->cancel();
+                    read.cancel();
                 }
             });
             const std::string chunk = noise(nt::sim::random(700));
@@ -657,19 +655,14 @@ TEST(UsbipWire, NothingIsLostOrDoubledInPiecesOfAnySizeUnderUnlinks) {
             EXPECT_EQ(write.wait(), STATUS_SUCCESS);
             written += out;
             canceller.join();
-            for (std::size_t i = 0; i < reads.size(); ++i) {
-                const NTSTATUS status = reads[i]->wait();
+            for (auto& read : reads) {
+                const NTSTATUS status = read.wait();
                 ASSERT_TRUE(status == STATUS_SUCCESS || status == STATUS_CANCELLED) << std::hex << status;
-                ASSERT_EQ(reads[i]->completions, 1u);
-                if (status == STATUS_SUCCESS) got.append(rooms[i].data(), reads[i]->length());
+                ASSERT_EQ(read.completions, 1u);
+                if (status == STATUS_SUCCESS) got += read.text();
             }
         }
-        while (got.size() < sent.size()) {
-            char room[4096];
-            ClientRequest read;
-            ASSERT_EQ(read.data(pipes.in, true, room, sizeof room).run(), STATUS_SUCCESS) << got.size() << " of " << sent.size();
-            got.append(room, read.length());
-        }
+        while (got.size() < sent.size() && !HasFailure()) got += readText(pipes.in);
         EXPECT_TRUE(got == sent);
         EXPECT_TRUE(s.device([](ScriptedDevice& d) { return d.outText(); }) == written);
         if (HasFailure()) break;
@@ -679,39 +672,31 @@ TEST(UsbipWire, NothingIsLostOrDoubledInPiecesOfAnySizeUnderUnlinks) {
 TEST(UsbipWire, AStallHaltsUntilItIsCleared) {
     Imported s(1, false);
     ASSERT_TRUE(s.plug());
-    ClientPipes pipes;
-    ASSERT_EQ(UsbClient::configure(pipes), STATUS_SUCCESS);
-    char room[64];
-    ClientRequest read, clear;
-    read.data(pipes.in, true, room, sizeof room).submit();
+    const ClientPipes pipes = UsbClient::configured();
+    ClientRead read(pipes.in, 64);
     s.device([](ScriptedDevice& d) { d.stallIn = 1; });
     read.wait();
     EXPECT_EQ(read.usbd(), USBD_STATUS_STALL_PID);
+    ClientRequest clear;
     EXPECT_EQ(clear.pipeRequest(URB_FUNCTION_RESET_PIPE, pipes.in).run(), STATUS_SUCCESS);
     s.device([](ScriptedDevice& d) { d.sendBulk("again"); });
-    EXPECT_EQ(read.data(pipes.in, true, room, sizeof room).run(), STATUS_SUCCESS);
-    EXPECT_EQ(std::string(room, read.length()), "again");
+    EXPECT_EQ(readText(pipes.in), "again");
 }
 
 TEST(UsbipWire, APortResetImportsAnewAndSetsTheConfigurationAgain) {
     for (const std::uint64_t seed : seeds(10)) {
         Imported s(seed, false);
         ASSERT_TRUE(s.plug());
-        ClientPipes pipes;
-        ASSERT_EQ(UsbClient::configure(pipes), STATUS_SUCCESS);
+        const ClientPipes pipes = UsbClient::configured();
         ClientRequest reset;
         EXPECT_EQ(reset.run(IOCTL_INTERNAL_USB_RESET_PORT), STATUS_SUCCESS);
         EXPECT_EQ(s.wire->connections(), 2u);
         EXPECT_EQ(s.device([](ScriptedDevice& d) { return d.configuration; }), 1);
         s.device([](ScriptedDevice& d) { d.sendBulk("again"); });
-        char room[64];
-        ClientRequest read;
-        EXPECT_EQ(read.data(pipes.in, true, room, sizeof room).run(), STATUS_SUCCESS);
-        EXPECT_EQ(std::string(room, read.length()), "again");
+        EXPECT_EQ(readText(pipes.in), "again");
         // One that does not come back has left.
         s.wire->unreachable = true;
-        ClientRequest again;
-        EXPECT_FALSE(NT_SUCCESS(again.run(IOCTL_INTERNAL_USB_RESET_PORT)));
+        EXPECT_FALSE(NT_SUCCESS(reset.run(IOCTL_INTERNAL_USB_RESET_PORT)));
         s.rig.settle();
         EXPECT_EQ(UsbClient::lower(), nullptr);
     }
@@ -720,11 +705,9 @@ TEST(UsbipWire, APortResetImportsAnewAndSetsTheConfigurationAgain) {
 TEST(UsbipPort, TheConnectionMayBreakBehindAnyByteAndThePortComesBack) {
     for (const std::uint64_t seed : seeds(150)) {
         Imported s(seed, true);
-        std::string com;
         ASSERT_TRUE(s.plug());
-        com = s.comName();
-        ASSERT_FALSE(com.empty());
-        ASSERT_EQ(s.open(), STATUS_SUCCESS);
+        ASSERT_TRUE(s.open());
+        const std::string com = s.comName();
         SERIAL_TIMEOUTS timeouts{};
         timeouts.ReadTotalTimeoutConstant = 20;
         ASSERT_EQ(s.file.control(IOCTL_SERIAL_SET_TIMEOUTS, &timeouts, sizeof timeouts).status, STATUS_SUCCESS);
@@ -763,11 +746,8 @@ TEST(UsbipPort, TheConnectionMayBreakBehindAnyByteAndThePortComesBack) {
         // It arrives again where it was, and works.
         s.wire->cutAfter = ~0ull;
         ASSERT_TRUE(s.rig.bus().replug(s.port));
-        s.rig.settle();
+        s.expectWorks();
         EXPECT_EQ(s.comName(), com);
-        ASSERT_EQ(s.open(), STATUS_SUCCESS);
-        EXPECT_EQ(s.file.write("hello", 5).status, STATUS_SUCCESS);
-        EXPECT_TRUE(s.rig.until([&] { return s.device([](ScriptedDevice& d) { return d.outText(); }) == "hello"; }));
         if (HasFailure()) break;
     }
 }
@@ -823,9 +803,6 @@ TEST(UsbipPort, AServerThatLiesBringsItsPortDownAndNoOther) {
         // And this one is what it was as soon as its server is.
         s.wire->liar = nullptr;
         ASSERT_TRUE(plugged ? s.rig.bus().replug(s.port) : s.plug());
-        s.rig.settle();
-        ASSERT_EQ(s.open(), STATUS_SUCCESS);
-        EXPECT_EQ(s.file.write("again", 5).status, STATUS_SUCCESS);
-        EXPECT_TRUE(s.rig.until([&] { return s.device([](ScriptedDevice& d) { return d.outText(); }) == "again"; }));
+        s.expectWorks();
     }
 }

@@ -149,7 +149,7 @@ ClientRequest& ClientRequest::pipeRequest(USHORT function, USBD_PIPE_HANDLE pipe
     return *this;
 }
 
-NTSTATUS UsbClient::configure(ClientPipes& pipes, USBD_STATUS* urbStatus) {
+NTSTATUS UsbClient::configure(ClientPipes& pipes) {
     // Zeroed room behind the bytes that come: a descriptor that lies about its length stays inside.
     std::vector<std::uint8_t> bytes(65536 + 64);
     ClientRequest request;
@@ -168,7 +168,6 @@ NTSTATUS UsbClient::configure(ClientPipes& pipes, USBD_STATUS* urbStatus) {
     if (urb == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
     ClientRequest select;
     status = select.runWith(urb);
-    if (urbStatus != nullptr) *urbStatus = urb->UrbHeader.Status;
     for (const auto& entry : list) {
         if (!NT_SUCCESS(status) || entry.Interface == nullptr) break;
         for (ULONG i = 0; i < entry.Interface->NumberOfPipes; ++i) {
@@ -183,6 +182,26 @@ NTSTATUS UsbClient::configure(ClientPipes& pipes, USBD_STATUS* urbStatus) {
     }
     ExFreePool(urb);
     return status;
+}
+
+ClientPipes UsbClient::configured() {
+    ClientPipes pipes;
+    EXPECT_EQ(configure(pipes), STATUS_SUCCESS);
+    return pipes;
+}
+
+std::string readText(USBD_PIPE_HANDLE pipe, ULONG room) {
+    ClientRead read(pipe, room);
+    EXPECT_EQ(read.wait(), STATUS_SUCCESS);
+    return read.text();
+}
+
+RigOptions busOnly(std::uint64_t seed) {
+    RigOptions options;
+    options.seed = seed;
+    options.loadDriver = false;
+    options.plug = false;
+    return options;
 }
 
 }  // namespace test

@@ -3,10 +3,11 @@
 #pragma once
 
 #include "kernel/executive.h"
-#include "tests/support/scripted_device.h"
+#include "tests/support/rig.h"
 
 #include <ntplatform.h>
 
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -56,6 +57,19 @@ struct ClientPipes {
     USBD_PIPE_HANDLE in = nullptr, out = nullptr, interrupt = nullptr;
 };
 
+// A read under way, and its memory.
+struct ClientRead : ClientRequest {
+    ClientRead(USBD_PIPE_HANDLE pipe, ULONG room) : buffer(room) { again(pipe); }
+    void again(USBD_PIPE_HANDLE pipe) { data(pipe, true, buffer.data(), static_cast<ULONG>(buffer.size())).submit(); }
+    std::string text() const { return {buffer.data(), length()}; }
+    std::vector<char> buffer;
+};
+// Several at once, in the order they were submitted in.
+using ClientReads = std::deque<ClientRead>;
+
+// The text of one read, which must succeed.
+std::string readText(USBD_PIPE_HANDLE pipe, ULONG room = 4096);
+
 class UsbClient {
 public:
     // Loads and binds the driver. One at a time.
@@ -64,8 +78,13 @@ public:
 
     // The stack of the latest device, null while there is none.
     static PDEVICE_OBJECT lower();
-    // Reads the configuration, selects its first two interfaces and finds the pipes. The IRP's status; `urbStatus` gets the URB's.
-    static NTSTATUS configure(ClientPipes& pipes, USBD_STATUS* urbStatus = nullptr);
+    // Reads the configuration, selects its first two interfaces and finds the pipes. The IRP's status.
+    static NTSTATUS configure(ClientPipes& pipes);
+    // The same where nothing may fail.
+    static ClientPipes configured();
 };
+
+// A machine without the driver under test and with no device yet.
+RigOptions busOnly(std::uint64_t seed = 1);
 
 }  // namespace test
