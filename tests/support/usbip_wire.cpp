@@ -8,6 +8,17 @@ namespace test {
 
 using usb::SpinGuard;
 
+namespace {
+
+// A negative time-out never ends.
+void waitOn(KEVENT& event, std::int64_t timeoutMs) {
+    LARGE_INTEGER timeout;
+    timeout.QuadPart = -timeoutMs * 10000;
+    KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, timeoutMs < 0 ? nullptr : &timeout);
+}
+
+}  // namespace
+
 // May outlive the wire, unused: its backend, which has closed it, is the bus's until the machine ends.
 class UsbipWire::Link final : public usb::UsbipLink {
 public:
@@ -15,36 +26,28 @@ public:
 
     bool open(std::uint32_t, std::string& why) override {
         close();
-        {
-            SpinGuard guard(wire_.lock_);
-            if (wire_.unreachable) {
-                why = "nobody there";
-                return false;
-            }
-            wire_.toServer_.bytes.clear();
-            wire_.toClient_.bytes.clear();
-            wire_.open_ = true;
-            ++wire_.connections_;
+        SpinGuard guard(wire_.lock_);
+        if (wire_.unreachable) {
+            why = "nobody there";
+            return false;
         }
+        wire_.toServer_.clear();
+        wire_.toClient_.clear();
+        wire_.open_ = true;
+        ++wire_.connections_;
         KeSetEvent(&wire_.serverEvent_, 0, FALSE);
         return true;
     }
     void close() override {
-        {
-            SpinGuard guard(wire_.lock_);
-            wire_.open_ = false;
-        }
+        SpinGuard guard(wire_.lock_);
+        wire_.open_ = false;
         KeSetEvent(&wire_.serverEvent_, 0, FALSE);
     }
     std::ptrdiff_t send(std::span<const std::uint8_t> bytes) override {
-        std::size_t count;
-        {
-            SpinGuard guard(wire_.lock_);
-            if (!wire_.open_) return -1;
-            count = wire_.draw(bytes.size());
-            wire_.toServer_.bytes.insert(wire_.toServer_.bytes.end(), bytes.begin(),
-                                         bytes.begin() + static_cast<std::ptrdiff_t>(count));
-        }
+        SpinGuard guard(wire_.lock_);
+        if (!wire_.open_) return -1;
+        const std::size_t count = wire_.draw(bytes.size());
+        std::copy_n(bytes.begin(), count, std::back_inserter(wire_.toServer_));
         KeSetEvent(&wire_.serverEvent_, 0, FALSE);
         return static_cast<std::ptrdiff_t>(count);
     }
@@ -55,14 +58,7 @@ public:
         return static_cast<std::ptrdiff_t>(count);
     }
     void wait(bool forRoom, std::int64_t timeoutMs) override {
-        {
-            SpinGuard guard(wire_.lock_);
-            if (!wire_.toClient_.bytes.empty()) forRoom = true;
-        }
-        if (forRoom) timeoutMs = 1;
-        LARGE_INTEGER timeout;
-        timeout.QuadPart = -timeoutMs * 10000;
-        KeWaitForSingleObject(&wire_.clientEvent_, Executive, KernelMode, FALSE, timeoutMs < 0 ? nullptr : &timeout);
+        waitOn(wire_.clientEvent_, forRoom || wire_.holds(wire_.toClient_) ? 1 : timeoutMs);
     }
     void wake() override { KeSetEvent(&wire_.clientEvent_, 0, FALSE); }
 
@@ -98,10 +94,10 @@ std::size_t UsbipWire::draw(std::size_t most) {
 // The connection breaks behind the byte that is one too many.
 std::size_t UsbipWire::take(Way& way, std::span<std::uint8_t> room) {
     const std::uint64_t left = cutAfter == ~0ull ? ~0ull : cutAfter - std::min(cutAfter, moved_);
-    const std::size_t wanted = draw(std::min(way.bytes.size(), room.size()));
+    const std::size_t wanted = draw(std::min(way.size(), room.size()));
     const std::size_t count = std::min<std::uint64_t>(wanted, left);
-    std::copy_n(way.bytes.begin(), count, room.begin());
-    way.bytes.erase(way.bytes.begin(), way.bytes.begin() + static_cast<std::ptrdiff_t>(count));
+    std::copy_n(way.begin(), count, room.begin());
+    way.erase(way.begin(), way.begin() + static_cast<std::ptrdiff_t>(count));
     moved_ += count;
     if (cutAfter != ~0ull && moved_ >= cutAfter) breakDown();
     return count;
@@ -110,8 +106,8 @@ std::size_t UsbipWire::take(Way& way, std::span<std::uint8_t> room) {
 void UsbipWire::breakDown() {
     if (!open_) return;
     open_ = false;
-    toServer_.bytes.clear();
-    toClient_.bytes.clear();
+    toServer_.clear();
+    toClient_.clear();
     KeSetEvent(&serverEvent_, 0, FALSE);
     KeSetEvent(&clientEvent_, 0, FALSE);
 }
@@ -121,16 +117,12 @@ void UsbipWire::cut() {
     breakDown();
 }
 
-void UsbipWire::wait() {
-    LARGE_INTEGER timeout;
-    bool some;
-    {
-        SpinGuard guard(lock_);
-        some = !toServer_.bytes.empty();
-    }
-    timeout.QuadPart = -10000;
-    KeWaitForSingleObject(&serverEvent_, Executive, KernelMode, FALSE, some ? &timeout : nullptr);
+bool UsbipWire::holds(const Way& way) {
+    SpinGuard guard(lock_);
+    return !way.empty();
 }
+
+void UsbipWire::wait() { waitOn(serverEvent_, holds(toServer_) ? 1 : -1); }
 
 void UsbipWire::run() {
     for (;;) {
@@ -178,7 +170,7 @@ bool UsbipWire::serveConnection() {
         }
         {
             SpinGuard guard(lock_);
-            if (number == connections_) toClient_.bytes.insert(toClient_.bytes.end(), back.begin(), back.end());
+            if (number == connections_) toClient_.insert(toClient_.end(), back.begin(), back.end());
             back.clear();
             if (over && number == connections_) open_ = false;
         }

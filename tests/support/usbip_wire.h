@@ -42,16 +42,14 @@ public:
 
 private:
     class Link;
-    // One direction.
-    struct Way {
-        std::deque<std::uint8_t> bytes;
-    };
+    using Way = std::deque<std::uint8_t>;  // one direction
 
     void run();
     bool serveConnection();
     void breakDown();  // lock_ held
     std::size_t draw(std::size_t most);
     std::size_t take(Way& way, std::span<std::uint8_t> room);  // lock_ held
+    bool holds(const Way& way);
     void wait();
 
     const std::vector<std::shared_ptr<usb::UsbipExport>> exports_;
