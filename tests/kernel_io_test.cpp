@@ -243,8 +243,7 @@ TEST(KernelIo, BufferedOutputFollowsTheStatus) {
             std::memcpy(irp->AssociatedIrp.SystemBuffer, "data", 4);
             return complete(irp, row.status, row.information);
         };
-        nt::File file;
-        ASSERT_EQ(file.open("\\Device\\Test0"), STATUS_SUCCESS);
+        nt::File& file = system.open();
         char output[] = "??????";
         nt::IoResult result = file.control(CTL_CODE(FILE_DEVICE_UNKNOWN, 1, METHOD_BUFFERED, 0), "in", 2, output, 6);
         EXPECT_EQ(result.status, row.status);

@@ -119,25 +119,6 @@ TEST(UsbHub, APortResetKeepsTheConfigurationAndCanBeCancelled) {
     EXPECT_EQ(reset.wait(100), STATUS_CANCELLED);
 }
 
-TEST(UsbIdle, TheCallbackRunsAndTheNotificationEndsWithD0) {
-    Wire w;
-    IdleProbe probe;
-    ClientRequest idle, second;
-    EXPECT_EQ(idle.submit(idleCode, &probe.info), STATUS_PENDING);
-    EXPECT_EQ(second.run(idleCode, &probe.info), STATUS_DEVICE_BUSY);
-    probe.waitEntered();
-    w.rig.run(1);
-    EXPECT_EQ(PowerRequest::set(PowerDeviceD2), STATUS_SUCCESS);
-    EXPECT_TRUE(w.rig.device([](ScriptedDevice& d) { return d.isSuspended; }));
-    ClientPipes pipes;
-    EXPECT_FALSE(NT_SUCCESS(UsbClient::configure(pipes))) << "the device is powered down";
-    EXPECT_FALSE(idle.done());
-    EXPECT_EQ(PowerRequest::set(PowerDeviceD0), STATUS_SUCCESS);
-    EXPECT_EQ(idle.wait(100), STATUS_SUCCESS);
-    EXPECT_FALSE(w.rig.device([](ScriptedDevice& d) { return d.isSuspended; }));
-    EXPECT_EQ(probe.calls, 1u);
-}
-
 // However the end comes, the notification never completes before its callback has returned.
 TEST(UsbIdle, NoEndOvertakesTheCallback) {
     const std::vector<std::function<void(Wire&, ClientRequest&)>> ends = {
@@ -184,16 +165,21 @@ TEST(UsbIdle, ACancelThatRacesTheSubmissionEndsItOnce) {
         w.rig.run(1);
         EXPECT_EQ(idle.completions, 1u);
         EXPECT_EQ(probe.calls, probe.returns);
-        // The next one is served whatever became of this one.
+        // The next one is served whatever became of this one, alone, until the device is back in D0.
         IdleProbe next;
+        ClientRequest second;
         idle.submit(idleCode, &next.info);
+        EXPECT_EQ(second.run(idleCode, &next.info), STATUS_DEVICE_BUSY);
         next.waitEntered();
-        idle.cancel();
-        EXPECT_EQ(idle.wait(100), STATUS_CANCELLED);
+        EXPECT_EQ(PowerRequest::set(PowerDeviceD2), STATUS_SUCCESS);
+        EXPECT_FALSE(idle.done());
+        EXPECT_EQ(PowerRequest::set(PowerDeviceD0), STATUS_SUCCESS);
+        EXPECT_EQ(idle.wait(100), STATUS_SUCCESS);
+        EXPECT_EQ(next.calls, 1u);
     }
 }
 
-// The host's requests around a suspension, and what a device does that may not or shall not wake.
+// The host's requests around a suspension, what a device does that may not or shall not wake, and every end of a wait-wake.
 TEST(UsbPower, RemoteWakeIsAskedForAndTakenBack) {
     const struct {
         const char* name;
@@ -217,7 +203,7 @@ TEST(UsbPower, RemoteWakeIsAskedForAndTakenBack) {
                 return requests;
             });
         };
-        PowerRequest wake, twice;
+        PowerRequest wake, twice, last;
         if (item.armed) {
             wake.start(IRP_MN_WAIT_WAKE, sleeping3());
             w.rig.run(1);
@@ -227,36 +213,21 @@ TEST(UsbPower, RemoteWakeIsAskedForAndTakenBack) {
         standards();
         EXPECT_EQ(PowerRequest::set(PowerDeviceD2), STATUS_SUCCESS);
         EXPECT_EQ(standards(), item.asleep);
+        ClientPipes pipes;
+        EXPECT_FALSE(NT_SUCCESS(UsbClient::configure(pipes))) << "the device is powered down";
         w.rig.run(10);
         EXPECT_FALSE(item.armed && wake.ended());
         w.rig.device([](ScriptedDevice& d) { d.wakesHost = true; });
         w.rig.run(10);
         EXPECT_EQ(item.armed && wake.ended(), item.wakes);
-        EXPECT_TRUE(!item.wakes || wake.wait() == STATUS_SUCCESS);
         EXPECT_EQ(PowerRequest::set(PowerDeviceD0), STATUS_SUCCESS);
         EXPECT_EQ(standards(), item.awake);
-        if (item.armed && !item.wakes) {
-            IoCancelIrp(wake.irp);
-            wake.wait();
-        }
-    }
-}
-
-TEST(UsbPower, WaitWakeEndsWithItsCancelAndWithTheDevice) {
-    for (const bool unplug : {false, true}) {
-        for (const std::uint64_t seed : seeds(20)) {
-            Wire w(busOnly(seed));
-            PowerRequest wake;
-            wake.start(IRP_MN_WAIT_WAKE, sleeping3());
-            w.rig.run(1);
-            if (unplug) {
-                w.rig.unplug();
-                EXPECT_EQ(wake.wait(), STATUS_DEVICE_NOT_CONNECTED);
-            } else {
-                IoCancelIrp(wake.irp);
-                EXPECT_EQ(wake.wait(), STATUS_CANCELLED);
-            }
-        }
+        if (item.armed && !item.wakes) IoCancelIrp(wake.irp);
+        EXPECT_TRUE(!item.armed || wake.wait() == (item.wakes ? STATUS_SUCCESS : STATUS_CANCELLED));
+        last.start(IRP_MN_WAIT_WAKE, sleeping3());
+        w.rig.run(1);
+        w.rig.unplug();
+        EXPECT_EQ(last.wait(), STATUS_DEVICE_NOT_CONNECTED);
     }
 }
 

@@ -110,16 +110,6 @@ TEST(UsbTransfer, WhatTheDeviceDoesNotTakeStaysPendingAndIsNotLost) {
     EXPECT_EQ(s.rig.device([](ScriptedDevice& d) { return d.outMessages(); }), std::vector<std::string>{data});
 }
 
-TEST(UsbTransfer, AShortTransferIsAnErrorUnlessItIsAllowed) {
-    Wire s;
-    char buffer[64];
-    s.rig.device([](ScriptedDevice& d) { d.sendBulk("abc"); });
-    ClientRequest request;
-    EXPECT_FALSE(NT_SUCCESS(request.data(s.pipes.in, true, buffer, sizeof buffer, false).run()));
-    EXPECT_EQ(request.usbd(), USBD_STATUS_ERROR_SHORT_TRANSFER);
-    EXPECT_EQ(request.length(), 3u);
-}
-
 TEST(UsbTransfer, BadRequestsAreRefusedAndNeverInsideTheCall) {
     Wire s;
     char buffer[64];
@@ -192,36 +182,42 @@ TEST(UsbTransfer, AnAbortEndsAfterWhatItAborts) {
     }
 }
 
-TEST(UsbTransfer, ControlRequestsCarrySetupAndData) {
-    Wire s;
-    std::uint8_t coding[7] = {0x80, 0x25, 0, 0, 0, 0, 8};
-    const auto request = [&](USHORT function, UCHAR code, bool in, void* data, ULONG length, ClientRequest& r) {
-        r.urb = {};
-        auto& u = r.urb.UrbControlVendorClassRequest;
-        u.Hdr.Function = function;
-        u.Hdr.Length = sizeof u;
-        u.TransferFlags = (in ? USBD_TRANSFER_DIRECTION_IN : 0) | USBD_SHORT_TRANSFER_OK;
-        u.TransferBuffer = data;
-        u.TransferBufferLength = length;
-        u.Request = code;
-        u.Index = 0;
-        return r.run();
+TEST(UsbTransfer, ControlRequestsCarryTheirType) {
+    const struct {
+        USHORT function;
+        UCHAR request;
+        bool in;
+        USBD_STATUS status;
+        unsigned type;
+    } table[] = {
+        {URB_FUNCTION_CLASS_INTERFACE, 0x22, false, USBD_STATUS_SUCCESS, 0x21},
+        // The device sends no more than there is.
+        {URB_FUNCTION_CLASS_INTERFACE, 0x21, true, USBD_STATUS_ERROR_SHORT_TRANSFER, 0xA1},
+        {URB_FUNCTION_CLASS_INTERFACE, 0x20, false, USBD_STATUS_STALL_PID, 0x21},
+        // A stall on the default pipe is over with the next request.
+        {URB_FUNCTION_VENDOR_OTHER, 0x61, false, USBD_STATUS_SUCCESS, 0x43},
     };
-    ClientRequest r;
-    EXPECT_EQ(request(URB_FUNCTION_CLASS_INTERFACE, 0x20, false, coding, 7, r), STATUS_SUCCESS);
-    std::uint8_t back[64] = {};
-    EXPECT_EQ(request(URB_FUNCTION_CLASS_INTERFACE, 0x21, true, back, sizeof back, r), STATUS_SUCCESS);
-    EXPECT_EQ(r.urb.UrbControlVendorClassRequest.TransferBufferLength, 7u);
-    EXPECT_EQ(std::memcmp(back, coding, 7), 0);
-    EXPECT_FALSE(NT_SUCCESS(request(URB_FUNCTION_CLASS_INTERFACE, 0x20, false, coding, 3, r)));
-    EXPECT_EQ(r.usbd(), USBD_STATUS_STALL_PID);
-    // A stall on the default pipe is over with the next request.
-    EXPECT_EQ(request(URB_FUNCTION_VENDOR_OTHER, 0x61, false, nullptr, 0, r), STATUS_SUCCESS);
-    s.rig.device([](ScriptedDevice& d) {
-        std::vector<unsigned> types;
+    Wire s;
+    std::uint8_t room[64];
+    std::vector<unsigned> types, expected;
+    for (const auto& item : table) {
+        ClientRequest r;
+        auto& u = r.urb.UrbControlVendorClassRequest;
+        u.Hdr.Function = item.function;
+        u.Hdr.Length = sizeof u;
+        u.TransferFlags = item.in ? USBD_TRANSFER_DIRECTION_IN : 0;
+        u.TransferBuffer = room;
+        u.TransferBufferLength = item.in ? sizeof room : 0;
+        u.Request = item.request;
+        r.run();
+        EXPECT_EQ(r.usbd(), item.status);
+        EXPECT_EQ(u.TransferBufferLength, item.in ? 7u : 0u);
+        expected.push_back(item.type);
+    }
+    s.rig.device([&](ScriptedDevice& d) {
         for (const auto& record : d.controls) types.push_back(record.setup.requestType);
-        EXPECT_EQ(types, (std::vector<unsigned>{0x21, 0xA1, 0x21, 0x43}));
     });
+    EXPECT_EQ(types, expected);
 }
 
 TEST(UsbTransfer, FaultsShowAsTheirStatuses) {

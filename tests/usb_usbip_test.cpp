@@ -97,18 +97,16 @@ struct Alone {
         return sent().sequence;
     }
     bool finished(Move& move) { return client.takeFinished() == &move.transfer; }
-    void configure(std::uint8_t value) {
-        Move move(TransferType::control, 0, 0);
-        move.transfer.setup = {0x00, usb::requestSetConfiguration, value, 0, 0};
-        say(reply(submit(move), 0, 0));
+    void control(const usb::SetupPacket& setup, const std::string& answered = {}) {
+        Move move(TransferType::control, 0, setup.length);
+        move.transfer.setup = setup;
+        say(reply(submit(move), 0, setup.length, answered));
         EXPECT_TRUE(finished(move));
     }
+    void configure(std::uint8_t value) { control({0x00, usb::requestSetConfiguration, value, 0, 0}); }
     void readConfiguration() {
         const test::Bytes bytes = cdcConfiguration();
-        Move move(TransferType::control, 0, static_cast<std::uint32_t>(bytes.size()));
-        move.transfer.setup = {0x80, usb::requestGetDescriptor, 0x0200, 0, static_cast<std::uint16_t>(bytes.size())};
-        say(reply(submit(move), 0, static_cast<std::uint32_t>(bytes.size()), std::string(bytes.begin(), bytes.end())));
-        EXPECT_TRUE(finished(move));
+        control({0x80, usb::requestGetDescriptor, 0x0200, 0, static_cast<std::uint16_t>(bytes.size())}, {bytes.begin(), bytes.end()});
     }
     Client client{"1-1"};
 };
