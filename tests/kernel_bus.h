@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -76,18 +75,14 @@ inline PWSTR poolText(std::u16string text) {
 inline NTSTATUS busPnp(PDEVICE_OBJECT device, PIRP irp) {
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     if (location->MinorFunction == IRP_MN_QUERY_DEVICE_RELATIONS) {
-        std::vector<PDEVICE_OBJECT> there;
+        auto relations = static_cast<PDEVICE_RELATIONS>(
+            ExAllocatePoolWithTag(PagedPool, sizeof(DEVICE_RELATIONS) + world->children.size() * sizeof(PVOID), 'tseT'));
+        relations->Count = 0;
         for (const auto& child : world->children) {
             if (child->present) {
-                there.push_back(child->pdo);
+                ObReferenceObject(child->pdo);
+                relations->Objects[relations->Count++] = child->pdo;
             }
-        }
-        auto relations = static_cast<PDEVICE_RELATIONS>(
-            ExAllocatePoolWithTag(PagedPool, sizeof(DEVICE_RELATIONS) + there.size() * sizeof(PVOID), 'tseT'));
-        relations->Count = static_cast<ULONG>(there.size());
-        for (std::size_t i = 0; i < there.size(); ++i) {
-            ObReferenceObject(there[i]);
-            relations->Objects[i] = there[i];
         }
         irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(relations);
         irp->IoStatus.Status = STATUS_SUCCESS;

@@ -78,26 +78,11 @@ const Breach breaches[] = {
          acquire(lockA);
      }},
     {"L2", "MutexOfAnother", [] { KeReleaseMutex(&mutexA, FALSE); }},
-    {"L2", "LockOfAnother",
-     [] {
-         acquire(lockA);
-         nt::Thread other("other", [] {
-             raise();
-             KeReleaseSpinLock(&lockA, PASSIVE_LEVEL);
-         });
-         for (;;) nt::schedulePoint(nt::Point::other);
-     }},
     {"L3", "ReleasedUnheld", [] { KeReleaseSpinLock(&lockA, PASSIVE_LEVEL); }},
     {"L4", "WrongLevelRestored",
      [] {
          acquire(lockA);
          KeReleaseSpinLock(&lockA, DISPATCH_LEVEL);
-     }},
-    {"L4", "LoweredWithLockHeld",
-     [] {
-         KIRQL old = acquire(lockA);
-         acquire(lockB);
-         KeReleaseSpinLock(&lockA, old);
      }},
     {"L5", "Uninitialised",
      [] {
@@ -108,11 +93,6 @@ const Breach breaches[] = {
      [] {
          nest(lockA, lockB);
          nest(lockB, lockA);
-     }},
-    {"L6", "MutexOrder",
-     [] {
-         nest(mutexA, mutexB);
-         nest(mutexB, mutexA);
      }},
     {"L7", "FreedWhileHeld",
      [] {
@@ -168,11 +148,6 @@ const Breach breaches[] = {
          raise();
          KeInsertQueueDpc(block, nullptr, nullptr);
          ExFreePool(block);
-     }},
-    {"M7", "TimerInitialisedWhileSet",
-     [] {
-         KeSetTimer(&timer, after(1 * ms), nullptr);
-         KeInitializeTimer(&timer);
      }},
     {"M7", "EventUninitialised",
      [] {

@@ -167,7 +167,7 @@ NTSTATUS UsbClient::configure(ClientPipes& pipes) {
     const PURB urb = USBD_CreateConfigurationRequestEx(configuration, list);
     if (urb == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
     ClientRequest select;
-    status = select.runWith(urb);
+    status = select.run(IOCTL_INTERNAL_USB_SUBMIT_URB, urb);
     for (const auto& entry : list) {
         if (!NT_SUCCESS(status) || entry.Interface == nullptr) break;
         for (ULONG i = 0; i < entry.Interface->NumberOfPipes; ++i) {

@@ -27,11 +27,6 @@ public:
     NTSTATUS wait(std::uint32_t ms = 10000);
     bool done() { return KeReadStateEvent(&done_) != 0; }
     void cancel() { IoCancelIrp(irp_); }
-    // A URB that lives elsewhere.
-    NTSTATUS runWith(PURB other) {
-        other->UrbHeader.Status = -1;
-        return run(IOCTL_INTERNAL_USB_SUBMIT_URB, other);
-    }
     // submit() and wait() in one.
     NTSTATUS run(ULONG code = IOCTL_INTERNAL_USB_SUBMIT_URB, PVOID argument = nullptr);
 
