@@ -28,23 +28,6 @@ std::string utf16File(const std::string& text) {
     return bytes;
 }
 
-// A file of its own name that goes away again.
-class TemporaryFile {
-public:
-    explicit TemporaryFile(const std::string& text) {
-        std::ofstream(path_, std::ios::binary) << text;
-    }
-    ~TemporaryFile() { std::filesystem::remove(path_); }
-    std::string path() const { return path_; }
-    std::string text() const {
-        std::ifstream in(path_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
-
-private:
-    std::string path_ = testing::TempDir() + "kernel_cm_" + std::to_string(getpid()) + ".reg";
-};
-
 TEST(KernelCm, TextsSurviveWritingAndReading) {
     const char* values[] = {
         "@=\"default\"",
@@ -127,19 +110,25 @@ TEST(KernelCm, MalformedTextsAreRefusedWholeWithTheirLine) {
 }
 
 TEST(KernelCm, TheFileKeepsWhatLastsAndSurvivesABadOne) {
-    TemporaryFile file(header + "[HKEY_LOCAL_MACHINE\\A]\n\"x\"=dword:1\n");
+    const std::string path = testing::TempDir() + "kernel_cm_" + std::to_string(getpid()) + ".reg";
+    std::ofstream(path) << header << "[HKEY_LOCAL_MACHINE\\A]\n\"x\"=dword:1\n";
+    auto text = [&path] {
+        std::ifstream in(path, std::ios::binary);
+        return std::string{std::istreambuf_iterator<char>(in), {}};
+    };
     {
-        nt::Executive exec({.mode = nt::Mode::simulated, .registryFile = file.path()});
+        nt::Executive exec({.mode = nt::Mode::simulated, .registryFile = path});
         exec.registry().setDword("HKLM\\A", "x", 2);
         exec.registry().setString("HKLM\\HARDWARE\\DeviceMap\\SERIALCOMM", "p", "COM3");
         EXPECT_TRUE(exec.stop().clean());
     }
-    EXPECT_EQ(file.text().find("COM3"), std::string::npos);
-    EXPECT_NE(file.text().find("\"x\"=dword:00000002"), std::string::npos);
-    std::ofstream(file.path()) << header << "oops\n";
-    EXPECT_THROW(nt::Executive({.mode = nt::Mode::simulated, .registryFile = file.path()}), nt::RegistryError);
+    EXPECT_EQ(text().find("COM3"), std::string::npos);
+    EXPECT_NE(text().find("\"x\"=dword:00000002"), std::string::npos);
+    std::ofstream(path) << header << "oops\n";
+    EXPECT_THROW(nt::Executive({.mode = nt::Mode::simulated, .registryFile = path}), nt::RegistryError);
     EXPECT_EQ(nt::Executive::current(), nullptr);
-    EXPECT_EQ(file.text(), header + "oops\n");
+    EXPECT_EQ(text(), header + "oops\n");
+    std::filesystem::remove(path);
 }
 
 TEST(KernelCm, DriversReadAndWriteThroughHandles) {

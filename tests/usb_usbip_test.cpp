@@ -632,7 +632,7 @@ TEST(UsbipWire, APortResetImportsAnewAndSetsTheConfigurationAgain) {
 }
 
 TEST(UsbipPort, AServerThatLiesBringsItsPortDownAndNoOther) {
-    // All grant the import, but the last two.
+    // All grant the import, but the last.
     const std::pair<UsbipWire::Liar, const char*> cases[] = {
         {[](WireBytes&, WireBytes& back) {
              // A flood of what nobody asked.
@@ -640,15 +640,9 @@ TEST(UsbipPort, AServerThatLiesBringsItsPortDownAndNoOther) {
              return true;
          },
          "the server answers what nobody asked"},
-        {[](WireBytes&, WireBytes& back) {
-             back = reply(1, 0, 0x7FFFFFFF);
-             return true;
-         },
-         "the server answers with more than was asked for"},
         {[](WireBytes&, WireBytes&) { return true; }, "the server does not answer an unlink"},
         {[](WireBytes&, WireBytes&) { return false; }, "the connection was lost"},
         {nullptr, "the server does not answer the import"},
-        {nullptr, "the server does not speak USB/IP 1.1.1"},
     };
     for (std::size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(cases[i].second);
@@ -658,10 +652,7 @@ TEST(UsbipPort, AServerThatLiesBringsItsPortDownAndNoOther) {
         ASSERT_EQ(s.rig.open(file), STATUS_SUCCESS);
         bool granted = false;
         s.wire->liar = [&, i](WireBytes& come, WireBytes& back) {
-            if (cases[i].first == nullptr) {
-                if (i + 1 == std::size(cases)) back.assign(100, 'x');
-                return true;
-            }
+            if (cases[i].first == nullptr) return true;
             if (come.size() <= operationBytes + busIdBytes) {
                 if (come.size() == operationBytes + busIdBytes && !granted) back = importReply();
                 granted = granted || !back.empty();
