@@ -8,10 +8,7 @@
 #include <vector>
 
 #include "kernel/executive.h"
-#include "kernel/faults.h"
 #include "kernel/file.h"
-#include "kernel/pool.h"
-#include "kernel/sim.h"
 #include "kernel/thread.h"
 #include "kernel/work.h"
 

@@ -3,9 +3,7 @@
 
 #include <string>
 
-#include "kernel/faults.h"
 #include "kernel/file.h"
-#include "kernel/thread.h"
 #include "tests/kernel_bus.h"
 
 namespace {

@@ -1,5 +1,4 @@
 // The hub as the PnP and power managers see it: arrival, removal, power, idle notification, hostile descriptors.
-#include "tests/support/rig.h"
 #include "tests/support/usb_client.h"
 
 #include <cstring>

@@ -1,7 +1,5 @@
 // Both ends of a USB/IP connection: each alone against every kind of peer, then one against the other over a wire that splits,
 // delays and breaks, below the bus driver and below the driver.
-#include "tests/support/port.h"
-#include "tests/support/rig.h"
 #include "tests/support/usb_client.h"
 #include "tests/support/usbip_desk.h"
 #include "tests/support/usbip_wire.h"

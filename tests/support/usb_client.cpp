@@ -1,7 +1,5 @@
 #include "tests/support/usb_client.h"
 
-#include <gtest/gtest.h>
-
 namespace test {
 
 namespace {

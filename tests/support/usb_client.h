@@ -2,13 +2,12 @@
 // send requests to the bus driver below.
 #pragma once
 
-#include "kernel/executive.h"
 #include "tests/support/rig.h"
 
 #include <ntplatform.h>
 
 #include <deque>
-#include <memory>
+#include <string>
 #include <vector>
 
 namespace test {
