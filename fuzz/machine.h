@@ -57,12 +57,7 @@ class Machine {
         run(1000);
     }
 
-    ~Machine() {
-        executive_->stop();
-        bus_.reset();
-        backend_.reset();
-        executive_.reset();
-    }
+    ~Machine() { executive_->stop(); }
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
 
@@ -126,9 +121,9 @@ class Machine {
 
   private:
     std::unique_ptr<nt::Executive> executive_;
-    std::unique_ptr<usb::Bus> bus_;
     test::ScriptedDevice* device_ = nullptr;
     std::shared_ptr<usb::VirtualBackend> backend_;
+    std::unique_ptr<usb::Bus> bus_;
 };
 
 // Lives as long as the process.

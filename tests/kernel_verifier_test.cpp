@@ -10,8 +10,6 @@ KMUTEX mutex;
 KEVENT event;
 KDPC dpc;
 
-void nothing(KDPC*, PVOID, PVOID, PVOID) {}
-
 void prepare() {
     KeInitializeSpinLock(&lockA);
     KeInitializeSpinLock(&lockB);
@@ -103,7 +101,6 @@ const Breach breaches[] = {
          nt::verifier::checkNoSpinLock("IoCompleteRequest", nullptr);
      }},
     {"M1", "ZeroBytes", [] { ExAllocatePoolWithTag(NonPagedPool, 0, 'tseT'); }},
-    {"M2", "OtherTag", [] { ExFreePoolWithTag(take<KEVENT>(), 'rehO'); }},
     {"M2", "FreedTwice",
      [] {
          auto* block = take<KEVENT>();
@@ -128,14 +125,6 @@ const Breach breaches[] = {
          auto* block = take<KTIMER>();
          KeInitializeTimer(block);
          KeSetTimer(block, after(1 * ms), nullptr);
-         ExFreePool(block);
-     }},
-    {"M6", "FreedDpc",
-     [] {
-         auto* block = take<KDPC>();
-         KeInitializeDpc(block, nothing, nullptr);
-         raise();
-         KeInsertQueueDpc(block, nullptr, nullptr);
          ExFreePool(block);
      }},
     {"M7", "EventUninitialised",

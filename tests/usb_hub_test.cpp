@@ -28,6 +28,11 @@ struct PowerRequest {
     void start(UCHAR minor, POWER_STATE state) {
         EXPECT_EQ(PoRequestPowerIrp(UsbClient::lower(), minor, state, completed, this, &irp), STATUS_PENDING);
     }
+    void waitForWake() {
+        POWER_STATE state;
+        state.SystemState = PowerSystemSleeping3;
+        start(IRP_MN_WAIT_WAKE, state);
+    }
     NTSTATUS wait() {
         KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
         return status;
@@ -44,12 +49,6 @@ struct PowerRequest {
     PIRP irp = nullptr;
     NTSTATUS status = STATUS_PENDING;
 };
-
-POWER_STATE sleeping3() {
-    POWER_STATE state;
-    state.SystemState = PowerSystemSleeping3;
-    return state;
-}
 
 // An idle callback that a test can hold.
 struct IdleProbe {
@@ -204,9 +203,9 @@ TEST(UsbPower, RemoteWakeIsAskedForAndTakenBack) {
         };
         PowerRequest wake, twice, last;
         if (item.armed) {
-            wake.start(IRP_MN_WAIT_WAKE, sleeping3());
+            wake.waitForWake();
             w.rig.run(1);
-            twice.start(IRP_MN_WAIT_WAKE, sleeping3());
+            twice.waitForWake();
             EXPECT_EQ(twice.wait(), STATUS_DEVICE_BUSY);
         }
         standards();
@@ -223,7 +222,7 @@ TEST(UsbPower, RemoteWakeIsAskedForAndTakenBack) {
         EXPECT_EQ(standards(), item.awake);
         if (item.armed && !item.wakes) IoCancelIrp(wake.irp);
         EXPECT_TRUE(!item.armed || wake.wait() == (item.wakes ? STATUS_SUCCESS : STATUS_CANCELLED));
-        last.start(IRP_MN_WAIT_WAKE, sleeping3());
+        last.waitForWake();
         w.rig.run(1);
         w.rig.unplug();
         EXPECT_EQ(last.wait(), STATUS_DEVICE_NOT_CONNECTED);

@@ -1,5 +1,6 @@
 // Both ends of a USB/IP connection: each alone against every kind of peer, then one against the other over a wire that splits,
 // delays and breaks, below the bus driver and below the driver.
+#include "tests/support/port.h"
 #include "tests/support/usb_client.h"
 #include "tests/support/usbip_desk.h"
 #include "tests/support/usbip_wire.h"
@@ -530,9 +531,11 @@ struct Imported {
     auto device(Body&& body) {
         return served->withDevice([&](usb::Device&) { return body(*device_); });
     }
+    // "" while the driver does not run it.
     std::string comName() {
         for (const auto& node : rig.executive().devices()) {
-            if (node.instancePath == rig.bus().instancePath(port)) return node.portName;
+            const bool runs = node.state == nt::DeviceState::started;
+            if (runs && node.instancePath == rig.bus().instancePath(port)) return node.portName;
         }
         return {};
     }
@@ -626,6 +629,46 @@ TEST(UsbipWire, APortResetImportsAnewAndSetsTheConfigurationAgain) {
         EXPECT_FALSE(NT_SUCCESS(reset.run(IOCTL_INTERNAL_USB_RESET_PORT)));
         s.rig.settle();
         EXPECT_EQ(UsbClient::lower(), nullptr);
+    }
+}
+
+TEST(UsbipPort, TheConnectionMayBreakBehindAnyByteAndThePortComesBack) {
+    for (const std::uint64_t seed : seeds(150)) {
+        Imported s(seed, true);
+        ASSERT_TRUE(s.plug());
+        ASSERT_TRUE(s.open());
+        SERIAL_TIMEOUTS timeouts{};
+        timeouts.ReadTotalTimeoutConstant = 20;
+        ASSERT_EQ(s.file.control(IOCTL_SERIAL_SET_TIMEOUTS, &timeouts, sizeof timeouts).status, STATUS_SUCCESS);
+        s.device([](ScriptedDevice& d) { d.echo = true; });
+        const std::string com = s.comName(), out = noise(6000);
+        std::string got;
+        Pending write(out);
+        s.wire->cutAfter = s.wire->moved() + nt::sim::random(12'000);
+        s.wire->pieceBytes = 1 + nt::sim::random(600);
+        write.write(s.file);
+        char room[512];
+        for (nt::IoResult read{}; s.wire->connected() && !write.done() && NT_SUCCESS(read.status);) {
+            read = s.file.read(room, sizeof room);
+            got.append(room, NT_SUCCESS(read.status) ? read.information : 0);
+        }
+        s.wire->cut();
+        ASSERT_TRUE(s.rig.until([&] { return s.comName().empty(); })) << "the driver did not hear of it";
+        s.file.close();
+        s.rig.settle();
+        EXPECT_EQ(write.completions, 1u);
+        s.device([&](ScriptedDevice& d) {
+            EXPECT_TRUE(out.starts_with(d.outText())) << "the device got other bytes than were sent";
+            d.outs.clear();
+            d.drop(0x81);
+        });
+        EXPECT_TRUE(out.starts_with(got)) << "the application got other bytes than came back";
+        // It arrives again where it was, and works.
+        s.wire->cutAfter = ~0ull;
+        ASSERT_TRUE(s.rig.bus().replug(s.port));
+        s.expectWorks();
+        EXPECT_EQ(s.comName(), com);
+        if (HasFailure()) break;
     }
 }
 
