@@ -64,10 +64,7 @@ TEST(KernelCm, DeletionsAndCommentsAndLineEnds) {
 }
 
 TEST(KernelCm, MalformedTextsAreRefusedWholeWithTheirLine) {
-    struct {
-        std::string text;
-        const char* message;
-    } table[] = {
+    const std::pair<std::string, const char*> table[] = {
         {"", ":0: the first line"},
         {"REGEDIT4\n", ":1: the first line"},
         {header + "rubbish\n", ":2: expected [key]"},
@@ -93,15 +90,15 @@ TEST(KernelCm, MalformedTextsAreRefusedWholeWithTheirLine) {
         {std::string("\xff\xfe\0\xd8", 4), ":1: ill-formed UTF-16"},
         {std::string("\xff\xfe\x41", 3), ":1: UTF-16 text with an odd"},
     };
-    for (const auto& row : table) {
+    for (const auto& [text, message] : table) {
         nt::Registry registry;
         registry.setDword("HKLM\\A", "old", 1);
         std::string before = registry.text();
         try {
-            registry.merge(row.text, "FILE");
-            ADD_FAILURE() << "taken: " << row.text;
+            registry.merge(text, "FILE");
+            ADD_FAILURE() << "taken: " << text;
         } catch (const nt::RegistryError& error) {
-            EXPECT_EQ(std::string(error.what()).find(std::string("FILE") + row.message), 0u) << error.what();
+            EXPECT_EQ(std::string(error.what()).find(std::string("FILE") + message), 0u) << error.what();
         }
         EXPECT_EQ(registry.text(), before);
     }
@@ -144,12 +141,10 @@ TEST(KernelCm, DriversReadAndWriteThroughHandles) {
         UCHAR bytes[32];
     } info;
     ULONG length = 0;
-    struct {
-        ULONG room;
-        NTSTATUS status;
-    } table[] = {{11, STATUS_BUFFER_TOO_SMALL}, {12, STATUS_BUFFER_OVERFLOW}, {15, STATUS_BUFFER_OVERFLOW}, {16, STATUS_SUCCESS}};
-    for (const auto& row : table) {
-        EXPECT_EQ(ZwQueryValueKey(key, &name, KeyValuePartialInformation, &info, row.room, &length), row.status);
+    const std::pair<ULONG, NTSTATUS> table[] = {
+        {11, STATUS_BUFFER_TOO_SMALL}, {12, STATUS_BUFFER_OVERFLOW}, {15, STATUS_BUFFER_OVERFLOW}, {16, STATUS_SUCCESS}};
+    for (const auto& [room, status] : table) {
+        EXPECT_EQ(ZwQueryValueKey(key, &name, KeyValuePartialInformation, &info, room, &length), status);
         EXPECT_EQ(length, 16u);
     }
     EXPECT_EQ(info.record.DataLength, 4u);

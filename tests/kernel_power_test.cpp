@@ -89,21 +89,18 @@ private:
 
 TEST_F(KernelPower, TheLastToArriveGoesDownFirstAndComesUpLast) {
     plugTwo();
-    const struct {
-        SYSTEM_POWER_STATE state;
-        POWER_ACTION action;
-    } table[] = {{PowerSystemSleeping1, PowerActionSleep},
-                 {PowerSystemSleeping2, PowerActionSleep},
-                 {PowerSystemSleeping3, PowerActionSleep},
-                 {PowerSystemHibernate, PowerActionHibernate},
-                 {PowerSystemShutdown, PowerActionShutdown}};
-    for (const auto& item : table) {
-        const std::string s = stateText(item.state);
+    const std::pair<SYSTEM_POWER_STATE, POWER_ACTION> table[] = {{PowerSystemSleeping1, PowerActionSleep},
+                                                                 {PowerSystemSleeping2, PowerActionSleep},
+                                                                 {PowerSystemSleeping3, PowerActionSleep},
+                                                                 {PowerSystemHibernate, PowerActionHibernate},
+                                                                 {PowerSystemShutdown, PowerActionShutdown}};
+    for (const auto& [state, told] : table) {
+        const std::string s = stateText(state);
         SCOPED_TRACE(s);
-        EXPECT_EQ(nt::sleepSystem(item.state), STATUS_SUCCESS);
+        EXPECT_EQ(nt::sleepSystem(state), STATUS_SUCCESS);
         EXPECT_EQ(log(), "two?" + s + " one?" + s + " bus?" + s + " two:" + s + " one:" + s + " bus:" + s);
-        EXPECT_EQ(action, item.action);
-        EXPECT_EQ(nt::systemState(), item.state);
+        EXPECT_EQ(action, told);
+        EXPECT_EQ(nt::systemState(), state);
         EXPECT_EQ(nt::sleepSystem(PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE) << "asleep already";
         nt::wakeSystem();
         EXPECT_EQ(log(), "bus:S0 one:S0 two:S0");

@@ -214,18 +214,14 @@ TEST(UsbTransfer, ControlRequestsCarryTheirType) {
 }
 
 TEST(UsbTransfer, FaultsShowAsTheirStatuses) {
-    struct Case {
-        usb::TransferStatus status;
-        USBD_STATUS usbd;
-    };
-    const Case cases[] = {{usb::TransferStatus::stalled, USBD_STATUS_STALL_PID},
-                          {usb::TransferStatus::failed, USBD_STATUS_XACT_ERROR},
-                          {usb::TransferStatus::overrun, USBD_STATUS_DATA_OVERRUN},
-                          {usb::TransferStatus::cancelled, USBD_STATUS_CANCELED}};
-    for (const Case& c : cases) {
+    const std::pair<usb::TransferStatus, USBD_STATUS> cases[] = {{usb::TransferStatus::stalled, USBD_STATUS_STALL_PID},
+                                                                 {usb::TransferStatus::failed, USBD_STATUS_XACT_ERROR},
+                                                                 {usb::TransferStatus::overrun, USBD_STATUS_DATA_OVERRUN},
+                                                                 {usb::TransferStatus::cancelled, USBD_STATUS_CANCELED}};
+    for (const auto& [status, usbd] : cases) {
         Wire s;
         usb::Fault fault;
-        fault.status = c.status;
+        fault.status = status;
         fault.endpoint = 0x01;
         fault.nth = 2;
         s.rig.faults().add(fault);
@@ -233,8 +229,8 @@ TEST(UsbTransfer, FaultsShowAsTheirStatuses) {
         for (const bool fails : {false, true}) {
             ClientRequest request;
             request.data(s.pipes.out, false, data, sizeof data).run();
-            EXPECT_EQ(request.usbd(), fails ? c.usbd : USBD_STATUS_SUCCESS);
-            EXPECT_EQ(s.tap.seen.back().status, fails ? c.status : usb::TransferStatus::ok);
+            EXPECT_EQ(request.usbd(), fails ? usbd : USBD_STATUS_SUCCESS);
+            EXPECT_EQ(s.tap.seen.back().status, fails ? status : usb::TransferStatus::ok);
         }
         EXPECT_EQ(s.rig.device([](ScriptedDevice& d) { return d.outBytes; }), sizeof data);
     }
