@@ -1,23 +1,18 @@
 // What a USB/IP client says, in pieces of any size, to a server whose device ends requests now, later or when they are unlinked:
 // each request is lent exactly once and ended once, and nobody gets more memory than is allowed.
+#include "fuzz/require.h"
 #include "tests/support/usbip_desk.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 
 using namespace usb::usbip;
+using fuzz::require;
 using usb::Transfer;
 using usb::TransferStatus;
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 class Desk final : test::UsbipDesk {
 public:

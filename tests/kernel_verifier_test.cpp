@@ -110,9 +110,9 @@ const Breach breaches[] = {
      "heap-use-after-free"},
     {"M3", "WrittenBehind",
      [] {
-         auto* block = take<char[20]>();
-         static_cast<volatile char*>(*block)[20] = 1;
-         ExFreePool(block);
+         volatile char* block = *take<char[20]>();
+         block[20] = 1;
+         ExFreePool(const_cast<char*>(block));
      },
      "heap-buffer-overflow"},
     {"M3", "Foreign",
