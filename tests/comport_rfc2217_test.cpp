@@ -1,168 +1,16 @@
 // The COM port control option: byte dialogues between a client and a port that keeps what it is told.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <random>
 #include <string>
 
-#include "comport/bridge.h"
 #include "comport/net_terminal.h"
+#include "tests/comport_port.h"
 
 using namespace comport;
 using namespace std::string_literals;
 
 namespace {
-
-// A serial port with a modem that may be away, stall, or refuse its lines. `log` holds what reached it, in its order.
-struct SerialPort : Port {
-    bool present = true;
-    bool stalled = false;
-    bool refusesLines = false;
-    std::string log;
-    ULONG baud = 9600;
-    SERIAL_LINE_CONTROL line = {STOP_BIT_1, NO_PARITY, 8};
-    ULONG raised = 0;
-    ULONG modemStatus = 0;
-    ULONG mask = 0;
-    Transfer* wait = nullptr;
-    std::deque<Transfer*> reads, writes, flushes;
-
-    static void end(Transfer& transfer, NTSTATUS status, std::size_t moved = 0) {
-        transfer.status = status;
-        transfer.moved = moved;
-        transfer.ended = true;
-    }
-    void endAll(NTSTATUS status) {
-        for (auto* queue : {&reads, &writes, &flushes}) {
-            for (; !queue->empty(); queue->pop_front()) {
-                end(*queue->front(), status);
-            }
-        }
-        endWait(0, status);
-    }
-    void endWait(ULONG events, NTSTATUS status = STATUS_SUCCESS) {
-        if (Transfer* transfer = std::exchange(wait, nullptr)) {
-            std::memcpy(transfer->data.data(), &events, sizeof(events));
-            end(*transfer, status, sizeof(events));
-        }
-    }
-    void serve() {
-        while (!stalled && !writes.empty()) {
-            Transfer& head = *writes.front();
-            writes.pop_front();
-            log.append(head.data.begin() + static_cast<std::ptrdiff_t>(head.offset),
-                       head.data.begin() + static_cast<std::ptrdiff_t>(head.length));
-            end(head, STATUS_SUCCESS, head.length - head.offset);
-        }
-        for (; writes.empty() && !flushes.empty(); flushes.pop_front()) {
-            end(*flushes.front(), STATUS_SUCCESS);
-        }
-    }
-    bool feed(const std::string& bytes) {
-        if (reads.empty()) {
-            return false;
-        }
-        std::ranges::copy(bytes, reads.front()->data.begin());
-        end(*reads.front(), STATUS_SUCCESS, bytes.size());
-        reads.pop_front();
-        return true;
-    }
-    void setModemLines(ULONG status) {
-        ULONG events = 0;
-        ULONG changed = status ^ modemStatus;
-        events |= changed & SERIAL_CTS_STATE ? SERIAL_EV_CTS : 0;
-        events |= changed & SERIAL_DSR_STATE ? SERIAL_EV_DSR : 0;
-        events |= changed & SERIAL_DCD_STATE ? SERIAL_EV_RLSD : 0;
-        events |= changed & SERIAL_RI_STATE ? SERIAL_EV_RING : 0;
-        modemStatus = status;
-        if (events & mask) {
-            endWait(events & mask);
-        }
-    }
-    void unplug() {
-        present = false;
-        raised = 0;
-        endAll(STATUS_DEVICE_REMOVED);
-    }
-
-    bool open() override { return present; }
-    void close() override { endAll(STATUS_CANCELLED); }
-    void read(Transfer& transfer) override {
-        present ? reads.push_back(&transfer) : end(transfer, STATUS_UNSUCCESSFUL);
-    }
-    void write(Transfer& transfer) override {
-        present ? writes.push_back(&transfer) : end(transfer, STATUS_UNSUCCESSFUL);
-        serve();
-    }
-    void flush(Transfer& transfer) override {
-        flushes.push_back(&transfer);
-        serve();
-    }
-    void purge(ULONG purged) override {
-        log += "<purge " + std::to_string(purged) + ">";
-        for (; (purged & SERIAL_PURGE_TXABORT) && !writes.empty(); writes.pop_front()) {
-            end(*writes.front(), STATUS_CANCELLED);
-        }
-        serve();
-    }
-    static ULONG numberIn(const Transfer& transfer) {
-        ULONG number = 0;
-        std::memcpy(&number, transfer.data.data(), std::min(sizeof(number), transfer.length));
-        return number;
-    }
-    bool setLine(ULONG bit, bool up, const char* name) {
-        raised = up ? raised | bit : raised & ~bit;
-        log += name;
-        return !refusesLines;
-    }
-    bool carryOut(Transfer& transfer, ULONG code) {
-        switch (code) {
-        case IOCTL_SERIAL_SET_BAUD_RATE:
-            baud = numberIn(transfer);
-            log += "<baud " + std::to_string(baud) + ">";
-            return true;
-        case IOCTL_SERIAL_SET_LINE_CONTROL:
-            std::memcpy(&line, transfer.data.data(), sizeof(line));
-            log += "<" + std::to_string(line.WordLength) + "NOEMS"[line.Parity] + std::to_string(line.StopBits) + ">";
-            return true;
-        case IOCTL_SERIAL_SET_HANDFLOW: log += "<flow " + std::to_string(numberIn(transfer)) + ">"; return true;
-        case IOCTL_SERIAL_SET_DTR: return setLine(SERIAL_DTR_STATE, true, "<+dtr>");
-        case IOCTL_SERIAL_CLR_DTR: return setLine(SERIAL_DTR_STATE, false, "<-dtr>");
-        case IOCTL_SERIAL_SET_RTS: return setLine(SERIAL_RTS_STATE, true, "<+rts>");
-        case IOCTL_SERIAL_CLR_RTS: return setLine(SERIAL_RTS_STATE, false, "<-rts>");
-        case IOCTL_SERIAL_SET_BREAK_ON: return setLine(0, true, "<+break>");
-        case IOCTL_SERIAL_SET_BREAK_OFF: return setLine(0, false, "<-break>");
-        case IOCTL_SERIAL_SET_WAIT_MASK:
-            mask = numberIn(transfer);
-            endWait(0);
-            return true;
-        default: return true;
-        }
-    }
-    void control(Transfer& transfer, ULONG code) override {
-        bool good = present && carryOut(transfer, code);
-        end(transfer, good ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
-    }
-    void query(Transfer& transfer, ULONG code) override {
-        if (!present || (refusesLines && code == IOCTL_SERIAL_GET_DTRRTS)) {
-            end(transfer, STATUS_UNSUCCESSFUL);
-            return;
-        }
-        auto answer = [&](const auto& value) {
-            std::memcpy(transfer.data.data(), &value, sizeof(value));
-            end(transfer, STATUS_SUCCESS, sizeof(value));
-        };
-        switch (code) {
-        case IOCTL_SERIAL_GET_BAUD_RATE: answer(baud); break;
-        case IOCTL_SERIAL_GET_LINE_CONTROL: answer(line); break;
-        case IOCTL_SERIAL_GET_DTRRTS: answer(raised); break;
-        case IOCTL_SERIAL_GET_MODEMSTATUS: answer(modemStatus); break;
-        case IOCTL_SERIAL_WAIT_ON_MASK: wait = &transfer; break;
-        default: end(transfer, STATUS_INVALID_PARAMETER);
-        }
-    }
-};
 
 std::string doubled(const std::string& bytes) {
     std::string text;
@@ -180,12 +28,13 @@ std::string sb(int command, const std::string& value = "") {
 const std::string wantsOption = "\xFF\xFB\x2C"s;
 
 struct Rig {
-    SerialPort port;
+    test::FakePort port;
     NetTerminal terminal{NetProtocol::rfc2217, "tester"};
     Bridge bridge{terminal, port};
     std::int64_t now = 1000;
 
     explicit Rig(bool negotiates = true) {
+        port.logsFlushes = false;
         port.modemStatus = SERIAL_CTS_STATE | SERIAL_DSR_STATE;
         bridge.terminalOpened(now);
         pump();
@@ -325,7 +174,7 @@ TEST(Rfc2217, APortWithoutLinesOrAModemLeavesNoRequestUnanswered) {
 
 TEST(Rfc2217, OpeningRaisesTheLinesOnceAndTellsTheModemStateUnasked) {
     Rig rig(false);
-    EXPECT_EQ(rig.port.log, "<purge 12><baud 115200><8N0><flow 1><+dtr><+rts>");
+    EXPECT_EQ(rig.port.log, "<purge 12><timeouts><baud 115200><8N0><flow 1><+dtr><+rts>");
     rig.takeRaw();
     rig.say(wantsOption);
     EXPECT_EQ(decoded(rig.takeRaw()), "[107:30]");
@@ -512,12 +361,12 @@ TEST(Rfc2217, HostileStreamsEndOrStayBounded) {
 }
 
 TEST(Rfc2217, ARawClientSteersNothing) {
-    SerialPort port;
+    test::FakePort port;
     NetTerminal terminal(NetProtocol::raw, "");
     Bridge bridge(terminal, port);
     bridge.terminalOpened(0);
     bridge.pump(0);
-    EXPECT_EQ(port.log, "<purge 12><baud 115200><8N0><+dtr><+rts>");
+    EXPECT_EQ(port.log, "<purge 12><timeouts><baud 115200><8N0><+dtr><+rts>");
     port.log.clear();
     std::string bytes = "\xFF\xFB\x2C"s + sb(5, "\x09");
     terminal.receive(std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
