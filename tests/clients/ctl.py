@@ -20,12 +20,6 @@ def wrong_orders():
     for words, code, text in (
         (("ctl",), 2, "order"),
         (("ctl", "jump"), 2, "'jump'"),
-        (("ctl", "line", "dcd"), 2, "usage: comport ctl line"),
-        (("ctl", "line", "dtr", "on"), 2, "'dtr'"),
-        (("ctl", "line", "dcd", "up"), 2, "'up'"),
-        (("ctl", "error", "ring"), 2, "'ring'"),
-        (("ctl", "ring", "0"), 2, "'0'"),
-        (("ctl", "trace", "x"), 2, "'x'"),
         (("ctl", "--port", "COM99", "break"), 1, "COM99"),
         (("status", "COM99"), 1, "COM99"),
         (("list", "--control", os.path.join(DIRECTORY, "nothing")), 1, "comport serve"),
