@@ -359,20 +359,3 @@ TEST(Rfc2217, HostileStreamsEndOrStayBounded) {
     EXPECT_FALSE(rig.terminal.wantsBytes());
     EXPECT_LT(rig.terminal.output().size(), 8 * NetTerminal::outputLimit);
 }
-
-TEST(Rfc2217, ARawClientSteersNothing) {
-    test::FakePort port;
-    NetTerminal terminal(NetProtocol::raw, "");
-    Bridge bridge(terminal, port);
-    bridge.terminalOpened(0);
-    bridge.pump(0);
-    EXPECT_EQ(port.log, "<purge 12><timeouts><baud 115200><8N0><+dtr><+rts>");
-    port.log.clear();
-    std::string bytes = "\xFF\xFB\x2C"s + sb(5, "\x09");
-    terminal.receive(std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
-    bridge.pump(0);
-    EXPECT_EQ(port.log, bytes);
-    port.feed(bytes);
-    bridge.pump(0);
-    EXPECT_EQ(std::string(terminal.output().begin(), terminal.output().end()), bytes);
-}
