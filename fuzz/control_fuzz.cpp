@@ -16,6 +16,8 @@ using fuzz::require;
 
 // The control that gives back what this one stores, 0: there is none.
 ULONG shownBy(const Control& control) {
+    if (control.internal)
+        return control.code == IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS ? IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS : 0;
     switch (control.code) {
     case IOCTL_SERIAL_SET_BAUD_RATE: return IOCTL_SERIAL_GET_BAUD_RATE;
     case IOCTL_SERIAL_SET_LINE_CONTROL: return IOCTL_SERIAL_GET_LINE_CONTROL;
@@ -23,7 +25,7 @@ ULONG shownBy(const Control& control) {
     case IOCTL_SERIAL_SET_WAIT_MASK: return IOCTL_SERIAL_GET_WAIT_MASK;
     case IOCTL_SERIAL_SET_CHARS: return IOCTL_SERIAL_GET_CHARS;
     case IOCTL_SERIAL_SET_HANDFLOW: return IOCTL_SERIAL_GET_HANDFLOW;
-    default: return control.internal && control.input != 0 ? IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS : 0;
+    default: return 0;
     }
 }
 

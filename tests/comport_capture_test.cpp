@@ -31,15 +31,11 @@ using usb::Transfer;
 using usb::TransferStatus;
 using usb::TransferType;
 
-Bytes hex(const std::string& text) {
+Bytes hex(std::string text) {
+    std::erase(text, ' ');
     Bytes bytes;
-    std::string digits;
-    for (const char c : text) {
-        if (c != ' ') digits += c;
-        if (digits.size() == 2) {
-            bytes.push_back(static_cast<std::uint8_t>(std::stoul(digits, nullptr, 16)));
-            digits.clear();
-        }
+    for (std::size_t at = 0; at < text.size(); at += 2) {
+        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(at, 2), nullptr, 16)));
     }
     return bytes;
 }

@@ -66,29 +66,16 @@ struct Rig {
 std::string decoded(const std::string& raw) {
     std::string text;
     std::size_t at = 0;
-    auto byte = [&] { return at < raw.size() ? static_cast<unsigned char>(raw[at++]) : 0; };
-    auto hex = [&](int value) {
-        const char* digits = "0123456789abcdef";
-        text += {digits[value >> 4], digits[value & 15]};
-    };
+    auto byte = [&] { return static_cast<unsigned char>(raw.at(at++)); };
     while (at < raw.size()) {
         int value = byte();
-        if (value != 0xFF) {
+        if (value != 0xFF || (value = byte()) == 0xFF) {
             text += static_cast<char>(value);
-            continue;
-        }
-        value = byte();
-        if (value == 0xFF) {
-            text += '\xFF';
         } else if (value == 0xFA) {
             EXPECT_EQ(byte(), 44);
             text += "[" + std::to_string(byte()) + ":";
-            while (at < raw.size()) {
-                value = byte();
-                if (value == 0xFF && (value = byte()) == 0xF0) {
-                    break;
-                }
-                hex(value);
+            while ((value = byte()) != 0xFF || (value = byte()) != 0xF0) {
+                text += {"0123456789abcdef"[value >> 4], "0123456789abcdef"[value & 15]};
             }
             text += "]";
         } else {

@@ -1,10 +1,6 @@
 // The whole program in this process, on the real clock: what only a real terminal, a real socket or real threads show.
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -20,22 +16,9 @@
 
 #include "comport/port_loop.h"
 #include "comport/server.h"
+#include "tests/terminal.h"
 
 namespace {
-
-// Waits for `answer`, at most 5 s.
-bool answered(int fd, const std::string& answer) {
-    std::string seen;
-    for (pollfd entry{fd, POLLIN, 0}; seen.find(answer) == std::string::npos;) {
-        char bytes[256];
-        if (poll(&entry, 1, 5000) <= 0) {
-            return false;
-        }
-        const ssize_t n = read(fd, bytes, sizeof bytes);
-        seen.append(bytes, n > 0 ? static_cast<std::size_t>(n) : 0);
-    }
-    return true;
-}
 
 // An application that opens the terminal in the moment its name appears.
 bool opensAtOnce(const std::string& link, const std::atomic<bool>& serving) {
@@ -47,11 +30,8 @@ bool opensAtOnce(const std::string& link, const std::atomic<bool>& serving) {
             break;
         }
     }
-    termios settings{};
-    tcgetattr(fd, &settings);
-    cfmakeraw(&settings);
-    tcsetattr(fd, TCSANOW, &settings);
-    const bool good = write(fd, "AT\r", 3) == 3 && answered(fd, "OK");
+    test::makeRaw(fd);
+    const bool good = write(fd, "AT\r", 3) == 3 && test::readUntil(fd, "OK", 5000).ends_with("OK");
     close(fd);
     return good;
 }

@@ -6,12 +6,8 @@
 #include "tests/libusb/usb_tree.h"
 #include "tests/support/scripted_device.h"
 #include "tests/system_port.h"
+#include "tests/terminal.h"
 #include "usb/libusb_backend.h"
-
-#include <fcntl.h>
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -53,6 +49,13 @@ struct Machine {
     std::vector<std::unique_ptr<UsbDeviceNode>> nodes;  // gone before the executive is
 };
 
+// Within ten seconds.
+bool happens(KEVENT& event) {
+    LARGE_INTEGER time;
+    time.QuadPart = -100'000'000;
+    return KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &time) == STATUS_SUCCESS;
+}
+
 // A transfer with its memory and its end.
 struct Move {
     Move(TransferType type, std::uint8_t endpoint, std::string data) : buffer(std::move(data)) {
@@ -75,11 +78,7 @@ struct Move {
         setup.length = static_cast<std::uint16_t>(transfer.length);
         transfer.setup = setup;
     }
-    bool over(std::int64_t ms = 10'000) {
-        LARGE_INTEGER time;
-        time.QuadPart = -ms * 10'000;
-        return KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, &time) == STATUS_SUCCESS;
-    }
+    bool over() { return happens(ended); }
     TransferStatus status() {
         EXPECT_TRUE(over()) << "it never ends";
         EXPECT_EQ(completions, 1u);
@@ -102,16 +101,6 @@ Move bulkIn(std::size_t length = 64) { return {TransferType::bulk, 0x81, std::st
 Move bulkOut(const std::string& text) { return {TransferType::bulk, 0x01, text}; }
 Move configure(std::uint8_t value) { return {{0x00, usb::requestSetConfiguration, value, 0, 0}, ""}; }
 Move clearHalt(std::uint8_t endpoint) { return {{0x02, usb::requestClearFeature, 0, endpoint, 0}, ""}; }
-
-// What comes at a terminal up to `text`, or until nothing comes for so long.
-std::string readUntil(int terminal, const std::string& text, int patienceMs) {
-    std::string seen;
-    for (pollfd entry{terminal, POLLIN, 0}; !seen.ends_with(text) && poll(&entry, 1, patienceMs) > 0;) {
-        char byte;
-        seen.append(&byte, read(terminal, &byte, 1) == 1 ? 1 : 0);
-    }
-    return seen;
-}
 
 // Who has the backend.
 class Host final : public usb::BackendEvents {
@@ -136,8 +125,8 @@ public:
         submit(move);
         return move.status();
     }
-    bool hasLeft() { return wait(left_); }
-    bool hasCome() { return wait(came_); }
+    bool hasLeft() { return happens(left_); }
+    bool hasCome() { return happens(came_); }
     void gone() override {
         ++goneCalls;
         KeSetEvent(&left_, 0, FALSE);
@@ -148,11 +137,6 @@ public:
     std::atomic<unsigned> goneCalls{0}, losses{0};
 
 private:
-    static bool wait(KEVENT& event) {
-        LARGE_INTEGER time;
-        time.QuadPart = -100'000'000;
-        return KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &time) == STATUS_SUCCESS;
-    }
     KEVENT left_, came_;
 };
 
@@ -192,7 +176,8 @@ TEST(LibusbDevices, TheRightOneIsChosenAndNoneTwice) {
         {{"auto", "auto", "auto", "auto", "auto"}, "", "every CDC-ACM device that is plugged in is another port's"},
         {{"1209:0009"}, "", "1209:0009 is not plugged in"},
         {{"1209:0001:0009"}, "", "1209:0001:0009 is not plugged in"},
-        {{"1209:0005:0001"}, "", "there is no permission to use 1209:0005 at 1-5"},
+        {{"1209:0005:0001"}, "", "there is no permission to use 1209:0005 at 1-5: "},
+        {{"1209:0005:0001"}, "", " which the udev rule 70-comport.rules takes care of"},
     };
     for (const Case& c : cases) {
         std::vector<std::unique_ptr<Host>> hosts;
@@ -201,7 +186,7 @@ TEST(LibusbDevices, TheRightOneIsChosenAndNoneTwice) {
             EXPECT_EQ(hosts.back()->backend.find(), *c.key != '\0' || hosts.size() < c.selectors.size()) << selector;
         }
         EXPECT_EQ(hosts.back()->backend.instanceId(), c.key);
-        EXPECT_TRUE(hosts.back()->backend.error().starts_with(c.error)) << hosts.back()->backend.error();
+        EXPECT_NE(hosts.back()->backend.error().find(c.error), std::string::npos) << hosts.back()->backend.error();
     }
     // "auto" leaves alone what another port is to have, found already or not.
     Host any, byNumber("1209:0001"), bySerial("1209:0002:0001");
@@ -223,11 +208,6 @@ TEST(LibusbDevices, WhyADeviceCannotBeHadIsSaid) {
     EXPECT_TRUE(host.hasCome()) << "nobody told of its arrival";
     EXPECT_FALSE(host.start());
     EXPECT_EQ(host.backend.error(), "it is in use by another program");
-    Host forbidden("1209:0005");
-    m.plug({.socket = "1-5", .permitted = false}, u"0001", 5);
-    EXPECT_FALSE(forbidden.start());
-    const std::string why = forbidden.backend.error();
-    EXPECT_TRUE(why.find("the udev rule 70-comport.rules") != std::string::npos) << why;
     EXPECT_EQ(m.nodes[0]->calls(), (Calls{"claim 0"}));
 }
 
@@ -399,7 +379,7 @@ TEST(LibusbBackend, ACancelNeedNotWaitForTheKernel) {
     EXPECT_EQ(behind.status(), TransferStatus::cancelled);
     host.backend.cancel(&clear.transfer);
     EXPECT_EQ(clear.status(), TransferStatus::cancelled);
-    EXPECT_FALSE(third.over(0));
+    EXPECT_EQ(KeReadStateEvent(&third.ended), 0);
     // The kernel gives up, and what waited goes on.
     node.giveUp();
     EXPECT_EQ(third.status(), TransferStatus::ok);
@@ -492,10 +472,7 @@ TEST(LibusbPort, TheProgramWaitsForItsDeviceAndForItsReturn) {
     ASSERT_EQ(served.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(served.get(), "COM3");
     const int terminal = open(link.c_str(), O_RDWR | O_NOCTTY);
-    termios settings{};
-    tcgetattr(terminal, &settings);
-    cfmakeraw(&settings);
-    tcsetattr(terminal, TCSANOW, &settings);
+    makeRaw(terminal);
     // What is written while the modem is away may be lost.
     const auto answers = [&] {
         for (int tries = 0; tries < 40; ++tries) {

@@ -1,9 +1,8 @@
 #include "tests/libusb/usb_tree.h"
 
-#include <fcntl.h>
+#include "tests/terminal.h"
+
 #include <sys/ioctl.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <linux/usbdevice_fs.h>
 #include <umockdev.h>
@@ -86,10 +85,7 @@ void UsbDeviceNode::addToTree() {
     unlockpt(master_);
     std::string target = ptsname(master_);
     slave_ = open(target.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    termios raw{};
-    tcgetattr(slave_, &raw);
-    cfmakeraw(&raw);
-    tcsetattr(slave_, TCSANOW, &raw);
+    makeRaw(slave_);
     showReady();
     // Nobody, not even root, may write to this.
     if (!options_.permitted) target = "/proc/sys/kernel/ostype";
