@@ -27,6 +27,29 @@ std::string sb(int command, const std::string& value = "") {
 
 const std::string wantsOption = "\xFF\xFB\x2C"s;
 
+// What a server said: data as it is, subnegotiations of the option as "[command:hex]", negotiation left out.
+std::string decoded(const std::string& raw) {
+    std::string text;
+    std::size_t at = 0;
+    auto byte = [&] { return static_cast<unsigned char>(raw.at(at++)); };
+    while (at < raw.size()) {
+        int value = byte();
+        if (value != 0xFF || (value = byte()) == 0xFF) {
+            text += static_cast<char>(value);
+        } else if (value == 0xFA) {
+            EXPECT_EQ(byte(), 44);
+            text += "[" + std::to_string(byte()) + ":";
+            while ((value = byte()) != 0xFF || (value = byte()) != 0xF0) {
+                text += {"0123456789abcdef"[value >> 4], "0123456789abcdef"[value & 15]};
+            }
+            text += "]";
+        } else {
+            byte();
+        }
+    }
+    return text;
+}
+
 struct Rig {
     test::FakePort port;
     NetTerminal terminal{NetProtocol::rfc2217, "tester"};
@@ -60,30 +83,15 @@ struct Rig {
         pump();
         return text;
     }
-};
-
-// What a server said: data as it is, subnegotiations of the option as "[command:hex]", negotiation left out.
-std::string decoded(const std::string& raw) {
-    std::string text;
-    std::size_t at = 0;
-    auto byte = [&] { return static_cast<unsigned char>(raw.at(at++)); };
-    while (at < raw.size()) {
-        int value = byte();
-        if (value != 0xFF || (value = byte()) == 0xFF) {
-            text += static_cast<char>(value);
-        } else if (value == 0xFA) {
-            EXPECT_EQ(byte(), 44);
-            text += "[" + std::to_string(byte()) + ":";
-            while ((value = byte()) != 0xFF || (value = byte()) != 0xF0) {
-                text += {"0123456789abcdef"[value >> 4], "0123456789abcdef"[value & 15]};
-            }
-            text += "]";
-        } else {
-            byte();
-        }
+    std::string told() {
+        pump();
+        return decoded(takeRaw());
     }
-    return text;
-}
+    std::string answer(const std::string& bytes) {
+        say(bytes);
+        return told();
+    }
+};
 
 struct Dialogue {
     const char* what;
@@ -140,7 +148,7 @@ TEST(Rfc2217, EveryRequestIsAcknowledgedWithTheValueInForce) {
         for (char c : dialogue.client) {
             rig.say(std::string(1, c));
         }
-        EXPECT_EQ(decoded(rig.takeRaw()), dialogue.server);
+        EXPECT_EQ(rig.told(), dialogue.server);
     }
 }
 
@@ -153,9 +161,9 @@ TEST(Rfc2217, APortWithoutLinesOrAModemLeavesNoRequestUnanswered) {
             rig.pump();
             rig.takeRaw();
         }
-        rig.say("lost?" + sb(5, "\x09") + sb(5, "\x07") + sb(5, "\x0B") + sb(5, "\5") + sb(5, "\6") + sb(1, "\0\0\x25\x80"s) +
-                sb(12, "\3"));
-        EXPECT_EQ(decoded(rig.takeRaw()), "[105:09][105:09][105:0b][105:05][105:06][101:00002580][112:03]");
+        EXPECT_EQ(rig.answer("lost?" + sb(5, "\x09") + sb(5, "\x07") + sb(5, "\x0B") + sb(5, "\5") + sb(5, "\6") +
+                             sb(1, "\0\0\x25\x80"s) + sb(12, "\3")),
+                  "[105:09][105:09][105:0b][105:05][105:06][101:00002580][112:03]");
     }
 }
 
@@ -163,10 +171,8 @@ TEST(Rfc2217, OpeningRaisesTheLinesOnceAndTellsTheModemStateUnasked) {
     Rig rig(false);
     EXPECT_EQ(rig.port.log, "<purge 12><timeouts><baud 115200><8N0><flow 1><+dtr><+rts>");
     rig.takeRaw();
-    rig.say(wantsOption);
-    EXPECT_EQ(decoded(rig.takeRaw()), "[107:30]");
-    rig.say("\xFF\xFD\x2C"s);
-    EXPECT_EQ(decoded(rig.takeRaw()), "") << "once is enough";
+    EXPECT_EQ(rig.answer(wantsOption), "[107:30]");
+    EXPECT_EQ(rig.answer("\xFF\xFD\x2C"s), "") << "once is enough";
     rig.port.log.clear();
     rig.say(sb(5, "\x0B") + sb(5, "\x08"));
     EXPECT_EQ(rig.port.log, "<+rts><+dtr>") << "no line may fall";
@@ -182,15 +188,12 @@ TEST(Rfc2217, ModemStateComesWithItsChangesAsTheMaskAsks) {
                           {0x80, ""},         {0x30, "[107:3b]"}};
     for (const Case& test : cases) {
         rig.port.setModemLines(test.lines);
-        rig.pump();
-        EXPECT_EQ(decoded(rig.takeRaw()), test.told) << std::hex << test.lines;
+        EXPECT_EQ(rig.told(), test.told) << std::hex << test.lines;
     }
     rig.say(sb(11, "\x80"));
     rig.port.setModemLines(0x20);
-    rig.pump();
-    EXPECT_EQ(decoded(rig.takeRaw()), "[111:80]") << "CTS was not asked for";
-    rig.say(sb(11, "\xFF"));
-    EXPECT_EQ(decoded(rig.takeRaw()), "[111:ff][107:21]") << "what changed behind the mask is told now";
+    EXPECT_EQ(rig.told(), "[111:80]") << "CTS was not asked for";
+    EXPECT_EQ(rig.answer(sb(11, "\xFF")), "[111:ff][107:21]") << "what changed behind the mask is told now";
 }
 
 TEST(Rfc2217, LineStateComesAsTheMaskAsks) {
@@ -202,8 +205,7 @@ TEST(Rfc2217, LineStateComesAsTheMaskAsks) {
         rig.say(sb(10, mask));
         rig.takeRaw();
         rig.port.endWait(rig.port.mask & (SERIAL_EV_BREAK | SERIAL_EV_ERR | SERIAL_EV_TXEMPTY | SERIAL_EV_RXCHAR));
-        rig.pump();
-        EXPECT_EQ(decoded(rig.takeRaw()), told);
+        EXPECT_EQ(rig.told(), told);
     }
 }
 
@@ -212,44 +214,38 @@ TEST(Rfc2217, TheClientOutlivesTheModem) {
     rig.say(sb(5, "\x0C") + sb(1, "\0\0\x25\x80"s));
     rig.takeRaw();
     rig.port.unplug();
-    rig.pump();
-    EXPECT_EQ(decoded(rig.takeRaw()), "[107:03]") << "the lines drop";
-    rig.say("kept" + sb(2, "\7"));
-    EXPECT_EQ(decoded(rig.takeRaw()), "[102:07]");
+    EXPECT_EQ(rig.told(), "[107:03]") << "the lines drop";
+    EXPECT_EQ(rig.answer("kept" + sb(2, "\7")), "[102:07]");
 
     rig.port.present = true;
     rig.port.log.clear();
     rig.bridge.modemArrived(rig.now);
-    rig.say(sb(5, "\x0A"));
-    EXPECT_EQ(decoded(rig.takeRaw()).substr(0, 8), "[105:0c]");
+    EXPECT_EQ(rig.answer(sb(5, "\x0A")).substr(0, 8), "[105:0c]");
     rig.pump();
     EXPECT_EQ(rig.port.log, "<baud 9600><7N0><flow 1><+dtr><-rts>kept");
     rig.port.setModemLines(0x30);
     rig.port.feed("again");
-    rig.pump();
-    EXPECT_NE(decoded(rig.takeRaw()).find("again"), std::string::npos);
+    EXPECT_NE(rig.told().find("again"), std::string::npos);
     EXPECT_TRUE(rig.port.wait != nullptr) << "the lines are watched again";
 }
 
 TEST(Rfc2217, ARequestWaitsForBytesAheadOfItButNotForever) {
     Rig rig;
     rig.port.stalled = true;
-    rig.say("ahead" + sb(1, "\0\0\x25\x80"s) + "behind");
-    EXPECT_EQ(decoded(rig.takeRaw()), "");
+    EXPECT_EQ(rig.answer("ahead" + sb(1, "\0\0\x25\x80"s) + "behind"), "");
     rig.port.stalled = false;
     rig.port.serve();
-    rig.pump();
-    EXPECT_EQ(decoded(rig.takeRaw()), "[101:00002580]");
+    EXPECT_EQ(rig.told(), "[101:00002580]");
     EXPECT_EQ(rig.port.log, "ahead<baud 9600>behind");
 
     rig.port.log.clear();
     rig.port.stalled = true;
     rig.say("stuck" + sb(5, "\x09") + sb(5, "\7"));
     rig.pump(Bridge::orderLimitMs - 1);
-    EXPECT_EQ(decoded(rig.takeRaw()), "");
+    EXPECT_EQ(rig.told(), "");
     EXPECT_EQ(rig.bridge.deadlineMs(), rig.now + 1);
     rig.pump(1);
-    EXPECT_EQ(decoded(rig.takeRaw()), "[105:09][105:09]");
+    EXPECT_EQ(rig.told(), "[105:09][105:09]");
     rig.say(sb(12, "\2"));
     rig.port.stalled = false;
     rig.port.serve();
@@ -261,8 +257,7 @@ TEST(Rfc2217, APurgeReachesBytesThatFoundNoRoomInThePort) {
     Rig rig;
     rig.port.stalled = true;
     rig.say(std::string(Bridge::writeSlots * Bridge::writeBytes + 1000, 'x'));
-    rig.say("unread" + sb(12, "\2"));
-    EXPECT_EQ(decoded(rig.takeRaw()), "[112:02]");
+    EXPECT_EQ(rig.answer("unread" + sb(12, "\2")), "[112:02]");
     rig.port.stalled = false;
     rig.say("new");
     EXPECT_EQ(rig.port.log, "<purge 5>new");
@@ -275,10 +270,8 @@ TEST(Rfc2217, SuspendedClientsGetAnswersAndNoData) {
         ASSERT_LT(count, 100) << "the modem is not held back";
         rig.pump();
     }
-    rig.say(sb(1, "\0\0\0\0"s));
-    EXPECT_EQ(decoded(rig.takeRaw()), "[101:0001c200]");
-    rig.say(sb(9));
-    EXPECT_EQ(decoded(rig.takeRaw()).size(), Bridge::readSlots * 100);
+    EXPECT_EQ(rig.answer(sb(1, "\0\0\0\0"s)), "[101:0001c200]");
+    EXPECT_EQ(rig.answer(sb(9)).size(), Bridge::readSlots * 100);
 }
 
 // Random bytes both ways in random pieces, against a reader that stalls: none lost, none twice, 0xFF as one.

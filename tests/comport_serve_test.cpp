@@ -1,6 +1,5 @@
 // The whole program in this process, on the real clock: what only a real terminal, a real socket or real threads show.
-#include <arpa/inet.h>
-#include <sys/socket.h>
+#include <asio.hpp>
 
 #include <gtest/gtest.h>
 
@@ -54,21 +53,6 @@ TEST(Serve, open_at_the_first_moment) {
     }
 }
 
-// A client of `url` on the loopback address that takes little unread; it never waits.
-int connected(const std::string& url) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int little = 65536;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
-    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    fcntl(fd, F_SETFL, O_NONBLOCK);
-    return fd;
-}
-
 bool ready(int fd, short events, int timeoutMs) {
     pollfd entry{fd, events, 0};
     return poll(&entry, 1, timeoutMs) > 0;
@@ -82,7 +66,15 @@ TEST(Serve, what_a_client_leaves_unread_comes_later) {
     options.modem = comport::DeviceKind::loopback;
     options.tcp = comport::NetAddress{};
     comport::Server server(options);
-    const int fd = connected(server.served().at(0)->urls().at(0));
+    const std::string url = server.served().at(0)->urls().at(0);
+    asio::io_context context;
+    asio::ip::tcp::socket client(context, asio::ip::tcp::v4());
+    // Takes little unread, and never waits.
+    client.set_option(asio::socket_base::receive_buffer_size(65536));
+    client.set_option(asio::socket_base::send_buffer_size(65536));
+    client.connect({asio::ip::address_v4::loopback(), static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1)))});
+    client.non_blocking(true);
+    const int fd = client.native_handle();
     std::vector<std::uint8_t> piece(16384);
     const auto byteAt = [](std::size_t at) { return static_cast<std::uint8_t>(at ^ at >> 8 ^ at >> 16); };
     std::size_t sent = 0, received = 0;
@@ -104,7 +96,7 @@ TEST(Serve, what_a_client_leaves_unread_comes_later) {
     }
     EXPECT_TRUE(same);
     EXPECT_EQ(received, sent);
-    close(fd);
+    client.close();
     EXPECT_TRUE(server.stop().empty());
 }
 
