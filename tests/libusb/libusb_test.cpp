@@ -23,13 +23,6 @@ namespace {
 using Calls = std::vector<std::string>;
 
 struct Machine {
-    Machine() : rig([] {
-        RigOptions options;
-        options.mode = nt::Mode::real;
-        options.plug = options.loadDriver = false;
-        return options;
-    }()) {}
-
     // The scripted device of a node, reached through `with`.
     UsbDeviceNode& plug(const SocketOptions& options = {}, const std::u16string& serial = u"0001", std::uint16_t product = 1,
                         std::uint8_t functionClass = 2) {
@@ -45,7 +38,7 @@ struct Machine {
         return node.inside().withDevice([&](usb::Device& d) { return body(static_cast<ScriptedDevice&>(d)); });
     }
 
-    TestRig rig;
+    TestRig rig{{.mode = nt::Mode::real, .loadDriver = false, .plug = false}};
     std::vector<std::unique_ptr<UsbDeviceNode>> nodes;  // gone before the executive is
 };
 
