@@ -61,16 +61,14 @@ struct EchoPort : OpenPort {
 struct ModemPort {
     explicit ModemPort(RigOptions options) : rig((options.plug = false, options)) {
         nt::sim::setMaxSteps(stepBound);
-        backend = std::make_shared<usb::VirtualBackend>(std::make_unique<modem::Modem>(), "virtual modem");
-        rig.first().port = rig.bus().plug(backend, "0001", options.port);
-        rig.settle();
+        rig.plugOther(std::make_unique<modem::Modem>(), "0001");
         EXPECT_EQ(rig.open(file), STATUS_SUCCESS);
         EXPECT_EQ(test::setTimeouts(file, 0, 0, 0), STATUS_SUCCESS);
         EXPECT_EQ(test::control(file, IOCTL_SERIAL_SET_DTR), STATUS_SUCCESS);
     }
     template <class Body>
     auto modem(Body&& body) {
-        return backend->withDevice([&](usb::Device& d) { return body(static_cast<modem::Modem&>(d)); });
+        return rig.first().backend->withDevice([&](usb::Device& d) { return body(static_cast<modem::Modem&>(d)); });
     }
     std::string ask(const std::string& command) {
         test::control(file, IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR});
@@ -87,7 +85,6 @@ struct ModemPort {
     }
 
     TestRig rig;
-    std::shared_ptr<usb::VirtualBackend> backend;
     nt::File file;
 };
 
