@@ -4,60 +4,38 @@
 // has. Buffers have just the room the request says. Status, count and the bytes beyond the answer must be right for each;
 // what one control stores another must show; and what still waits must end with the port.
 #include "fuzz/machine.h"
+#include "tests/explorer/controls.h"
 
 #include <algorithm>
 
 namespace {
 
+using explorer::Control;
+using explorer::Effect;
 using fuzz::require;
 
-struct Sizes {
-    ULONG code, in, out;
-    ULONG shownBy;   // the control that gives back what this one stores
-};
-constexpr Sizes known[] = {
-    {IOCTL_SERIAL_SET_BAUD_RATE, 4, 0, IOCTL_SERIAL_GET_BAUD_RATE},
-    {IOCTL_SERIAL_SET_QUEUE_SIZE, 8, 0, 0},
-    {IOCTL_SERIAL_SET_LINE_CONTROL, 3, 0, IOCTL_SERIAL_GET_LINE_CONTROL},
-    {IOCTL_SERIAL_SET_BREAK_ON, 0, 0, 0},
-    {IOCTL_SERIAL_SET_BREAK_OFF, 0, 0, 0},
-    {IOCTL_SERIAL_IMMEDIATE_CHAR, 0, 0, 0},
-    {IOCTL_SERIAL_SET_TIMEOUTS, 20, 0, IOCTL_SERIAL_GET_TIMEOUTS},
-    {IOCTL_SERIAL_GET_TIMEOUTS, 0, 20, 0},
-    {IOCTL_SERIAL_SET_DTR, 0, 0, 0},
-    {IOCTL_SERIAL_CLR_DTR, 0, 0, 0},
-    {IOCTL_SERIAL_RESET_DEVICE, 0, 0, 0},
-    {IOCTL_SERIAL_SET_RTS, 0, 0, 0},
-    {IOCTL_SERIAL_CLR_RTS, 0, 0, 0},
-    {IOCTL_SERIAL_SET_XOFF, 0, 0, 0},
-    {IOCTL_SERIAL_SET_XON, 0, 0, 0},
-    {IOCTL_SERIAL_GET_WAIT_MASK, 0, 4, 0},
-    {IOCTL_SERIAL_SET_WAIT_MASK, 4, 0, IOCTL_SERIAL_GET_WAIT_MASK},
-    {IOCTL_SERIAL_WAIT_ON_MASK, 0, 4, 0},
-    {IOCTL_SERIAL_PURGE, 4, 0, 0},
-    {IOCTL_SERIAL_GET_BAUD_RATE, 0, 4, 0},
-    {IOCTL_SERIAL_GET_LINE_CONTROL, 0, 3, 0},
-    {IOCTL_SERIAL_GET_CHARS, 0, 6, 0},
-    {IOCTL_SERIAL_SET_CHARS, 6, 0, IOCTL_SERIAL_GET_CHARS},
-    {IOCTL_SERIAL_GET_HANDFLOW, 0, 16, 0},
-    {IOCTL_SERIAL_SET_HANDFLOW, 16, 0, IOCTL_SERIAL_GET_HANDFLOW},
-    {IOCTL_SERIAL_GET_MODEMSTATUS, 0, 4, 0},
-    {IOCTL_SERIAL_GET_COMMSTATUS, 0, 20, 0},
-    {IOCTL_SERIAL_GET_PROPERTIES, 0, 64, 0},
-    {IOCTL_SERIAL_GET_DTRRTS, 0, 4, 0},
-    {IOCTL_SERIAL_CONFIG_SIZE, 0, 4, 0},
-    {IOCTL_SERIAL_GET_STATS, 0, 24, 0},
-    {IOCTL_SERIAL_CLEAR_STATS, 0, 0, 0},
-};
-constexpr Sizes knownInternal[] = {
-    {IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, 0, 44, 0},
-    {IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, 44, 0, IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS},
-};
+// The control that gives back what this one stores, 0: there is none.
+ULONG shownBy(const Control& control) {
+    if (control.internal)
+        return control.code == IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS ? IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS : 0;
+    switch (control.code) {
+    case IOCTL_SERIAL_SET_BAUD_RATE: return IOCTL_SERIAL_GET_BAUD_RATE;
+    case IOCTL_SERIAL_SET_LINE_CONTROL: return IOCTL_SERIAL_GET_LINE_CONTROL;
+    case IOCTL_SERIAL_SET_TIMEOUTS: return IOCTL_SERIAL_GET_TIMEOUTS;
+    case IOCTL_SERIAL_SET_WAIT_MASK: return IOCTL_SERIAL_GET_WAIT_MASK;
+    case IOCTL_SERIAL_SET_CHARS: return IOCTL_SERIAL_GET_CHARS;
+    case IOCTL_SERIAL_SET_HANDFLOW: return IOCTL_SERIAL_GET_HANDFLOW;
+    default: return 0;
+    }
+}
 
-const Sizes* find(UCHAR major, ULONG code) {
-    const std::span<const Sizes> table = major == IRP_MJ_DEVICE_CONTROL ? std::span<const Sizes>(known) : knownInternal;
-    const auto found = std::find_if(table.begin(), table.end(), [&](const Sizes& s) { return s.code == code; });
-    return found == table.end() ? nullptr : &*found;
+// Null: the driver does not know the code.
+const Control* find(UCHAR major, ULONG code) {
+    const Control* const end = explorer::controls + explorer::controlCount;
+    const Control* const found = std::find_if(explorer::controls, end, [=](const Control& c) {
+        return c.code == code && c.internal == (major == IRP_MJ_INTERNAL_DEVICE_CONTROL);
+    });
+    return found == end || found->effect == Effect::invalid ? nullptr : found;
 }
 
 class Slot {
@@ -104,17 +82,16 @@ class Slot {
     void check() const {
         const NTSTATUS status = irp_->IoStatus.Status;
         const auto information = irp_->IoStatus.Information;
-        const Sizes* sizes = find(major_, code_);
-        const bool wake = major_ != IRP_MJ_DEVICE_CONTROL && (code_ == 0x1B0004 || code_ == 0x1B0008);
-        const bool waiting = major_ == IRP_MJ_DEVICE_CONTROL &&
-                             (code_ == IOCTL_SERIAL_WAIT_ON_MASK || code_ == IOCTL_SERIAL_IMMEDIATE_CHAR);
-        if (wake)
+        const Control* control = find(major_, code_);
+        const bool character = control != nullptr && is(*control, IOCTL_SERIAL_IMMEDIATE_CHAR);   // taken without one, too
+        const bool waits = character || (control != nullptr && is(*control, IOCTL_SERIAL_WAIT_ON_MASK));
+        if (control != nullptr && control->effect == Effect::unsupported)
             require(status == STATUS_NOT_SUPPORTED);
-        else if (sizes == nullptr || input_.size() < sizes->in || outLength_ < sizes->out)
+        else if (control == nullptr || (input_.size() < control->input && !character) || outLength_ < control->output)
             require(status == STATUS_INVALID_PARAMETER);
         else
-            require(status == STATUS_SUCCESS || (waiting && !NT_SUCCESS(status)));
-        require(information == (status == STATUS_SUCCESS ? sizes->out : 0));
+            require(status == STATUS_SUCCESS || (waits && !NT_SUCCESS(status)));
+        require(information == (status == STATUS_SUCCESS ? control->output : 0));
         const std::size_t size = std::max<std::size_t>(input_.size(), outLength_);
         for (std::size_t i = information; i < size; ++i)
             require(buffer_[i] == (i < input_.size() ? input_[i] : 0xA5));
@@ -160,9 +137,9 @@ class Player {
         if (!slot.done())
             return;
         slot.check();
-        const Sizes* sizes = find(major, code);
-        if (sizes != nullptr && sizes->shownBy != 0 && slot.served())
-            compare(major, *sizes, input);
+        const Control* control = find(major, code);
+        if (control != nullptr && shownBy(*control) != 0 && slot.served())
+            compare(major, *control, input);
     }
 
     void finish() {
@@ -180,12 +157,12 @@ class Player {
         }
     }
 
-    void compare(UCHAR major, const Sizes& sizes, const test::Bytes& input) {
+    void compare(UCHAR major, const Control& control, const test::Bytes& input) {
         Slot shown;
-        shown.send(object_, major, sizes.shownBy, {}, sizes.in);
+        shown.send(object_, major, shownBy(control), {}, control.input);
         if (!shown.done())
             fuzz::Machine::run(1);
-        require(shown.done() && shown.served() && std::equal(input.begin(), input.begin() + sizes.in, shown.answer()));
+        require(shown.done() && shown.served() && std::equal(input.begin(), input.begin() + control.input, shown.answer()));
     }
 
     fuzz::Machine& machine_;

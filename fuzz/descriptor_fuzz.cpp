@@ -1,20 +1,13 @@
 // Arbitrary bytes as a configuration descriptor. The walks must stay inside it, end, and answer only with what
 // stands in it: an interface number or 0xFF, an endpoint of the wanted direction or 0.
+#include "fuzz/require.h"
 #include "cdcacm/usbcfg.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 
-namespace {
-
-void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
-
-}  // namespace
+using fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // A block of just this size: one byte too far is seen.

@@ -4,6 +4,7 @@
 // that is opened anew and has the settings below. An assertion the driver traces ends the run.
 #pragma once
 
+#include "fuzz/require.h"
 #include "kernel/executive.h"
 #include "kernel/file.h"
 #include "tests/support/scripted_device.h"
@@ -24,11 +25,6 @@
 extern "C" DRIVER_INITIALIZE DriverEntry;
 
 namespace fuzz {
-
-inline void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
 
 class Machine {
   public:

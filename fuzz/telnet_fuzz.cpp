@@ -1,21 +1,16 @@
 // Arbitrary bytes from a network client, in pieces as the input says. Nothing it sends may crash, hang or grow without bounds,
 // and what a client that keeps to the protocol is sent back must keep to it, too.
 #include "comport/net_terminal.h"
+#include "fuzz/require.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
+using fuzz::require;
 using namespace comport;
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
 
 // What the bridge does: takes everything, and answers every control.
 void serve(NetTerminal& terminal, std::uint8_t choice) {

@@ -1,19 +1,18 @@
 // The bridge between a terminal and a COM port, against a terminal and a port that do whatever a seed says.
 #include <gtest/gtest.h>
 
-#include <ntddser.h>
-
 #include <algorithm>
 #include <deque>
 #include <random>
 #include <string>
 
-#include "comport/bridge.h"
+#include "tests/comport_port.h"
 
 using namespace comport;
 
 namespace {
 
+using test::FakePort;
 using State = Bridge::State;
 
 struct FakeTerminal : Terminal {
@@ -57,154 +56,7 @@ struct FakeTerminal : Terminal {
     void discardWritten() override { ++discards; }
 };
 
-// Takes writes and fills reads oldest first, as a driver does, when told to. `log` holds everything in its order: bytes
-// as they are, a control as its name in angle brackets.
-struct FakePort : Port {
-    bool present = true;
-    bool takesAtOnce = false;
-    bool opened = false;
-    std::string log;
-    std::deque<Transfer*> reads, writes, flushes;
-    std::vector<Transfer*> unseen;  // ended, and the news of it still on its way
-    bool delayNews = false;
-    std::size_t headTaken = 0;
-    unsigned heldBack = 0;
-
-    void end(Transfer& transfer, NTSTATUS status, std::size_t moved) {
-        transfer.status = status;
-        transfer.moved = moved;
-        if (delayNews) {
-            unseen.push_back(&transfer);
-        } else {
-            transfer.ended = true;
-        }
-    }
-    static void refuse(Transfer& transfer) {
-        transfer.status = STATUS_UNSUCCESSFUL;
-        transfer.moved = 0;
-        transfer.ended = true;
-    }
-    void takeBytes(std::size_t count) {
-        while (!writes.empty() && count > 0) {
-            Transfer& head = *writes.front();
-            std::size_t whole = head.length - head.offset;
-            std::size_t length = std::min(count, whole - headTaken);
-            const std::uint8_t* from = head.data.data() + head.offset + headTaken;
-            log.append(from, from + length);
-            count -= length;
-            headTaken += length;
-            if (headTaken == whole) {
-                writes.pop_front();
-                headTaken = 0;
-                end(head, STATUS_SUCCESS, whole);
-            }
-        }
-        endFlushes();
-    }
-    void endFlushes() {
-        while (writes.empty() && !flushes.empty()) {
-            log += "<flush>";
-            end(*flushes.front(), STATUS_SUCCESS, 0);
-            flushes.pop_front();
-        }
-    }
-    bool feed(const std::string& bytes) {
-        if (reads.empty()) {
-            return false;
-        }
-        Transfer& head = *reads.front();
-        reads.pop_front();
-        std::ranges::copy(bytes, head.data.begin());
-        end(head, STATUS_SUCCESS, bytes.size());
-        return true;
-    }
-    void endAll(NTSTATUS status) {
-        while (!writes.empty()) {
-            end(*writes.front(), status, headTaken);
-            headTaken = 0;
-            writes.pop_front();
-        }
-        for (; !reads.empty(); reads.pop_front()) {
-            end(*reads.front(), status, 0);
-        }
-        for (; !flushes.empty(); flushes.pop_front()) {
-            end(*flushes.front(), STATUS_SUCCESS, 0);
-        }
-    }
-
-    // The news of a failure are not on their way for long: nothing is issued meanwhile.
-    void unplug() {
-        endAll(STATUS_CANCELLED);
-        present = false;
-        deliverNews();
-    }
-    void deliverNews() {
-        for (Transfer* transfer : std::exchange(unseen, {})) {
-            transfer->ended = true;
-        }
-    }
-
-    bool open() override {
-        opened = present;
-        return present;
-    }
-    void close() override {
-        log += "<close>";
-        opened = false;
-        endAll(STATUS_CANCELLED);
-    }
-    void read(Transfer& transfer) override {
-        EXPECT_TRUE(opened);
-        if (!present) {
-            refuse(transfer);
-            return;
-        }
-        reads.push_back(&transfer);
-    }
-    void write(Transfer& transfer) override {
-        EXPECT_TRUE(opened);
-        if (!present) {
-            refuse(transfer);
-            return;
-        }
-        writes.push_back(&transfer);
-        if (takesAtOnce) {
-            takeBytes(SIZE_MAX);
-        }
-    }
-    void flush(Transfer& transfer) override {
-        flushes.push_back(&transfer);
-        endFlushes();
-    }
-    void control(Transfer& transfer, ULONG code) override {
-        ULONG number = 0;
-        std::memcpy(&number, transfer.data.data(), std::min<std::size_t>(4, transfer.length));
-        switch (code) {
-        case IOCTL_SERIAL_SET_TIMEOUTS: log += "<timeouts>"; break;
-        case IOCTL_SERIAL_SET_BAUD_RATE: log += "<baud " + std::to_string(number) + ">"; break;
-        case IOCTL_SERIAL_SET_LINE_CONTROL: log += transfer.data[0] == STOP_BITS_2 ? "<stop 2>" : "<stop 1>"; break;
-        case IOCTL_SERIAL_SET_DTR: log += "<+dtr>"; break;
-        case IOCTL_SERIAL_CLR_DTR: log += "<-dtr>"; break;
-        case IOCTL_SERIAL_SET_RTS: log += "<+rts>"; break;
-        case IOCTL_SERIAL_CLR_RTS: log += "<-rts>"; break;
-        default: log += "<?>";
-        }
-        end(transfer, present ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL, 0);
-    }
-    void query(Transfer& transfer, ULONG) override { refuse(transfer); }
-    void readHeldBack() override { ++heldBack; }
-    void purge(ULONG mask) override {
-        log += "<purge " + std::to_string(mask) + ">";
-        if (mask & SERIAL_PURGE_TXABORT) {
-            for (; !writes.empty(); writes.pop_front()) {
-                end(*writes.front(), STATUS_CANCELLED, headTaken);
-                headTaken = 0;
-            }
-        }
-    }
-};
-
-constexpr const char* opening = "<purge 12><timeouts><baud 115200><stop 1><+dtr><+rts>";
+constexpr const char* opening = "<purge 12><timeouts><baud 115200><8N0><+dtr><+rts>";
 
 struct Rig {
     FakeTerminal terminal;
@@ -212,6 +64,7 @@ struct Rig {
     Bridge bridge{terminal, port};
     std::int64_t now = 1000;
 
+    Rig() { port.stalled = true; }
     void start() {
         bridge.terminalOpened(now);
         bridge.pump(now);
@@ -235,15 +88,6 @@ void deliverSome(FakePort& port, std::mt19937& random) {
         port.unseen.back()->ended = true;
         port.unseen.pop_back();
     }
-}
-
-std::string difference(const std::string& got, const std::string& wanted) {
-    auto [at, expected] = std::mismatch(got.begin(), got.end(), wanted.begin(), wanted.end());
-    if (at == got.end() && expected == wanted.end()) {
-        return "";
-    }
-    return std::to_string(got.size()) + " bytes of " + std::to_string(wanted.size()) + ", different from " +
-           std::to_string(at - got.begin());
 }
 
 }  // namespace
@@ -278,9 +122,7 @@ TEST(Bridge, CarriesEveryByteOnceInOrder) {
                 break;
             }
             case 4: rig.terminal.space = random() % 6000; break;
-            case 5:
-                deliverSome(rig.port, random);
-                break;
+            case 5: deliverSome(rig.port, random); break;
             case 6:
                 if (!last && random() % 4 == 0) {
                     rig.port.unplug();
@@ -292,19 +134,19 @@ TEST(Bridge, CarriesEveryByteOnceInOrder) {
             rig.pump(static_cast<std::int64_t>(random() % 60));
         }
         rig.port.present = true;
-        rig.port.delayNews = false;
+        rig.port.delayNews = rig.port.stalled = false;
         rig.terminal.space = rig.terminal.pieceLimit = SIZE_MAX;
         for (int round = 0; round < 200; ++round) {
             rig.port.deliverNews();
-            rig.port.takeBytes(SIZE_MAX);
+            rig.port.serve();
             rig.pump(Bridge::retryMs);
         }
-        ASSERT_EQ(difference(rig.port.log, typed), "");
-        ASSERT_EQ(difference(rig.terminal.shown, sent), "");
+        ASSERT_TRUE(rig.port.log == typed) << rig.port.log.size() << " bytes of " << typed.size();
+        ASSERT_TRUE(rig.terminal.shown == sent) << rig.terminal.shown.size() << " bytes of " << sent.size();
     }
 }
 
-TEST(Bridge, SettingsHaveTheirPlaceInTheStream) {
+TEST(Bridge, SettingsAndTheEndHaveTheirPlaceInTheStream) {
     struct Case {
         const char* name;
         void (*act)(Rig&);
@@ -318,7 +160,7 @@ TEST(Bridge, SettingsHaveTheirPlaceInTheStream) {
              rig.pump();
              rig.terminal.type("after");
          },
-         "before<flush><baud 9600><stop 2>after"},
+         "before<flush><baud 9600><8N2>after"},
         {"the same settings again send nothing",
          [](Rig& rig) {
              rig.terminal.type("one");
@@ -333,7 +175,7 @@ TEST(Bridge, SettingsHaveTheirPlaceInTheStream) {
              rig.pump();
              rig.terminal.set({115200, false});
          },
-         "<flush><stop 1><-dtr><-rts><flush><baud 115200><stop 1><+dtr><+rts>"},
+         "<flush><8N0><-dtr><-rts><flush><baud 115200><8N0><+dtr><+rts>"},
         {"two changes in a row, each behind its own bytes",
          [](Rig& rig) {
              rig.terminal.type("a");
@@ -344,7 +186,7 @@ TEST(Bridge, SettingsHaveTheirPlaceInTheStream) {
              rig.pump();
              rig.terminal.type("c");
          },
-         "a<flush><baud 300><stop 1>b<flush><baud 600><stop 1>c"},
+         "a<flush><baud 300><8N0>b<flush><baud 600><8N0>c"},
         {"bytes thrown away do not hold a change back",
          [](Rig& rig) {
              rig.terminal.pieceLimit = 1;
@@ -358,7 +200,31 @@ TEST(Bridge, SettingsHaveTheirPlaceInTheStream) {
              rig.pump();
              rig.terminal.type("kept");
          },
-         "<purge 5><flush><baud 300><stop 1>kept"},
+         "<purge 5><flush><baud 300><8N0>kept"},
+        {"a modem that comes back gets them",
+         [](Rig& rig) {
+             rig.terminal.set({2400, true});
+             rig.pump();
+             rig.port.unplug();
+             rig.terminal.type("while away");
+             rig.pump();
+             EXPECT_TRUE(rig.bridge.wantsTerminalEvents());
+             EXPECT_FALSE(rig.bridge.wantsTerminalInput());
+             rig.port.present = true;
+             rig.bridge.modemArrived(rig.now);
+         },
+         "<flush><baud 2400><8N2><baud 2400><8N2><+dtr><+rts>while away"},
+        {"the close waits for what was written",
+         [](Rig& rig) {
+             rig.terminal.type("last words");
+             rig.terminal.open = false;
+             rig.pump();
+             EXPECT_TRUE(rig.port.feed("too late to be read"));
+             rig.port.takeBytes(4);
+             rig.pump();
+             EXPECT_EQ(rig.bridge.state(), State::draining);
+         },
+         "last words<flush><close>"},
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(test.name);
@@ -429,23 +295,6 @@ TEST(Bridge, SlowReaderHoldsTheModemBack) {
     EXPECT_EQ(rig.port.heldBack, 2u) << "a read in the same place, which was taken at once";
 }
 
-TEST(Bridge, CloseCarriesWhatWasWrittenFirst) {
-    Rig rig;
-    rig.start();
-    rig.terminal.type("last words");
-    rig.terminal.open = false;
-    rig.pump();
-    EXPECT_EQ(rig.bridge.state(), State::draining);
-    EXPECT_TRUE(rig.port.feed("too late to be read"));
-    rig.port.takeBytes(4);
-    rig.pump();
-    EXPECT_EQ(rig.bridge.state(), State::draining);
-    rig.port.takeBytes(SIZE_MAX);
-    rig.pump();
-    EXPECT_EQ(rig.bridge.state(), State::idle);
-    EXPECT_EQ(rig.port.log, "last words<flush><close>");
-}
-
 TEST(Bridge, CloseGivesUpOnAPortThatTakesNothing) {
     for (bool heldBack : {false, true}) {
         SCOPED_TRACE(heldBack ? "its close not seen behind the bytes" : "its close seen");
@@ -506,7 +355,7 @@ TEST(Bridge, BytesLeftBehindAreCarriedOnlyIfThePortIsThere) {
         SCOPED_TRACE(present);
         Rig rig;
         rig.port.present = present;
-        rig.port.takesAtOnce = true;
+        rig.port.stalled = false;
         rig.terminal.type("note");
         rig.terminal.open = false;
         rig.bridge.terminalOpened(rig.now);
@@ -517,24 +366,4 @@ TEST(Bridge, BytesLeftBehindAreCarriedOnlyIfThePortIsThere) {
         EXPECT_EQ(rig.port.log, present ? std::string(opening) + "note<flush><close>" : "");
         EXPECT_TRUE(rig.terminal.written.empty());
     }
-}
-
-TEST(Bridge, ModemThatComesBackGetsTheSettings) {
-    Rig rig;
-    rig.start();
-    rig.terminal.set({2400, true});
-    rig.pump();
-    rig.port.log.clear();
-    rig.port.present = false;
-    rig.port.endAll(STATUS_CANCELLED);
-    rig.terminal.type("while away");
-    rig.pump();
-    EXPECT_TRUE(rig.bridge.wantsTerminalEvents());
-    EXPECT_FALSE(rig.bridge.wantsTerminalInput());
-    rig.port.present = true;
-    rig.bridge.modemArrived(rig.now);
-    rig.pump();
-    rig.port.takeBytes(SIZE_MAX);
-    EXPECT_EQ(rig.port.log, "<baud 2400><stop 2><+dtr><+rts>while away");
-    EXPECT_EQ(rig.port.reads.size(), Bridge::readSlots);
 }

@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -206,14 +206,16 @@ protected:
     ~ControlSockets() override { std::filesystem::remove_all(directory_); }
     std::filesystem::path path() const { return directory_ / "socket"; }
 
-    UniqueFd connect() const {
+    // `call` is connect() or bind().
+    UniqueFd at(int (*call)(int, const sockaddr*, socklen_t)) const {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         path().string().copy(address.sun_path, sizeof(address.sun_path) - 1);
         UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        return ::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 ? std::move(fd)
-                                                                                               : UniqueFd();
+        EXPECT_EQ(call(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        return fd;
     }
+    UniqueFd connect() const { return at(::connect); }
     static void send(const UniqueFd& fd, const std::string& text) {
         EXPECT_EQ(::send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
     }
@@ -231,22 +233,8 @@ protected:
     FakeTarget target_;
 };
 
-TEST_F(ControlSockets, OnlyTheOwnerMayOpenIt) {
-    ControlSocket socket(path(), target_);
-    struct stat facts = {};
-    ASSERT_EQ(::stat(path().c_str(), &facts), 0);
-    EXPECT_EQ(facts.st_mode & 07777, 0600u);
-    EXPECT_EQ(facts.st_uid, ::geteuid());
-}
-
 TEST_F(ControlSockets, ReplacesALeftOverAndNothingElse) {
-    {
-        UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM, 0));
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path().string().copy(address.sun_path, sizeof(address.sun_path) - 1);
-        ASSERT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    }
+    at(::bind);
     {
         ControlSocket socket(path(), target_);
         EXPECT_THROW(ControlSocket(path(), target_), std::runtime_error) << "one server at a place";

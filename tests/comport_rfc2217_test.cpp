@@ -1,168 +1,16 @@
 // The COM port control option: byte dialogues between a client and a port that keeps what it is told.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <random>
 #include <string>
 
-#include "comport/bridge.h"
 #include "comport/net_terminal.h"
+#include "tests/comport_port.h"
 
 using namespace comport;
 using namespace std::string_literals;
 
 namespace {
-
-// A serial port with a modem that may be away, stall, or refuse its lines. `log` holds what reached it, in its order.
-struct SerialPort : Port {
-    bool present = true;
-    bool stalled = false;
-    bool refusesLines = false;
-    std::string log;
-    ULONG baud = 9600;
-    SERIAL_LINE_CONTROL line = {STOP_BIT_1, NO_PARITY, 8};
-    ULONG raised = 0;
-    ULONG modemStatus = 0;
-    ULONG mask = 0;
-    Transfer* wait = nullptr;
-    std::deque<Transfer*> reads, writes, flushes;
-
-    static void end(Transfer& transfer, NTSTATUS status, std::size_t moved = 0) {
-        transfer.status = status;
-        transfer.moved = moved;
-        transfer.ended = true;
-    }
-    void endAll(NTSTATUS status) {
-        for (auto* queue : {&reads, &writes, &flushes}) {
-            for (; !queue->empty(); queue->pop_front()) {
-                end(*queue->front(), status);
-            }
-        }
-        endWait(0, status);
-    }
-    void endWait(ULONG events, NTSTATUS status = STATUS_SUCCESS) {
-        if (Transfer* transfer = std::exchange(wait, nullptr)) {
-            std::memcpy(transfer->data.data(), &events, sizeof(events));
-            end(*transfer, status, sizeof(events));
-        }
-    }
-    void serve() {
-        while (!stalled && !writes.empty()) {
-            Transfer& head = *writes.front();
-            writes.pop_front();
-            log.append(head.data.begin() + static_cast<std::ptrdiff_t>(head.offset),
-                       head.data.begin() + static_cast<std::ptrdiff_t>(head.length));
-            end(head, STATUS_SUCCESS, head.length - head.offset);
-        }
-        for (; writes.empty() && !flushes.empty(); flushes.pop_front()) {
-            end(*flushes.front(), STATUS_SUCCESS);
-        }
-    }
-    bool feed(const std::string& bytes) {
-        if (reads.empty()) {
-            return false;
-        }
-        std::ranges::copy(bytes, reads.front()->data.begin());
-        end(*reads.front(), STATUS_SUCCESS, bytes.size());
-        reads.pop_front();
-        return true;
-    }
-    void setModemLines(ULONG status) {
-        ULONG events = 0;
-        ULONG changed = status ^ modemStatus;
-        events |= changed & SERIAL_CTS_STATE ? SERIAL_EV_CTS : 0;
-        events |= changed & SERIAL_DSR_STATE ? SERIAL_EV_DSR : 0;
-        events |= changed & SERIAL_DCD_STATE ? SERIAL_EV_RLSD : 0;
-        events |= changed & SERIAL_RI_STATE ? SERIAL_EV_RING : 0;
-        modemStatus = status;
-        if (events & mask) {
-            endWait(events & mask);
-        }
-    }
-    void unplug() {
-        present = false;
-        raised = 0;
-        endAll(STATUS_DEVICE_REMOVED);
-    }
-
-    bool open() override { return present; }
-    void close() override { endAll(STATUS_CANCELLED); }
-    void read(Transfer& transfer) override {
-        present ? reads.push_back(&transfer) : end(transfer, STATUS_UNSUCCESSFUL);
-    }
-    void write(Transfer& transfer) override {
-        present ? writes.push_back(&transfer) : end(transfer, STATUS_UNSUCCESSFUL);
-        serve();
-    }
-    void flush(Transfer& transfer) override {
-        flushes.push_back(&transfer);
-        serve();
-    }
-    void purge(ULONG purged) override {
-        log += "<purge " + std::to_string(purged) + ">";
-        for (; (purged & SERIAL_PURGE_TXABORT) && !writes.empty(); writes.pop_front()) {
-            end(*writes.front(), STATUS_CANCELLED);
-        }
-        serve();
-    }
-    static ULONG numberIn(const Transfer& transfer) {
-        ULONG number = 0;
-        std::memcpy(&number, transfer.data.data(), std::min(sizeof(number), transfer.length));
-        return number;
-    }
-    bool setLine(ULONG bit, bool up, const char* name) {
-        raised = up ? raised | bit : raised & ~bit;
-        log += name;
-        return !refusesLines;
-    }
-    bool carryOut(Transfer& transfer, ULONG code) {
-        switch (code) {
-        case IOCTL_SERIAL_SET_BAUD_RATE:
-            baud = numberIn(transfer);
-            log += "<baud " + std::to_string(baud) + ">";
-            return true;
-        case IOCTL_SERIAL_SET_LINE_CONTROL:
-            std::memcpy(&line, transfer.data.data(), sizeof(line));
-            log += "<" + std::to_string(line.WordLength) + "NOEMS"[line.Parity] + std::to_string(line.StopBits) + ">";
-            return true;
-        case IOCTL_SERIAL_SET_HANDFLOW: log += "<flow " + std::to_string(numberIn(transfer)) + ">"; return true;
-        case IOCTL_SERIAL_SET_DTR: return setLine(SERIAL_DTR_STATE, true, "<+dtr>");
-        case IOCTL_SERIAL_CLR_DTR: return setLine(SERIAL_DTR_STATE, false, "<-dtr>");
-        case IOCTL_SERIAL_SET_RTS: return setLine(SERIAL_RTS_STATE, true, "<+rts>");
-        case IOCTL_SERIAL_CLR_RTS: return setLine(SERIAL_RTS_STATE, false, "<-rts>");
-        case IOCTL_SERIAL_SET_BREAK_ON: return setLine(0, true, "<+break>");
-        case IOCTL_SERIAL_SET_BREAK_OFF: return setLine(0, false, "<-break>");
-        case IOCTL_SERIAL_SET_WAIT_MASK:
-            mask = numberIn(transfer);
-            endWait(0);
-            return true;
-        default: return true;
-        }
-    }
-    void control(Transfer& transfer, ULONG code) override {
-        bool good = present && carryOut(transfer, code);
-        end(transfer, good ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
-    }
-    void query(Transfer& transfer, ULONG code) override {
-        if (!present || (refusesLines && code == IOCTL_SERIAL_GET_DTRRTS)) {
-            end(transfer, STATUS_UNSUCCESSFUL);
-            return;
-        }
-        auto answer = [&](const auto& value) {
-            std::memcpy(transfer.data.data(), &value, sizeof(value));
-            end(transfer, STATUS_SUCCESS, sizeof(value));
-        };
-        switch (code) {
-        case IOCTL_SERIAL_GET_BAUD_RATE: answer(baud); break;
-        case IOCTL_SERIAL_GET_LINE_CONTROL: answer(line); break;
-        case IOCTL_SERIAL_GET_DTRRTS: answer(raised); break;
-        case IOCTL_SERIAL_GET_MODEMSTATUS: answer(modemStatus); break;
-        case IOCTL_SERIAL_WAIT_ON_MASK: wait = &transfer; break;
-        default: end(transfer, STATUS_INVALID_PARAMETER);
-        }
-    }
-};
 
 std::string doubled(const std::string& bytes) {
     std::string text;
@@ -179,13 +27,37 @@ std::string sb(int command, const std::string& value = "") {
 
 const std::string wantsOption = "\xFF\xFB\x2C"s;
 
+// What a server said: data as it is, subnegotiations of the option as "[command:hex]", negotiation left out.
+std::string decoded(const std::string& raw) {
+    std::string text;
+    std::size_t at = 0;
+    auto byte = [&] { return static_cast<unsigned char>(raw.at(at++)); };
+    while (at < raw.size()) {
+        int value = byte();
+        if (value != 0xFF || (value = byte()) == 0xFF) {
+            text += static_cast<char>(value);
+        } else if (value == 0xFA) {
+            EXPECT_EQ(byte(), 44);
+            text += "[" + std::to_string(byte()) + ":";
+            while ((value = byte()) != 0xFF || (value = byte()) != 0xF0) {
+                text += {"0123456789abcdef"[value >> 4], "0123456789abcdef"[value & 15]};
+            }
+            text += "]";
+        } else {
+            byte();
+        }
+    }
+    return text;
+}
+
 struct Rig {
-    SerialPort port;
+    test::FakePort port;
     NetTerminal terminal{NetProtocol::rfc2217, "tester"};
     Bridge bridge{terminal, port};
     std::int64_t now = 1000;
 
     explicit Rig(bool negotiates = true) {
+        port.logsFlushes = false;
         port.modemStatus = SERIAL_CTS_STATE | SERIAL_DSR_STATE;
         bridge.terminalOpened(now);
         pump();
@@ -211,43 +83,15 @@ struct Rig {
         pump();
         return text;
     }
-};
-
-// What a server said: data as it is, subnegotiations of the option as "[command:hex]", negotiation left out.
-std::string decoded(const std::string& raw) {
-    std::string text;
-    std::size_t at = 0;
-    auto byte = [&] { return at < raw.size() ? static_cast<unsigned char>(raw[at++]) : 0; };
-    auto hex = [&](int value) {
-        const char* digits = "0123456789abcdef";
-        text += {digits[value >> 4], digits[value & 15]};
-    };
-    while (at < raw.size()) {
-        int value = byte();
-        if (value != 0xFF) {
-            text += static_cast<char>(value);
-            continue;
-        }
-        value = byte();
-        if (value == 0xFF) {
-            text += '\xFF';
-        } else if (value == 0xFA) {
-            EXPECT_EQ(byte(), 44);
-            text += "[" + std::to_string(byte()) + ":";
-            while (at < raw.size()) {
-                value = byte();
-                if (value == 0xFF && (value = byte()) == 0xF0) {
-                    break;
-                }
-                hex(value);
-            }
-            text += "]";
-        } else {
-            byte();
-        }
+    std::string told() {
+        pump();
+        return decoded(takeRaw());
     }
-    return text;
-}
+    std::string answer(const std::string& bytes) {
+        say(bytes);
+        return told();
+    }
+};
 
 struct Dialogue {
     const char* what;
@@ -304,7 +148,7 @@ TEST(Rfc2217, EveryRequestIsAcknowledgedWithTheValueInForce) {
         for (char c : dialogue.client) {
             rig.say(std::string(1, c));
         }
-        EXPECT_EQ(decoded(rig.takeRaw()), dialogue.server);
+        EXPECT_EQ(rig.told(), dialogue.server);
     }
 }
 
@@ -317,20 +161,18 @@ TEST(Rfc2217, APortWithoutLinesOrAModemLeavesNoRequestUnanswered) {
             rig.pump();
             rig.takeRaw();
         }
-        rig.say("lost?" + sb(5, "\x09") + sb(5, "\x07") + sb(5, "\x0B") + sb(5, "\5") + sb(5, "\6") + sb(1, "\0\0\x25\x80"s) +
-                sb(12, "\3"));
-        EXPECT_EQ(decoded(rig.takeRaw()), "[105:09][105:09][105:0b][105:05][105:06][101:00002580][112:03]");
+        EXPECT_EQ(rig.answer("lost?" + sb(5, "\x09") + sb(5, "\x07") + sb(5, "\x0B") + sb(5, "\5") + sb(5, "\6") +
+                             sb(1, "\0\0\x25\x80"s) + sb(12, "\3")),
+                  "[105:09][105:09][105:0b][105:05][105:06][101:00002580][112:03]");
     }
 }
 
 TEST(Rfc2217, OpeningRaisesTheLinesOnceAndTellsTheModemStateUnasked) {
     Rig rig(false);
-    EXPECT_EQ(rig.port.log, "<purge 12><baud 115200><8N0><flow 1><+dtr><+rts>");
+    EXPECT_EQ(rig.port.log, "<purge 12><timeouts><baud 115200><8N0><flow 1><+dtr><+rts>");
     rig.takeRaw();
-    rig.say(wantsOption);
-    EXPECT_EQ(decoded(rig.takeRaw()), "[107:30]");
-    rig.say("\xFF\xFD\x2C"s);
-    EXPECT_EQ(decoded(rig.takeRaw()), "") << "once is enough";
+    EXPECT_EQ(rig.answer(wantsOption), "[107:30]");
+    EXPECT_EQ(rig.answer("\xFF\xFD\x2C"s), "") << "once is enough";
     rig.port.log.clear();
     rig.say(sb(5, "\x0B") + sb(5, "\x08"));
     EXPECT_EQ(rig.port.log, "<+rts><+dtr>") << "no line may fall";
@@ -346,15 +188,12 @@ TEST(Rfc2217, ModemStateComesWithItsChangesAsTheMaskAsks) {
                           {0x80, ""},         {0x30, "[107:3b]"}};
     for (const Case& test : cases) {
         rig.port.setModemLines(test.lines);
-        rig.pump();
-        EXPECT_EQ(decoded(rig.takeRaw()), test.told) << std::hex << test.lines;
+        EXPECT_EQ(rig.told(), test.told) << std::hex << test.lines;
     }
     rig.say(sb(11, "\x80"));
     rig.port.setModemLines(0x20);
-    rig.pump();
-    EXPECT_EQ(decoded(rig.takeRaw()), "[111:80]") << "CTS was not asked for";
-    rig.say(sb(11, "\xFF"));
-    EXPECT_EQ(decoded(rig.takeRaw()), "[111:ff][107:21]") << "what changed behind the mask is told now";
+    EXPECT_EQ(rig.told(), "[111:80]") << "CTS was not asked for";
+    EXPECT_EQ(rig.answer(sb(11, "\xFF")), "[111:ff][107:21]") << "what changed behind the mask is told now";
 }
 
 TEST(Rfc2217, LineStateComesAsTheMaskAsks) {
@@ -366,8 +205,7 @@ TEST(Rfc2217, LineStateComesAsTheMaskAsks) {
         rig.say(sb(10, mask));
         rig.takeRaw();
         rig.port.endWait(rig.port.mask & (SERIAL_EV_BREAK | SERIAL_EV_ERR | SERIAL_EV_TXEMPTY | SERIAL_EV_RXCHAR));
-        rig.pump();
-        EXPECT_EQ(decoded(rig.takeRaw()), told);
+        EXPECT_EQ(rig.told(), told);
     }
 }
 
@@ -376,44 +214,38 @@ TEST(Rfc2217, TheClientOutlivesTheModem) {
     rig.say(sb(5, "\x0C") + sb(1, "\0\0\x25\x80"s));
     rig.takeRaw();
     rig.port.unplug();
-    rig.pump();
-    EXPECT_EQ(decoded(rig.takeRaw()), "[107:03]") << "the lines drop";
-    rig.say("kept" + sb(2, "\7"));
-    EXPECT_EQ(decoded(rig.takeRaw()), "[102:07]");
+    EXPECT_EQ(rig.told(), "[107:03]") << "the lines drop";
+    EXPECT_EQ(rig.answer("kept" + sb(2, "\7")), "[102:07]");
 
     rig.port.present = true;
     rig.port.log.clear();
     rig.bridge.modemArrived(rig.now);
-    rig.say(sb(5, "\x0A"));
-    EXPECT_EQ(decoded(rig.takeRaw()).substr(0, 8), "[105:0c]");
+    EXPECT_EQ(rig.answer(sb(5, "\x0A")).substr(0, 8), "[105:0c]");
     rig.pump();
     EXPECT_EQ(rig.port.log, "<baud 9600><7N0><flow 1><+dtr><-rts>kept");
     rig.port.setModemLines(0x30);
     rig.port.feed("again");
-    rig.pump();
-    EXPECT_NE(decoded(rig.takeRaw()).find("again"), std::string::npos);
+    EXPECT_NE(rig.told().find("again"), std::string::npos);
     EXPECT_TRUE(rig.port.wait != nullptr) << "the lines are watched again";
 }
 
 TEST(Rfc2217, ARequestWaitsForBytesAheadOfItButNotForever) {
     Rig rig;
     rig.port.stalled = true;
-    rig.say("ahead" + sb(1, "\0\0\x25\x80"s) + "behind");
-    EXPECT_EQ(decoded(rig.takeRaw()), "");
+    EXPECT_EQ(rig.answer("ahead" + sb(1, "\0\0\x25\x80"s) + "behind"), "");
     rig.port.stalled = false;
     rig.port.serve();
-    rig.pump();
-    EXPECT_EQ(decoded(rig.takeRaw()), "[101:00002580]");
+    EXPECT_EQ(rig.told(), "[101:00002580]");
     EXPECT_EQ(rig.port.log, "ahead<baud 9600>behind");
 
     rig.port.log.clear();
     rig.port.stalled = true;
     rig.say("stuck" + sb(5, "\x09") + sb(5, "\7"));
     rig.pump(Bridge::orderLimitMs - 1);
-    EXPECT_EQ(decoded(rig.takeRaw()), "");
+    EXPECT_EQ(rig.told(), "");
     EXPECT_EQ(rig.bridge.deadlineMs(), rig.now + 1);
     rig.pump(1);
-    EXPECT_EQ(decoded(rig.takeRaw()), "[105:09][105:09]");
+    EXPECT_EQ(rig.told(), "[105:09][105:09]");
     rig.say(sb(12, "\2"));
     rig.port.stalled = false;
     rig.port.serve();
@@ -425,8 +257,7 @@ TEST(Rfc2217, APurgeReachesBytesThatFoundNoRoomInThePort) {
     Rig rig;
     rig.port.stalled = true;
     rig.say(std::string(Bridge::writeSlots * Bridge::writeBytes + 1000, 'x'));
-    rig.say("unread" + sb(12, "\2"));
-    EXPECT_EQ(decoded(rig.takeRaw()), "[112:02]");
+    EXPECT_EQ(rig.answer("unread" + sb(12, "\2")), "[112:02]");
     rig.port.stalled = false;
     rig.say("new");
     EXPECT_EQ(rig.port.log, "<purge 5>new");
@@ -439,10 +270,8 @@ TEST(Rfc2217, SuspendedClientsGetAnswersAndNoData) {
         ASSERT_LT(count, 100) << "the modem is not held back";
         rig.pump();
     }
-    rig.say(sb(1, "\0\0\0\0"s));
-    EXPECT_EQ(decoded(rig.takeRaw()), "[101:0001c200]");
-    rig.say(sb(9));
-    EXPECT_EQ(decoded(rig.takeRaw()).size(), Bridge::readSlots * 100);
+    EXPECT_EQ(rig.answer(sb(1, "\0\0\0\0"s)), "[101:0001c200]");
+    EXPECT_EQ(rig.answer(sb(9)).size(), Bridge::readSlots * 100);
 }
 
 // Random bytes both ways in random pieces, against a reader that stalls: none lost, none twice, 0xFF as one.
@@ -509,21 +338,4 @@ TEST(Rfc2217, HostileStreamsEndOrStayBounded) {
     }
     EXPECT_FALSE(rig.terminal.wantsBytes());
     EXPECT_LT(rig.terminal.output().size(), 8 * NetTerminal::outputLimit);
-}
-
-TEST(Rfc2217, ARawClientSteersNothing) {
-    SerialPort port;
-    NetTerminal terminal(NetProtocol::raw, "");
-    Bridge bridge(terminal, port);
-    bridge.terminalOpened(0);
-    bridge.pump(0);
-    EXPECT_EQ(port.log, "<purge 12><baud 115200><8N0><+dtr><+rts>");
-    port.log.clear();
-    std::string bytes = "\xFF\xFB\x2C"s + sb(5, "\x09");
-    terminal.receive(std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
-    bridge.pump(0);
-    EXPECT_EQ(port.log, bytes);
-    port.feed(bytes);
-    bridge.pump(0);
-    EXPECT_EQ(std::string(terminal.output().begin(), terminal.output().end()), bytes);
 }

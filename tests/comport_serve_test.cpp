@@ -1,10 +1,5 @@
 // The whole program in this process, on the real clock: what only a real terminal, a real socket or real threads show.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <termios.h>
-#include <unistd.h>
+#include <asio.hpp>
 
 #include <gtest/gtest.h>
 
@@ -20,22 +15,9 @@
 
 #include "comport/port_loop.h"
 #include "comport/server.h"
+#include "tests/terminal.h"
 
 namespace {
-
-// Waits for `answer`, at most 5 s.
-bool answered(int fd, const std::string& answer) {
-    std::string seen;
-    for (pollfd entry{fd, POLLIN, 0}; seen.find(answer) == std::string::npos;) {
-        char bytes[256];
-        if (poll(&entry, 1, 5000) <= 0) {
-            return false;
-        }
-        const ssize_t n = read(fd, bytes, sizeof bytes);
-        seen.append(bytes, n > 0 ? static_cast<std::size_t>(n) : 0);
-    }
-    return true;
-}
 
 // An application that opens the terminal in the moment its name appears.
 bool opensAtOnce(const std::string& link, const std::atomic<bool>& serving) {
@@ -47,11 +29,8 @@ bool opensAtOnce(const std::string& link, const std::atomic<bool>& serving) {
             break;
         }
     }
-    termios settings{};
-    tcgetattr(fd, &settings);
-    cfmakeraw(&settings);
-    tcsetattr(fd, TCSANOW, &settings);
-    const bool good = write(fd, "AT\r", 3) == 3 && answered(fd, "OK");
+    test::makeRaw(fd);
+    const bool good = write(fd, "AT\r", 3) == 3 && test::readUntil(fd, "OK", 5000).ends_with("OK");
     close(fd);
     return good;
 }
@@ -74,21 +53,6 @@ TEST(Serve, open_at_the_first_moment) {
     }
 }
 
-// A client of `url` on the loopback address that takes little unread; it never waits.
-int connected(const std::string& url) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int little = 65536;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
-    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    fcntl(fd, F_SETFL, O_NONBLOCK);
-    return fd;
-}
-
 bool ready(int fd, short events, int timeoutMs) {
     pollfd entry{fd, events, 0};
     return poll(&entry, 1, timeoutMs) > 0;
@@ -102,7 +66,15 @@ TEST(Serve, what_a_client_leaves_unread_comes_later) {
     options.modem = comport::DeviceKind::loopback;
     options.tcp = comport::NetAddress{};
     comport::Server server(options);
-    const int fd = connected(server.served().at(0)->urls().at(0));
+    const std::string url = server.served().at(0)->urls().at(0);
+    asio::io_context context;
+    asio::ip::tcp::socket client(context, asio::ip::tcp::v4());
+    // Takes little unread, and never waits.
+    client.set_option(asio::socket_base::receive_buffer_size(65536));
+    client.set_option(asio::socket_base::send_buffer_size(65536));
+    client.connect({asio::ip::address_v4::loopback(), static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1)))});
+    client.non_blocking(true);
+    const int fd = client.native_handle();
     std::vector<std::uint8_t> piece(16384);
     const auto byteAt = [](std::size_t at) { return static_cast<std::uint8_t>(at ^ at >> 8 ^ at >> 16); };
     std::size_t sent = 0, received = 0;
@@ -124,7 +96,7 @@ TEST(Serve, what_a_client_leaves_unread_comes_later) {
     }
     EXPECT_TRUE(same);
     EXPECT_EQ(received, sent);
-    close(fd);
+    client.close();
     EXPECT_TRUE(server.stop().empty());
 }
 

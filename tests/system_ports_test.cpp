@@ -8,7 +8,6 @@
 namespace {
 
 using test::Pending;
-using test::RigOptions;
 using test::ScriptedDevice;
 using test::TestRig;
 
@@ -99,10 +98,7 @@ struct Victim {
 };
 
 void everyoneElseCarriesOn(const Hostile& hostile, std::uint64_t seed) {
-    RigOptions options;
-    options.seed = seed;
-    options.plug = false;
-    TestRig rig(options);
+    TestRig rig({.seed = seed, .plug = false});
     for (unsigned i = 0; i < goodPorts; ++i) rig.plug(echoing(), std::to_string(1000 + i));
     rig.run(500);
     auto ill = std::make_unique<ScriptedDevice>();

@@ -6,30 +6,11 @@ import termios
 from served import Stream, ctl, echoes, open_terminal, payload, require, status, until
 
 FILE = sys.argv[1]
-FLAG, ESCAPE = 0x7E, 0x7D
 
-
-def fcs(data):
-    """RFC 1662, bit by bit."""
-    value = 0xFFFF
-    for byte in data:
-        value ^= byte
-        for _ in range(8):
-            value = value >> 1 ^ (0x8408 if value & 1 else 0)
-    return (value ^ 0xFFFF).to_bytes(2, "little")
-
-
-def framed(frame):
-    """A PPP frame as an asynchronous line carries it, every control character escaped."""
-    escaped = bytearray()
-    for byte in frame + fcs(frame):
-        escaped += bytes([ESCAPE, byte ^ 0x20]) if byte < 0x20 or byte in (FLAG, ESCAPE) else bytes([byte])
-    return bytes([FLAG]) + bytes(escaped) + bytes([FLAG])
-
-
-def configure_request(number):
-    """LCP, without an option."""
-    return bytes([0xFF, 0x03, 0xC0, 0x21, 1, number, 0, 4])
+# LCP without an option, as an asynchronous line carries it: every control character escaped, the FCS of RFC 1662 behind.
+REQUEST_1 = bytes.fromhex("7e ff 7d23 c021 7d21 7d21 7d20 7d24 d1b5 7e")
+REQUEST_77 = bytes.fromhex("7e ff 7d23 c021 7d21 4d 7d20 7d24 7d24 7d36 7e")
+ACKNOWLEDGED_77 = bytes.fromhex("7e ff 7d23 c021 7d22 4d 7d20 7d24 c933 7e")
 
 
 def main():
@@ -43,12 +24,11 @@ def main():
     ctl("drop")
     require(stream.expect(b"NO CARRIER"), "the call is over")
     require(stream.ask(b"ATD*99#", b"CONNECT"), "the access server answers")
-    stream.exchange(framed(configure_request(1)), 0)
+    stream.exchange(REQUEST_1, 0)
     require(until(lambda: status()["ppp"]["state"] == "framing"), "the call is framed")
     require(status()["captureDevice"] == 1, "status tells the device's number in the capture")
-    stream.exchange(framed(configure_request(77)), 0)
-    acknowledged = bytes([0xFF, 0x03, 0xC0, 0x21, 2, 77, 0, 4])
-    require(stream.expect(framed(acknowledged)), "a framed request is acknowledged")
+    stream.exchange(REQUEST_77, 0)
+    require(stream.expect(ACKNOWLEDGED_77), "a framed request is acknowledged")
     ctl("drop")
     require(stream.expect(b"NO CARRIER"), "the call is over")
     size = os.path.getsize(FILE)

@@ -20,12 +20,6 @@ def wrong_orders():
     for words, code, text in (
         (("ctl",), 2, "order"),
         (("ctl", "jump"), 2, "'jump'"),
-        (("ctl", "line", "dcd"), 2, "usage: comport ctl line"),
-        (("ctl", "line", "dtr", "on"), 2, "'dtr'"),
-        (("ctl", "line", "dcd", "up"), 2, "'up'"),
-        (("ctl", "error", "ring"), 2, "'ring'"),
-        (("ctl", "ring", "0"), 2, "'0'"),
-        (("ctl", "trace", "x"), 2, "'x'"),
         (("ctl", "--port", "COM99", "break"), 1, "COM99"),
         (("status", "COM99"), 1, "COM99"),
         (("list", "--control", os.path.join(DIRECTORY, "nothing")), 1, "comport serve"),
@@ -63,12 +57,9 @@ def listing():
     name = port["name"]
     require(code == 0 and not port["open"] and port["pluggedIn"] and port["state"] == "started", f"list --json shows {name}")
     code, output, _ = comport("list")
-    titles, row = output.splitlines()
-    require(titles.split() == ["PORT", "MODEM", "STATE", "OPEN", "TERMINAL", "NETWORK", "DEVICE"] and
-            row.split()[:5] == [name, "modem", "started", "no", LINK], f"list: {row}")
+    require(code == 0 and [name, "modem", "started", "no", LINK] == output.splitlines()[1].split()[:5], f"list: {output}")
     require(comport("status", name.lower(), "--json")[0] == 0, "status of a port by its name, in any case")
     require(status()["port"] is None, "a closed port has no settings, lines and queues")
-    require("not open" in comport("status")[1], "status says so")
 
 
 def open_port():
@@ -89,9 +80,6 @@ def settings(port):
     require(now["port"]["settings"] == asked and now["modemSide"]["settings"] == asked, "status shows both sides' settings")
     require(now["port"]["lines"] == {"DTR": True, "RTS": False, "CTS": True, "DSR": True, "RI": False, "DCD": False} and
             now["modemSide"]["DTR"] and not now["modemSide"]["RTS"], "and lines")
-    table = comport("status")[1]
-    for text in ("started, open, modem", "9600 8E2", "CTS DSR DTR", "bytes in"):
-        require(text in table, f"the table shows {text!r}")
     port.rts = True
 
 
@@ -103,10 +91,6 @@ def lines(port):
             now = {"level": level, "held": order != "auto"}
             require(until(lambda: seen() == level) and until(lambda: status()["modemSide"]["lines"][name.upper()] == now),
                     f"line {name} {order}: the application sees it {'up' if level else 'down'}")
-    ctl("line", "dcd", "on")
-    require(until(lambda: "(held: DCD)" in comport("status")[1]), "the table shows what is held")
-    ctl("line", "dcd", "auto")
-
     ctl("line", "hold", "on")
     port.write(b"AT\r")
     require(until(lambda: status()["port"]["queues"]["out"] == 3), "line hold on: bytes wait in the port")

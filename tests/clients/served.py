@@ -96,7 +96,7 @@ class Stream:
         self.writes = reads if writes is None else writes
         os.set_blocking(self.reads, False)
         os.set_blocking(self.writes, False)
-        self.seen = b""
+        self.seen = bytearray()
 
     def exchange(self, data, size=None):
         """Sends the data while it reads `size` bytes (as many, when not given); returns what came."""

@@ -6,11 +6,8 @@
 #include "tests/libusb/usb_tree.h"
 #include "tests/support/scripted_device.h"
 #include "tests/system_port.h"
+#include "tests/terminal.h"
 #include "usb/libusb_backend.h"
-
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -26,14 +23,6 @@ namespace {
 using Calls = std::vector<std::string>;
 
 struct Machine {
-    explicit Machine(bool driver = false) : rig([driver] {
-        RigOptions options;
-        options.mode = nt::Mode::real;
-        options.plug = false;
-        options.loadDriver = driver;
-        return options;
-    }()) {}
-
     // The scripted device of a node, reached through `with`.
     UsbDeviceNode& plug(const SocketOptions& options = {}, const std::u16string& serial = u"0001", std::uint16_t product = 1,
                         std::uint8_t functionClass = 2) {
@@ -49,9 +38,16 @@ struct Machine {
         return node.inside().withDevice([&](usb::Device& d) { return body(static_cast<ScriptedDevice&>(d)); });
     }
 
-    TestRig rig;
+    TestRig rig{{.mode = nt::Mode::real, .loadDriver = false, .plug = false}};
     std::vector<std::unique_ptr<UsbDeviceNode>> nodes;  // gone before the executive is
 };
+
+// Within ten seconds.
+bool happens(KEVENT& event) {
+    LARGE_INTEGER time;
+    time.QuadPart = -100'000'000;
+    return KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &time) == STATUS_SUCCESS;
+}
 
 // A transfer with its memory and its end.
 struct Move {
@@ -75,11 +71,7 @@ struct Move {
         setup.length = static_cast<std::uint16_t>(transfer.length);
         transfer.setup = setup;
     }
-    bool over(std::int64_t ms = 10'000) {
-        LARGE_INTEGER time;
-        time.QuadPart = -ms * 10'000;
-        return KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, &time) == STATUS_SUCCESS;
-    }
+    bool over() { return happens(ended); }
     TransferStatus status() {
         EXPECT_TRUE(over()) << "it never ends";
         EXPECT_EQ(completions, 1u);
@@ -126,8 +118,8 @@ public:
         submit(move);
         return move.status();
     }
-    bool hasLeft() { return wait(left_); }
-    bool hasCome() { return wait(came_); }
+    bool hasLeft() { return happens(left_); }
+    bool hasCome() { return happens(came_); }
     void gone() override {
         ++goneCalls;
         KeSetEvent(&left_, 0, FALSE);
@@ -138,11 +130,6 @@ public:
     std::atomic<unsigned> goneCalls{0}, losses{0};
 
 private:
-    static bool wait(KEVENT& event) {
-        LARGE_INTEGER time;
-        time.QuadPart = -100'000'000;
-        return KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &time) == STATUS_SUCCESS;
-    }
     KEVENT left_, came_;
 };
 
@@ -182,7 +169,8 @@ TEST(LibusbDevices, TheRightOneIsChosenAndNoneTwice) {
         {{"auto", "auto", "auto", "auto", "auto"}, "", "every CDC-ACM device that is plugged in is another port's"},
         {{"1209:0009"}, "", "1209:0009 is not plugged in"},
         {{"1209:0001:0009"}, "", "1209:0001:0009 is not plugged in"},
-        {{"1209:0005:0001"}, "", "there is no permission to use 1209:0005 at 1-5"},
+        {{"1209:0005:0001"}, "", "there is no permission to use 1209:0005 at 1-5: "},
+        {{"1209:0005:0001"}, "", " which the udev rule 70-comport.rules takes care of"},
     };
     for (const Case& c : cases) {
         std::vector<std::unique_ptr<Host>> hosts;
@@ -191,7 +179,7 @@ TEST(LibusbDevices, TheRightOneIsChosenAndNoneTwice) {
             EXPECT_EQ(hosts.back()->backend.find(), *c.key != '\0' || hosts.size() < c.selectors.size()) << selector;
         }
         EXPECT_EQ(hosts.back()->backend.instanceId(), c.key);
-        EXPECT_TRUE(hosts.back()->backend.error().starts_with(c.error)) << hosts.back()->backend.error();
+        EXPECT_NE(hosts.back()->backend.error().find(c.error), std::string::npos) << hosts.back()->backend.error();
     }
     // "auto" leaves alone what another port is to have, found already or not.
     Host any, byNumber("1209:0001"), bySerial("1209:0002:0001");
@@ -213,11 +201,6 @@ TEST(LibusbDevices, WhyADeviceCannotBeHadIsSaid) {
     EXPECT_TRUE(host.hasCome()) << "nobody told of its arrival";
     EXPECT_FALSE(host.start());
     EXPECT_EQ(host.backend.error(), "it is in use by another program");
-    Host forbidden("1209:0005");
-    m.plug({.socket = "1-5", .permitted = false}, u"0001", 5);
-    EXPECT_FALSE(forbidden.start());
-    const std::string why = forbidden.backend.error();
-    EXPECT_TRUE(why.find("the udev rule 70-comport.rules") != std::string::npos) << why;
     EXPECT_EQ(m.nodes[0]->calls(), (Calls{"claim 0"}));
 }
 
@@ -293,29 +276,26 @@ TEST(LibusbBackend, TransfersOfEveryKindMoveWhatTheyShould) {
 
 TEST(LibusbBackend, WhatTheKernelReportsIsToldAsOtherBackendsDo) {
     Machine m;
-    const std::pair<int, TransferStatus> cases[] = {
-        {EPIPE, TransferStatus::stalled}, {EOVERFLOW, TransferStatus::overrun}, {EPROTO, TransferStatus::failed},
-        {EILSEQ, TransferStatus::failed}, {ETIME, TransferStatus::failed},      {ESHUTDOWN, TransferStatus::gone},
+    const struct {
+        void (UsbDeviceNode::*answer)(int error);
+        int error;
+        TransferStatus status;
+    } cases[] = {
+        {&UsbDeviceNode::endNext, EPIPE, TransferStatus::stalled},     {&UsbDeviceNode::endNext, EOVERFLOW, TransferStatus::overrun},
+        {&UsbDeviceNode::endNext, EPROTO, TransferStatus::failed},     {&UsbDeviceNode::endNext, EILSEQ, TransferStatus::failed},
+        {&UsbDeviceNode::endNext, ETIME, TransferStatus::failed},      {&UsbDeviceNode::endNext, ESHUTDOWN, TransferStatus::gone},
+        {&UsbDeviceNode::refuseNext, ENOMEM, TransferStatus::failed},  {&UsbDeviceNode::refuseNext, EBUSY, TransferStatus::failed},
+        {&UsbDeviceNode::refuseNext, ENODEV, TransferStatus::gone},
     };
-    const std::pair<int, TransferStatus> refusals[] = {
-        {ENOMEM, TransferStatus::failed}, {EBUSY, TransferStatus::failed}, {ENODEV, TransferStatus::gone}};
     UsbDeviceNode& node = m.plug();
     Host host;
-    const auto check = [&](int error, TransferStatus status) {
+    for (const auto& [answer, error, status] : cases) {
+        ASSERT_TRUE(host.start());
+        (node.*answer)(error);
         EXPECT_EQ(host.run(bulkIn()), status) << error;
         // Only a device that has left is given up.
         EXPECT_EQ(host.run(bulkOut("next")), status == TransferStatus::gone ? status : TransferStatus::ok) << error;
         host.backend.stop();
-    };
-    for (const auto& [error, status] : cases) {
-        ASSERT_TRUE(host.start());
-        node.endNext(error);
-        check(error, status);
-    }
-    for (const auto& [error, status] : refusals) {
-        ASSERT_TRUE(host.start());
-        node.refuseNext(error);
-        check(error, status);
     }
 }
 
@@ -392,7 +372,7 @@ TEST(LibusbBackend, ACancelNeedNotWaitForTheKernel) {
     EXPECT_EQ(behind.status(), TransferStatus::cancelled);
     host.backend.cancel(&clear.transfer);
     EXPECT_EQ(clear.status(), TransferStatus::cancelled);
-    EXPECT_FALSE(third.over(0));
+    EXPECT_EQ(KeReadStateEvent(&third.ended), 0);
     // The kernel gives up, and what waited goes on.
     node.giveUp();
     EXPECT_EQ(third.status(), TransferStatus::ok);
@@ -467,43 +447,6 @@ TEST(LibusbBackend, AResetKeepsTheConfigurationOrTheDeviceHasLeft) {
     EXPECT_EQ(host.backend.error(), "it did not come back from a reset");
 }
 
-TEST(LibusbPort, AModemInASocketIsAComPortThatSurvivesItsUnplugging) {
-    Machine m(true);
-    Machine::with(m.plug(), [](ScriptedDevice& d) { d.echo = true; });
-    const auto backend = std::make_shared<usb::LibusbBackend>(*parseSelector("auto"));
-    ASSERT_TRUE(backend->find());
-    const usb::PortNumber port = m.rig.bus().plug(backend, backend->instanceId());
-    ASSERT_NE(port, 0u);
-    m.rig.settle();
-    const auto comName = [&] {
-        for (const auto& device : m.rig.executive().devices()) {
-            const bool ours = device.instancePath == "USB\\VID_1209&PID_0001\\libusb&1-2";
-            if (ours && device.state == nt::DeviceState::started) return device.portName;
-        }
-        return std::string();
-    };
-    const std::string com = comName();
-    nt::File file;
-    const auto open = [&] { return m.rig.until([&] { return NT_SUCCESS(file.open("\\DosDevices\\" + com)); }); };
-    ASSERT_TRUE(open());
-    const std::string text = noise(200'000);
-    EXPECT_TRUE(echoed(file, text) == text);
-    m.nodes[0]->unplug();
-    EXPECT_TRUE(m.rig.until([&] { return comName().empty(); })) << "the driver did not hear of it";
-    file.close();
-    m.rig.settle();
-    EXPECT_FALSE(m.rig.bus().replug(port));
-    Machine::with(m.plug(), [](ScriptedDevice& d) { d.echo = true; });
-    ASSERT_TRUE(m.rig.bus().replug(port));
-    m.rig.settle();
-    EXPECT_EQ(comName(), com);
-    ASSERT_TRUE(open());
-    EXPECT_TRUE(echoed(file, text) == text);
-    file.close();
-    m.rig.bus().unplug(port);
-    EXPECT_EQ(m.nodes[1]->driver(0), "cdc_acm");
-}
-
 TEST(LibusbPort, TheProgramWaitsForItsDeviceAndForItsReturn) {
     comport::Options options;
     options.registryFile = "";
@@ -522,20 +465,21 @@ TEST(LibusbPort, TheProgramWaitsForItsDeviceAndForItsReturn) {
     ASSERT_EQ(served.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(served.get(), "COM3");
     const int terminal = open(link.c_str(), O_RDWR | O_NOCTTY);
+    makeRaw(terminal);
     // What is written while the modem is away may be lost.
     const auto answers = [&] {
-        std::string seen;
-        for (int tries = 0; seen.find("OK") == std::string::npos && tries < 40; ++tries) {
+        for (int tries = 0; tries < 40; ++tries) {
             EXPECT_EQ(write(terminal, "AT\r", 3), 3);
-            for (pollfd entry{terminal, POLLIN, 0}; seen.find("OK") == std::string::npos && poll(&entry, 1, 250) > 0;) {
-                char bytes[256];
-                const ssize_t count = read(terminal, bytes, sizeof bytes);
-                seen.append(bytes, count > 0 ? static_cast<std::size_t>(count) : 0);
-            }
+            if (readUntil(terminal, "OK", 250).ends_with("OK")) return true;
         }
-        return seen.find("OK") != std::string::npos;
+        return false;
     };
     EXPECT_TRUE(answers());
+    // As many bytes as the number says come through whole.
+    std::string poured;
+    for (unsigned i = 0; i < 200'000; ++i) poured += static_cast<char>(i * 31 + i / 256);
+    EXPECT_EQ(write(terminal, "ATD101*200000\r", 14), 14);
+    EXPECT_TRUE(readUntil(terminal, "NO CARRIER", 10'000).find("CONNECT 115200\r\n" + poured) != std::string::npos);
     // What arrives elsewhere does not concern it.
     UsbDeviceNode third(std::make_unique<modem::Loopback>(), {.socket = "1-3"});
     EXPECT_TRUE(answers());

@@ -1,9 +1,8 @@
 #include "tests/libusb/usb_tree.h"
 
-#include <fcntl.h>
+#include "tests/terminal.h"
+
 #include <sys/ioctl.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <linux/usbdevice_fs.h>
 #include <umockdev.h>
@@ -42,18 +41,12 @@ UMockdevTestbed* testbed() {
 
 int errnoOf(usb::TransferStatus status) {
     switch (status) {
-    case usb::TransferStatus::ok:
-        return 0;
-    case usb::TransferStatus::stalled:
-        return EPIPE;
-    case usb::TransferStatus::cancelled:
-        return ENOENT;
-    case usb::TransferStatus::gone:
-        return ESHUTDOWN;
-    case usb::TransferStatus::overrun:
-        return EOVERFLOW;
-    default:
-        return EPROTO;
+    case usb::TransferStatus::ok: return 0;
+    case usb::TransferStatus::stalled: return EPIPE;
+    case usb::TransferStatus::cancelled: return ENOENT;
+    case usb::TransferStatus::gone: return ESHUTDOWN;
+    case usb::TransferStatus::overrun: return EOVERFLOW;
+    default: return EPROTO;
     }
 }
 
@@ -92,10 +85,7 @@ void UsbDeviceNode::addToTree() {
     unlockpt(master_);
     std::string target = ptsname(master_);
     slave_ = open(target.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    termios raw{};
-    tcgetattr(slave_, &raw);
-    cfmakeraw(&raw);
-    tcsetattr(slave_, TCSANOW, &raw);
+    makeRaw(slave_);
     showReady();
     // Nobody, not even root, may write to this.
     if (!options_.permitted) target = "/proc/sys/kernel/ostype";
@@ -207,16 +197,11 @@ UsbDeviceNode::Answer UsbDeviceNode::carryOut(unsigned long request, void* argum
         *static_cast<std::uint32_t*>(argument) = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
                                                  USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
         return {};
-    case USBDEVFS_SUBMITURB:
-        return submit(*static_cast<usbdevfs_urb*>(argument));
-    case USBDEVFS_DISCARDURB:
-        return discard(argument);
-    case USBDEVFS_GETDRIVER:
-        return driverName(argument);
-    case USBDEVFS_IOCTL:
-        return driverCall(argument);
-    case USBDEVFS_CLAIMINTERFACE:
-        return claim(*static_cast<unsigned*>(argument));
+    case USBDEVFS_SUBMITURB: return submit(*static_cast<usbdevfs_urb*>(argument));
+    case USBDEVFS_DISCARDURB: return discard(argument);
+    case USBDEVFS_GETDRIVER: return driverName(argument);
+    case USBDEVFS_IOCTL: return driverCall(argument);
+    case USBDEVFS_CLAIMINTERFACE: return claim(*static_cast<unsigned*>(argument));
     case USBDEVFS_RELEASEINTERFACE: {
         const unsigned interface = *static_cast<unsigned*>(argument);
         note("release " + std::to_string(interface));
@@ -227,20 +212,13 @@ UsbDeviceNode::Answer UsbDeviceNode::carryOut(unsigned long request, void* argum
     case USBDEVFS_SETCONFIGURATION:
         note("configure " + std::to_string(*static_cast<int*>(argument)));
         return configure(*static_cast<unsigned*>(argument));
-    case USBDEVFS_SETINTERFACE: {
-        const auto& set = *static_cast<usbdevfs_setinterface*>(argument);
-        note("setting " + std::to_string(set.interface) + " " + std::to_string(set.altsetting));
-        return control(0x01, usb::requestSetInterface, static_cast<std::uint16_t>(set.altsetting),
-                       static_cast<std::uint16_t>(set.interface));
-    }
     case USBDEVFS_CLEAR_HALT:
         note("clear " + std::to_string(*static_cast<unsigned*>(argument)));
         return control(0x02, usb::requestClearFeature, 0, static_cast<std::uint16_t>(*static_cast<unsigned*>(argument)));
     case USBDEVFS_RESET:
         note("reset");
         return reset();
-    default:
-        return {0, ENOTTY};
+    default: return {0, ENOTTY};
     }
 }
 
