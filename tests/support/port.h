@@ -61,7 +61,7 @@ struct Pending {
     NTSTATUS read(nt::File& file) { return file.read(on(file), buffer.data(), static_cast<ULONG>(buffer.size())); }
     NTSTATUS write(nt::File& file) { return file.write(on(file), buffer.data(), static_cast<ULONG>(buffer.size())); }
     bool done() const { return completions != 0; }
-    NTSTATUS status() const { return request.status(); }
+    NTSTATUS status() const { return done() ? request.status() : STATUS_PENDING; }
     ULONG information() const { return static_cast<ULONG>(request.information()); }
     std::string text() const { return buffer.substr(0, information()); }
 
