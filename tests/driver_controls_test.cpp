@@ -1,16 +1,18 @@
 // Every control of the port: at every buffer length, by every code around them, in every state of the port. A control that is
 // refused changes nothing, one that is served changes what it is for.
+#include "tests/explorer/controls.h"
 #include "tests/support/kernel_request.h"
 
 #include "kernel/faults.h"
 
-#include <array>
 #include <cstdio>
 #include <map>
 #include <set>
 
 namespace {
 
+using explorer::Control;
+using explorer::Effect;
 using test::Bytes;
 using test::KernelRequest;
 using test::OpenPort;
@@ -32,49 +34,40 @@ enum class State { open, closed, stopped, removed };
 constexpr State states[] = {State::open, State::closed, State::stopped, State::removed};
 constexpr const char* stateNames[] = {"open", "closed", "stopped", "removed"};
 
-struct Control {
-    ULONG code, in, out;
-    bool asksDevice = false;
-    std::string input{};           // different from the defaults
-    std::vector<ULONG> changes{};  // which of the settings shown may
+// A value unlike the default of a control that stores one, and the controls that may show another then.
+struct Change {
+    std::string input;
+    std::vector<ULONG> shownBy;
+};
+const std::map<ULONG, Change> changes = {
+    {IOCTL_SERIAL_SET_BAUD_RATE, {packed(ULONG{0xFFFFFFFF}), {IOCTL_SERIAL_GET_BAUD_RATE}}},
+    {IOCTL_SERIAL_SET_QUEUE_SIZE, {packed(SERIAL_QUEUE_SIZE{5000, 6000}), {IOCTL_SERIAL_GET_PROPERTIES}}},
+    {IOCTL_SERIAL_SET_LINE_CONTROL, {packed(SERIAL_LINE_CONTROL{0xFF, 0x80, 0x77}), {IOCTL_SERIAL_GET_LINE_CONTROL}}},
+    {IOCTL_SERIAL_SET_TIMEOUTS,
+     {packed(SERIAL_TIMEOUTS{MAXULONG, 0, 0, 4, 5}), {IOCTL_SERIAL_GET_TIMEOUTS, IOCTL_SERIAL_GET_COMMSTATUS}}},
+    {IOCTL_SERIAL_SET_DTR, {{}, {IOCTL_SERIAL_GET_DTRRTS}}},
+    {IOCTL_SERIAL_CLR_DTR, {{}, {IOCTL_SERIAL_GET_DTRRTS}}},
+    {IOCTL_SERIAL_SET_RTS, {{}, {IOCTL_SERIAL_GET_DTRRTS}}},
+    {IOCTL_SERIAL_CLR_RTS, {{}, {IOCTL_SERIAL_GET_DTRRTS}}},
+    {IOCTL_SERIAL_SET_WAIT_MASK, {packed(ULONG{0xFFFFFFFE}), {IOCTL_SERIAL_GET_WAIT_MASK}}},
+    {IOCTL_SERIAL_PURGE, {packed(ULONG{0xFFFFFFFF}), {}}},
+    {IOCTL_SERIAL_SET_CHARS, {"abcdef", {IOCTL_SERIAL_GET_CHARS}}},
+    {IOCTL_SERIAL_SET_HANDFLOW, {packed(SERIAL_HANDFLOW{MAXULONG, 0x80000001, -1, 7}), {IOCTL_SERIAL_GET_HANDFLOW}}},
+    {IOCTL_SERIAL_CLEAR_STATS, {{}, {IOCTL_SERIAL_GET_STATS}}},
 };
 
-// Beside these there is the immediate character. A wait is refused as long as there is no mask.
-const std::vector<Control> controls = {
-    {IOCTL_SERIAL_WAIT_ON_MASK, 0, 4},
-    {IOCTL_SERIAL_SET_BAUD_RATE, 4, 0, true, packed(ULONG{0xFFFFFFFF}), {IOCTL_SERIAL_GET_BAUD_RATE}},
-    {IOCTL_SERIAL_SET_QUEUE_SIZE, 8, 0, false, packed(SERIAL_QUEUE_SIZE{5000, 6000}), {IOCTL_SERIAL_GET_PROPERTIES}},
-    {IOCTL_SERIAL_SET_LINE_CONTROL, 3, 0, true, packed(SERIAL_LINE_CONTROL{0xFF, 0x80, 0x77}), {IOCTL_SERIAL_GET_LINE_CONTROL}},
-    {IOCTL_SERIAL_SET_BREAK_ON, 0, 0, true},
-    {IOCTL_SERIAL_SET_BREAK_OFF, 0, 0, true},
-    {IOCTL_SERIAL_SET_TIMEOUTS, 20, 0, false, packed(SERIAL_TIMEOUTS{MAXULONG, 0, 0, 4, 5}),
-     {IOCTL_SERIAL_GET_TIMEOUTS, IOCTL_SERIAL_GET_COMMSTATUS}},
-    {IOCTL_SERIAL_GET_TIMEOUTS, 0, 20},
-    {IOCTL_SERIAL_SET_DTR, 0, 0, true, {}, {IOCTL_SERIAL_GET_DTRRTS}},
-    {IOCTL_SERIAL_CLR_DTR, 0, 0, true, {}, {IOCTL_SERIAL_GET_DTRRTS}},
-    {IOCTL_SERIAL_RESET_DEVICE, 0, 0},
-    {IOCTL_SERIAL_SET_RTS, 0, 0, true, {}, {IOCTL_SERIAL_GET_DTRRTS}},
-    {IOCTL_SERIAL_CLR_RTS, 0, 0, true, {}, {IOCTL_SERIAL_GET_DTRRTS}},
-    {IOCTL_SERIAL_SET_XOFF, 0, 0},
-    {IOCTL_SERIAL_SET_XON, 0, 0},
-    {IOCTL_SERIAL_GET_WAIT_MASK, 0, 4},
-    {IOCTL_SERIAL_SET_WAIT_MASK, 4, 0, false, packed(ULONG{0xFFFFFFFE}), {IOCTL_SERIAL_GET_WAIT_MASK}},
-    {IOCTL_SERIAL_PURGE, 4, 0, false, packed(ULONG{0xFFFFFFFF})},
-    {IOCTL_SERIAL_GET_BAUD_RATE, 0, 4},
-    {IOCTL_SERIAL_GET_LINE_CONTROL, 0, 3},
-    {IOCTL_SERIAL_GET_CHARS, 0, 6},
-    {IOCTL_SERIAL_SET_CHARS, 6, 0, false, "abcdef", {IOCTL_SERIAL_GET_CHARS}},
-    {IOCTL_SERIAL_GET_HANDFLOW, 0, 16},
-    {IOCTL_SERIAL_SET_HANDFLOW, 16, 0, false, packed(SERIAL_HANDFLOW{MAXULONG, 0x80000001, -1, 7}), {IOCTL_SERIAL_GET_HANDFLOW}},
-    {IOCTL_SERIAL_GET_MODEMSTATUS, 0, 4},
-    {IOCTL_SERIAL_GET_COMMSTATUS, 0, 20},
-    {IOCTL_SERIAL_GET_PROPERTIES, 0, 64},
-    {IOCTL_SERIAL_GET_DTRRTS, 0, 4},
-    {IOCTL_SERIAL_CONFIG_SIZE, 0, 4},
-    {IOCTL_SERIAL_GET_STATS, 0, 24},
-    {IOCTL_SERIAL_CLEAR_STATS, 0, 0, false, {}, {IOCTL_SERIAL_GET_STATS}},
-};
+// The controls of the port but the immediate character, which is a write. First the wait, as long as there is no mask to wait on.
+std::vector<Control> portControls() {
+    std::vector<Control> all;
+    std::copy_if(explorer::controls, explorer::controls + explorer::controlCount, std::back_inserter(all), [](const Control& c) {
+        return !c.internal && c.effect != Effect::invalid && c.code != IOCTL_SERIAL_IMMEDIATE_CHAR;
+    });
+    std::stable_partition(all.begin(), all.end(), [](const Control& c) { return c.code == IOCTL_SERIAL_WAIT_ON_MASK; });
+    return all;
+}
+const std::vector<Control> controls = portControls();
 
+// What each control shows that only asks.
 // What each control shows that only asks.
 using Snapshot = std::map<ULONG, std::string>;
 using Result = std::pair<NTSTATUS, ULONG>;
@@ -110,8 +103,8 @@ struct Target {
     Snapshot snapshot() {
         Snapshot all;
         for (const Control& c : controls) {
-            if (c.out == 0 || c.code == IOCTL_SERIAL_WAIT_ON_MASK) continue;
-            EXPECT_EQ(request->run(external, c.code, {}, 0, c.out), (Result{STATUS_SUCCESS, c.out})) << std::hex << c.code;
+            if (c.output == 0 || c.code == IOCTL_SERIAL_WAIT_ON_MASK) continue;
+            EXPECT_EQ(request->run(external, c.code, {}, 0, c.output), (Result{STATUS_SUCCESS, c.output})) << c.name;
             all[c.code] = request->buffer();
         }
         return all;
@@ -149,34 +142,31 @@ void expectOnlyChanged(const Snapshot& before, const Snapshot& after, const std:
 
 // One control with these lengths; `before` is what the port showed, and gets what it shows now.
 void tryControl(Target& target, const Control& c, ULONG in, ULONG out, Snapshot& before) {
-    SCOPED_TRACE(testing::Message() << std::hex << c.code << std::dec << " in " << in << " out " << out);
+    SCOPED_TRACE(testing::Message() << c.name << " in " << in << " out " << out);
+    const Change change = changes.contains(c.code) ? changes.at(c.code) : Change{};
     target.port.rig.clearTrace();
-    const auto [status, information] = target.request->run(external, c.code, c.input, in, out);
-    const std::string left = target.request->buffer();
-    const bool served = in >= c.in && out >= c.out && c.code != IOCTL_SERIAL_WAIT_ON_MASK;
+    const auto [status, information] = target.request->run(external, c.code, change.input, in, out);
+    const bool served = in >= c.input && out >= c.output && c.code != IOCTL_SERIAL_WAIT_ON_MASK;
     if (!served) {
         EXPECT_EQ(status, STATUS_INVALID_PARAMETER);
-    } else if (c.asksDevice && target.state == State::removed) {
+    } else if (c.effect == Effect::device && target.state == State::removed) {
         EXPECT_EQ(status, STATUS_UNSUCCESSFUL);
     } else {
         // A stopped device has no configuration: the bus refuses.
-        EXPECT_EQ(NT_SUCCESS(status), !c.asksDevice || target.state != State::stopped);
+        EXPECT_EQ(NT_SUCCESS(status), c.effect != Effect::device || target.state != State::stopped);
     }
-    EXPECT_EQ(information, served ? c.out : 0);
-    if (in < c.in) {
-        EXPECT_TRUE(target.port.rig.traced(sizeTrace(c.code, "In", in, c.in)));
-    } else if (out < c.out) {
-        EXPECT_TRUE(target.port.rig.traced(sizeTrace(c.code, "Out", out, c.out)));
-    }
+    EXPECT_EQ(information, served ? c.output : 0);
+    EXPECT_EQ(target.port.rig.traced(sizeTrace(c.code, "In", in, c.input)), in < c.input);
+    EXPECT_EQ(target.port.rig.traced(sizeTrace(c.code, "Out", out, c.output)), in >= c.input && out < c.output);
     // Input and the room behind the answer are as they were.
-    for (std::size_t i = served ? c.out : 0; i < left.size(); ++i) {
-        EXPECT_EQ(static_cast<std::uint8_t>(left[i]),
-                  i < in && i < c.input.size() ? static_cast<std::uint8_t>(c.input[i]) : KernelRequest::fill) << i;
-    }
+    std::string untouched = change.input.substr(0, in);
+    untouched.resize(std::max(in, out), static_cast<char>(KernelRequest::fill));
+    const ULONG answer = served ? c.output : 0;
+    EXPECT_EQ(target.request->buffer().substr(answer), untouched.substr(answer));
     const Snapshot after = target.snapshot();
-    expectOnlyChanged(before, after, served ? c.changes : std::vector<ULONG>{});
-    if (served && c.in != 0 && !c.changes.empty() && after.at(c.changes[0]).size() == c.in) {
-        EXPECT_EQ(after.at(c.changes[0]), c.input);
+    expectOnlyChanged(before, after, served ? change.shownBy : std::vector<ULONG>{});
+    if (served && !change.input.empty() && !change.shownBy.empty() && after.at(change.shownBy[0]).size() == c.input) {
+        EXPECT_EQ(after.at(change.shownBy[0]), change.input);
     }
     before = after;
 }
@@ -186,8 +176,8 @@ TEST(DriverControls, every_control_at_every_length) {
         Target target(state);
         Snapshot now = target.snapshot();
         for (const auto& c : controls) {
-            for (ULONG in = 0; in <= c.in + 1; ++in) {
-                for (ULONG out = 0; out <= c.out + 1; ++out) tryControl(target, c, in, out, now);
+            for (ULONG in = 0; in <= c.input + 1; ++in) {
+                for (ULONG out = 0; out <= c.output + 1; ++out) tryControl(target, c, in, out, now);
             }
             if (testing::Test::HasFailure()) return;
         }
@@ -303,15 +293,14 @@ TEST(DriverControls, internal_controls) {
 TEST(DriverControls, restored_settings_take_effect_with_their_control) {
     Target target(State::open);
     OpenPort& port = target.port;
+    Pending read(10);
     port.send("kept");
     SERIAL_BASIC_SETTINGS immediate{};
     immediate.Timeouts.ReadIntervalTimeout = MAXULONG;
     immediate.RxFifo = immediate.TxFifo = 100;
     target.request->run(internal, IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, packed(immediate), sizeof(immediate), 0);
-    const auto status = port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS);
-    EXPECT_EQ(status.WaitForImmediate, 0);
-    EXPECT_EQ(status.AmountInInQueue, 4u);
-    Pending read(10);
+    EXPECT_EQ(port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).WaitForImmediate, 0);
+    EXPECT_EQ(port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInInQueue, 4u);
     EXPECT_EQ(port.read(read), STATUS_PENDING);
     port.rig.run(500);
     EXPECT_FALSE(read.done());
@@ -464,22 +453,6 @@ TEST(DriverControls, work_item_without_memory) {
     EXPECT_TRUE(port.rig.device([](ScriptedDevice& d) { return d.controls.empty(); }));
     EXPECT_EQ(port.set(IOCTL_SERIAL_SET_LINE_CONTROL, SERIAL_LINE_CONTROL{0, 0, 8}), STATUS_SUCCESS);
     EXPECT_EQ(port.rig.device([](ScriptedDevice& d) { return d.lineCoding[0] | d.lineCoding[1] << 8; }), 1200);
-}
-
-// Overlapped changes of one line reach the device in the order they were asked for.
-TEST(DriverControls, overlapped_line_controls_keep_their_order) {
-    for (const auto seed : test::seeds(40)) {
-        OpenPort port(test::seeded(seed));
-        port.rig.device([](ScriptedDevice& d) { d.controls.clear(); });
-        std::array<Pending, 12> all;
-        for (std::size_t i = 0; i < all.size(); ++i) {
-            EXPECT_EQ(port.control(all[i], i % 2 == 0 ? IOCTL_SERIAL_SET_BREAK_ON : IOCTL_SERIAL_SET_BREAK_OFF), STATUS_PENDING);
-        }
-        ASSERT_TRUE(port.rig.until([&] { return all.back().done(); }));
-        const auto seen = port.rig.device([](ScriptedDevice& d) { return d.controls; });
-        ASSERT_EQ(seen.size(), all.size());
-        for (std::size_t i = 0; i < seen.size(); ++i) ASSERT_EQ(seen[i].setup.value, i % 2 == 0 ? 0xFFFF : 0) << i;
-    }
 }
 
 // One byte of input is sent, whatever the lengths say; nothing of the buffer comes back.

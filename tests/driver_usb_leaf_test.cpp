@@ -2,16 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 #include "cdcacm/usbcfg.h"
 #include "tests/support/scripted_device.h"
 
 namespace {
 
 using test::Bytes;
-
-// ---- Descriptor walks
 
 TEST(DescriptorWalk, FindsAndEnds) {
     const Bytes whole = test::cdcConfiguration();
@@ -54,11 +50,10 @@ TEST(DescriptorWalk, FindsAndEnds) {
     EXPECT_EQ(endpoint({3, 5, 0x81, 7, 5, 0x81, 2, 64, 0, 0}, 2, 0x80), 0) << "an endpoint too short for its attributes";
     // Every cut of a good table, in a block of just its size: the address sanitizer watches the end.
     for (std::size_t length = 0; length < whole.size(); ++length) {
-        const std::unique_ptr<UCHAR[]> cut(new UCHAR[length]);
-        std::copy_n(whole.begin(), length, cut.get());
-        const UCHAR address = FindEndpointAddress(cut.get(), static_cast<ULONG>(length), 2, 0x80);
+        const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
+        const UCHAR address = endpoint(cut, 2, 0x80);
         EXPECT_TRUE(address == 0 || address == 0x81) << length;
-        GetInterfaceNumber(cut.get(), static_cast<ULONG>(length), 1);
+        interfaceNumber(cut, 1);
     }
 }
 
