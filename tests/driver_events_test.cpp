@@ -135,25 +135,24 @@ TEST(DriverEvents, special_characters) {
     const struct {
         SERIAL_CHARS chars;   // end of file, error, break, event, XON, XOFF
         std::string data;
-        ULONG events;
+        bool special;
     } cases[] = {
-        {{0, 0, 0, 0, 0, 0}, std::string("a\0b", 3), SERIAL_EV_RXCHAR},
-        {{0, 0, 0, '~', 0, 0}, "a~b~", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
-        {{0, 0, 0, '~', 0, 0}, "ab", SERIAL_EV_RXCHAR},
-        {{4, 0, 0, 0, 0, 0}, "a\4", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
-        {{0, 0xFE, 0, 0, 0, 0}, "\xFE", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
-        {{0, 0, 'b', 0, 'x', 'y'}, "bxy", SERIAL_EV_RXCHAR},
-        {{0, 0, 0, '~', 0, 0}, std::string("\0", 1), SERIAL_EV_RXCHAR},
+        {{0, 0, 0, 0, 0, 0}, std::string("a\0b", 3), false},
+        {{0, 0, 0, '~', 0, 0}, "a~b~", true},
+        {{0, 0, 0, '~', 0, 0}, std::string("a\0", 2), false},
+        {{4, 0, 0, 0, 0, 0}, "a\4", true},
+        {{0, 0xFE, 0, 0, 0, 0}, "\xFE", true},
+        {{0, 0, 'b', 0, 'x', 'y'}, "bxy", false},
     };
+    OpenPort port;
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.data);
-        OpenPort port;
         Pending wait;
         EXPECT_EQ(port.set(IOCTL_SERIAL_SET_CHARS, c.chars), STATUS_SUCCESS);
-        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG);
         port.wait(wait);
         port.send(c.data);
-        EXPECT_EQ(wait.value, c.events);
+        EXPECT_EQ(wait.value, SERIAL_EV_RXCHAR | (c.special ? ULONG{SERIAL_EV_RXFLAG} : 0));
     }
 }
 
@@ -219,22 +218,6 @@ TEST(DriverEvents, events_gather_until_somebody_asks) {
     EXPECT_EQ(port.wait(wait), STATUS_PENDING);
 }
 
-// Four bytes are written, however many there are.
-TEST(DriverEvents, value_is_four_bytes) {
-    OpenPort port;
-    KernelRequest wait(port.rig.executive().lookUp(dataDevice));
-    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
-    for (const ULONG room : {4, 5, 64}) {
-        wait.submit(IRP_MJ_DEVICE_CONTROL, IOCTL_SERIAL_WAIT_ON_MASK, {}, 0, room);
-        EXPECT_FALSE(wait.done());
-        port.send("x");
-        ASSERT_TRUE(wait.done());
-        EXPECT_EQ(wait.information(), 4u);
-        EXPECT_EQ(wait.value(), ULONG{SERIAL_EV_RXCHAR});
-        EXPECT_EQ(wait.buffer().substr(4), std::string(room - 4, static_cast<char>(KernelRequest::fill)));
-    }
-}
-
 // What ends a wait, and what may come between its cancellation and the end that has, 100 ms later.
 TEST(DriverEvents, ends_of_a_wait) {
     constexpr ULONG untouched = 0xFFFF;
@@ -283,7 +266,8 @@ TEST(DriverEvents, ends_of_a_wait) {
     }
 }
 
-// The same request again stays stored and ends once; cancelled on its way in, it is no longer the port's.
+// The same request again stays stored and ends once; cancelled on its way in, it is no longer the port's. Four bytes are written,
+// however many there are.
 TEST(DriverEvents, same_request_again) {
     for (const bool cancelled : {false, true}) {
         RigOptions options = traced(0x3);
@@ -292,7 +276,7 @@ TEST(DriverEvents, same_request_again) {
         port.rig.allowAssertions();
         KernelRequest wait(port.rig.executive().lookUp(dataDevice));
         port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
-        EXPECT_EQ(wait.submit(IRP_MJ_DEVICE_CONTROL, IOCTL_SERIAL_WAIT_ON_MASK, {}, 0, 4), STATUS_PENDING);
+        EXPECT_EQ(wait.submit(IRP_MJ_DEVICE_CONTROL, IOCTL_SERIAL_WAIT_ON_MASK, {}, 0, 64), STATUS_PENDING);
         if (cancelled) IoCancelIrp(wait.irp());
         EXPECT_EQ(wait.callAgain(), STATUS_PENDING);
         EXPECT_TRUE(port.rig.traced("Upper driver sends the same WaitIrp again\n"));
@@ -301,11 +285,9 @@ TEST(DriverEvents, same_request_again) {
         port.send("x");
         ASSERT_TRUE(wait.done());
         EXPECT_EQ(wait.status(), cancelled ? STATUS_CANCELLED : STATUS_SUCCESS);
-        if (cancelled) {
-            EXPECT_EQ(port.get(IOCTL_SERIAL_WAIT_ON_MASK), ULONG{SERIAL_EV_RXCHAR});
-        } else {
-            EXPECT_EQ(wait.value(), ULONG{SERIAL_EV_RXCHAR});
-        }
+        EXPECT_EQ(wait.information(), cancelled ? 0u : 4u);
+        EXPECT_EQ(cancelled ? port.get(IOCTL_SERIAL_WAIT_ON_MASK) : wait.value(), ULONG{SERIAL_EV_RXCHAR});
+        EXPECT_EQ(wait.buffer().substr(4), std::string(60, static_cast<char>(KernelRequest::fill)));
     }
 }
 
@@ -316,16 +298,16 @@ TEST(DriverEvents, waits_in_any_order) {
         std::array<Pending, 12> waits;
         port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
         std::vector<nt::Thread> threads;
-        threads.emplace_back("waiter", [&] {
-            for (std::size_t i = 0; i < waits.size(); i += 2) port.wait(waits[i]);
-        });
-        threads.emplace_back("other", [&] {
-            for (std::size_t i = 1; i < waits.size(); i += 2) {
-                port.wait(waits[i]);
-                test::spin(seed % 7);
-                port.file.cancel(waits[i].request);
-            }
-        });
+        for (const bool cancels : {false, true}) {
+            threads.emplace_back("waiter", [&, cancels] {
+                for (std::size_t i = cancels; i < waits.size(); i += 2) {
+                    port.wait(waits[i]);
+                    if (!cancels) continue;
+                    test::spin(seed % 7);
+                    port.file.cancel(waits[i].request);
+                }
+            });
+        }
         threads.emplace_back("masks", [&] {
             for (int i = 0; i < 4; ++i) {
                 test::spin(seed % 11);

@@ -75,24 +75,19 @@ TEST(TraceNumber, agreesWithPrintf) {
     for (int round = 0; round < 20000; ++round) {
         const auto value = static_cast<int>(random() >> (random() % 64));
         const int width = static_cast<int>(random() % 20);
-        const int precision = static_cast<int>(random() % 14) - 1;
+        int precision = static_cast<int>(random() % 13);
+        if (precision == 0) precision = -1;
         std::string directive = "%";
         ULONG flags = TRN_SIGNED;
-        const auto add = [&](bool wanted, char sign, ULONG flag) {
-            if (wanted) {
-                directive += sign;
-                flags |= flag;
-            }
-        };
-        add(random() % 2, '-', TRN_LEFT);
-        add(random() % 2, '+', TRN_PLUS);
-        add(random() % 2, ' ', TRN_SPACE);
-        add(precision < 0 && random() % 2, '0', TRN_ZERO);  // with a precision printf ignores the flag
+        for (const auto& [sign, flag] : {std::pair<char, ULONG>('-', TRN_LEFT), {'+', TRN_PLUS}, {' ', TRN_SPACE}, {'0', TRN_ZERO}}) {
+            if (random() % 2 || (sign == '0' && precision > 0)) continue;  // with a precision printf ignores the zero
+            directive += sign;
+            flags |= flag;
+        }
         directive += "*.*d";
-        char expected[80];
-        std::snprintf(expected, sizeof expected, directive.c_str(), width, precision < 1 ? -1 : precision, value);
-        char got[80];
-        *TraceNumber(got, got + sizeof got, static_cast<ULONGLONG>(value), 10, width, precision < 1 ? -1 : precision, flags) = 0;
+        char expected[80], got[80];
+        std::snprintf(expected, sizeof expected, directive.c_str(), width, precision, value);
+        *TraceNumber(got, got + sizeof got, static_cast<ULONGLONG>(value), 10, width, precision, flags) = 0;
         ASSERT_STREQ(got, expected) << directive << " seed " << kSeed;
     }
     char untouched = '#';
@@ -125,45 +120,32 @@ TEST_F(DriverLeaf, ringsBehaveAsQueues) {
         CIRC_BUF ring;
         ASSERT_TRUE(CircBufInit(&ring, capacity));
         std::deque<UCHAR> model;
-        bool full = false, empty = true;
         for (int step = 0; step < 20000; ++step) {
             std::vector<UCHAR> bytes(below(2 * capacity + 3));
             for (UCHAR& byte : bytes) byte = static_cast<UCHAR>(random());
             const auto length = static_cast<ULONG>(bytes.size());
             const auto room = static_cast<ULONG>(capacity - model.size());
-            switch (below(16)) {
-            case 0:
+            const ULONG action = below(16);
+            if (action == 0) {
                 CircBufReset(&ring);
                 model.clear();
-                full = false, empty = true;
-                break;
-            case 1: case 2: case 3: {
-                const bool fits = length <= room;
-                ASSERT_EQ(CircBufUnread(&ring, bytes.data(), length), fits);
-                if (fits && length > 0) {
-                    model.insert(model.begin(), bytes.begin(), bytes.end());
-                    full = model.size() == capacity, empty = false;
-                }
-                break;
-            }
-            case 4: case 5: case 6: case 7: case 8: case 9: {
+            } else if (action < 4) {
+                ASSERT_EQ(CircBufUnread(&ring, bytes.data(), length), length <= room);
+                if (length <= room) model.insert(model.begin(), bytes.begin(), bytes.end());
+            } else if (action < 10) {
                 const ULONG taken = std::min(length, room);
                 ASSERT_EQ(CircBufWrite(&ring, bytes.data(), length), taken);
                 model.insert(model.end(), bytes.begin(), bytes.begin() + taken);
-                if (length > 0) full = model.size() == capacity, empty = false;
-                break;
-            }
-            default: {
+            } else {
                 const ULONG given = std::min<ULONG>(length, static_cast<ULONG>(model.size()));
                 ASSERT_EQ(CircBufRead(&ring, bytes.data(), length), given);
                 ASSERT_TRUE(std::equal(bytes.begin(), bytes.begin() + given, model.begin()));
                 model.erase(model.begin(), model.begin() + given);
-                if (length > 0) full = false, empty = model.empty() || empty;
-            }
             }
             ASSERT_EQ(ring.Count, model.size());
-            ASSERT_EQ(ring.Full, full ? 1u : 0u);
-            ASSERT_EQ(ring.Empty, empty ? 1u : 0u);
+            if (capacity == 0) continue;  // both at once
+            ASSERT_EQ(ring.Full, model.size() == capacity ? 1u : 0u);
+            ASSERT_EQ(ring.Empty, model.empty() ? 1u : 0u);
         }
         CircBufFree(&ring);
     }

@@ -111,6 +111,7 @@ std::optional<usb::ControlReply> ScriptedDevice::standardControl(const usb::Setu
 
 usb::ControlReply ScriptedDevice::control(const usb::SetupPacket& setup, std::span<std::uint8_t> data) {
     controls.push_back({setup, setup.isIn() ? Bytes() : Bytes(data.begin(), data.end())});
+    if (stallControls) return usb::ControlReply::stall();
     if (onControl) {
         if (const auto reply = onControl(setup, data)) return *reply;
     }

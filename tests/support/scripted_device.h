@@ -56,6 +56,7 @@ public:
     std::function<std::optional<usb::ControlReply>(const usb::SetupPacket&, std::span<std::uint8_t>)> onControl;
     // The same for standard requests.
     std::function<std::optional<usb::ControlReply>(const usb::SetupPacket&, std::span<std::uint8_t>)> onStandard;
+    bool stallControls = false;            // every class and vendor request
     bool holdOut = false;                  // NAK every OUT transfer
     std::uint64_t outAllowance = ~0ull;    // bytes taken before the device NAKs
     unsigned stallOut = 0, stallIn = 0;    // how many of the next transfers on a bulk endpoint stall
