@@ -80,31 +80,6 @@ TEST(DriverRequests, fifty_sixth_request_is_refused) {
     EXPECT_EQ(reads[56].status(), STATUS_CANCELLED);
 }
 
-// Whoever wins, the read ends once, and what it did not report is still there for the next one.
-TEST(DriverRequests, cancel_races_with_data) {
-    unsigned cancelled = 0;
-    const auto all = test::seeds(60);
-    for (const auto seed : all) {
-        OpenPort port(seeded(seed));
-        Pending read(4), next(4);
-        port.read(read);
-        nt::Thread canceller("canceller", [&] { port.file.cancel(read.request); });
-        port.rig.device([](ScriptedDevice& d) { d.sendBulk("data"); });
-        canceller.join();
-        port.rig.run(10);
-        ASSERT_EQ(read.completions, 1u);
-        if (read.status() == STATUS_CANCELLED && read.information() == 0) {
-            ++cancelled;
-            port.read(next);
-            port.rig.run(1);
-            EXPECT_EQ(next.text(), "data");
-        } else {
-            EXPECT_EQ(read.text(), "data");
-        }
-    }
-    EXPECT_TRUE(all.size() == 1 || cancelled > 0);
-}
-
 TEST(DriverRequests, flush_ends_with_the_last_transfer_or_after_5_s) {
     OpenPort port;
     Pending sent, first, second, cancelled;

@@ -115,22 +115,17 @@ usb::ControlReply ScriptedDevice::control(const usb::SetupPacket& setup, std::sp
     if (onControl) {
         if (const auto reply = onControl(setup, data)) return *reply;
     }
-    switch (setup.request) {
-    case 0x20:
+    if (setup.request == 0x20) {
         if (data.size() != lineCoding.size()) return usb::ControlReply::stall();
         std::copy(data.begin(), data.end(), lineCoding.begin());
-        return usb::ControlReply::ack();
-    case 0x21: {
+    } else if (setup.request == 0x21) {
         const std::size_t length = std::min(data.size(), lineCoding.size());
         std::copy_n(lineCoding.begin(), length, data.begin());
         return usb::ControlReply::ack(static_cast<std::uint32_t>(length));
-    }
-    case 0x22:
+    } else if (setup.request == 0x22) {
         controlLines = setup.value;
-        return usb::ControlReply::ack();
-    default:
-        return usb::ControlReply::ack();
     }
+    return usb::ControlReply::ack();
 }
 
 std::int32_t ScriptedDevice::dataOut(std::uint8_t endpoint, std::span<const std::uint8_t> data, bool ends) {
