@@ -5,6 +5,7 @@
 
 #include "kernel/faults.h"
 
+#include <array>
 #include <cstdio>
 #include <map>
 #include <set>
@@ -17,9 +18,7 @@ using test::Bytes;
 using test::KernelRequest;
 using test::OpenPort;
 using test::Pending;
-using test::RigOptions;
 using test::ScriptedDevice;
-using test::TestRig;
 using test::traced;
 
 constexpr const char* dataDevice = "\\Device\\qvcdcacm0";
@@ -430,6 +429,22 @@ TEST(DriverControls, work_item_without_memory) {
     EXPECT_TRUE(port.rig.device([](ScriptedDevice& d) { return d.controls.empty(); }));
     EXPECT_EQ(port.set(IOCTL_SERIAL_SET_LINE_CONTROL, SERIAL_LINE_CONTROL{0, 0, 8}), STATUS_SUCCESS);
     EXPECT_EQ(port.rig.device([](ScriptedDevice& d) { return d.lineCoding[0] | d.lineCoding[1] << 8; }), 1200);
+}
+
+// Overlapped changes of one line reach the device in the order they were asked for.
+TEST(DriverControls, overlapped_line_controls_keep_their_order) {
+    for (const auto seed : test::seeds(40)) {
+        OpenPort port(test::seeded(seed));
+        port.rig.device([](ScriptedDevice& d) { d.controls.clear(); });
+        std::array<Pending, 12> all;
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            EXPECT_EQ(port.control(all[i], i % 2 == 0 ? IOCTL_SERIAL_SET_BREAK_ON : IOCTL_SERIAL_SET_BREAK_OFF), STATUS_PENDING);
+        }
+        ASSERT_TRUE(port.rig.until([&] { return all.back().done(); }));
+        const auto seen = port.rig.device([](ScriptedDevice& d) { return d.controls; });
+        ASSERT_EQ(seen.size(), all.size());
+        for (std::size_t i = 0; i < seen.size(); ++i) ASSERT_EQ(seen[i].setup.value, i % 2 == 0 ? 0xFFFF : 0) << i;
+    }
 }
 
 // One byte of input is sent, whatever the lengths say; nothing of the buffer comes back.

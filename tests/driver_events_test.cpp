@@ -12,7 +12,6 @@ using test::KernelRequest;
 using test::nowMs;
 using test::OpenPort;
 using test::Pending;
-using test::RigOptions;
 using test::ScriptedDevice;
 using test::seeded;
 using test::traced;
@@ -72,9 +71,7 @@ TEST(DriverEvents, every_notification) {
         {"reserved kind", notification(0xE1, 0x00, 1), 0x80, 0, "RcvIntIn: Unexpected responds:\n"},
         {"still served", notification(0xA1, 0x20, 0, {2, 0}), 0x20, 0x30, nullptr},
     };
-    RigOptions options = traced(0xA0003);
-    options.shape.interruptPacket = 16;
-    OpenPort port(options);
+    OpenPort port({.shape = {.interruptPacket = 16}, .traceMask = 0xA0003});
     ULONG before = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -270,9 +267,7 @@ TEST(DriverEvents, ends_of_a_wait) {
 // however many there are.
 TEST(DriverEvents, same_request_again) {
     for (const bool cancelled : {false, true}) {
-        RigOptions options = traced(0x3);
-        options.verifier = false;   // it does not let a request that is under way be sent
-        OpenPort port(options);
+        OpenPort port({.verifier = false, .traceMask = 0x3});   // which lets no request be sent that is under way
         port.rig.allowAssertions();
         KernelRequest wait(port.rig.executive().lookUp(dataDevice));
         port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);

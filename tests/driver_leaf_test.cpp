@@ -18,16 +18,9 @@ constexpr std::uint64_t kSeed = 20240611;
 // The driver is loaded, so that its locks and lists stand, and no device is there.
 class DriverLeaf : public testing::Test {
 protected:
-    DriverLeaf() : rig_(withoutDevice()) { rig_.clearTrace(); }
+    DriverLeaf() { rig_.clearTrace(); }
 
-    test::TestRig rig_;
-
-private:
-    static test::RigOptions withoutDevice() {
-        test::RigOptions options;
-        options.plug = false;
-        return options;
-    }
+    test::TestRig rig_{{.plug = false}};
 };
 
 std::string format(std::size_t capacity, const char* text, ...) {

@@ -10,7 +10,6 @@ namespace {
 using test::nowMs;
 using test::OpenPort;
 using test::Pending;
-using test::RigOptions;
 using test::ScriptedDevice;
 using test::seeded;
 using test::spin;
@@ -207,23 +206,21 @@ TEST(DriverRequests, close_waits_for_drain) {
 
 // Five attempts, half a second apart, the last three after a port reset; then nothing more, and no open.
 TEST(DriverRequests, reinitialisation_gives_up) {
-    RigOptions options;
-    options.plug = false;
-    TestRig rig(options);
+    TestRig rig({.plug = false});
     std::vector<std::int64_t> attempts;
     auto device = std::make_unique<ScriptedDevice>();
     device->onControl = [&](const usb::SetupPacket& setup, std::span<std::uint8_t>) -> std::optional<usb::ControlReply> {
         if (setup.request == 0x22) attempts.push_back(nowMs());
         return usb::ControlReply::stall();
     };
-    const auto plugged = rig.plug(std::move(device), "0001");
+    rig.plug(std::move(device), "0001");
     rig.run(10000);
     ASSERT_EQ(attempts.size(), 5u);
     for (std::size_t i = 1; i < attempts.size(); ++i) {
         EXPECT_GE(attempts[i] - attempts[i - 1], 500);
         EXPECT_LT(attempts[i] - attempts[i - 1], 650);
     }
-    EXPECT_EQ(rig.bus().statistics(plugged.port).resets, 3u);
+    EXPECT_EQ(rig.statistics().resets, 3u);
     nt::File file;
     EXPECT_EQ(file.open("\\DosDevices\\COM3"), STATUS_UNSUCCESSFUL);
     EXPECT_TRUE(rig.traced("Device not initialized, hardware problem, reject open\n"));

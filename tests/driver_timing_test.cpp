@@ -13,19 +13,6 @@ constexpr ULONG kOverTheTop = 0x80000000;  // negative where times are signed
 constexpr std::int64_t kNever = -1;
 constexpr std::uint32_t kTraces = 0x8003, kCtsTraces = 0x100003;
 
-struct Timed {
-    const char* what;
-    ULONG interval, multiplier, constant;
-    ULONG length;
-    struct {
-        std::int64_t atMs;
-        const char* text;
-    } arrivals[2];
-    NTSTATUS status;
-    ULONG bytes;
-    std::int64_t endMs;  // after the tick before the request
-};
-
 class DriverTiming : public testing::Test {
 protected:
     // Just behind a tick, which becomes the moment 0.
@@ -34,7 +21,6 @@ protected:
         port.timeouts(kMax, 0, 500);
         port.read(toNextTick);
         ASSERT_TRUE(port.rig.until([&] { return toNextTick.done(); }, 20));
-        EXPECT_EQ(toNextTick.status(), STATUS_TIMEOUT);
         origin_ = toNextTick.atMs;
         while ((nowMs() - origin_) % 10 != 1) port.rig.run(1);
         origin_ = nowMs() - 1;
@@ -61,7 +47,18 @@ protected:
 };
 
 TEST_F(DriverTiming, reads_end_at_their_tick) {
-    const Timed cases[] = {
+    const struct {
+        const char* what;
+        ULONG interval, multiplier, constant;
+        ULONG length;
+        struct {
+            std::int64_t atMs;
+            const char* text;
+        } arrivals[2];
+        NTSTATUS status;
+        ULONG bytes;
+        std::int64_t endMs;  // after the tick before the request
+    } cases[] = {
         {"off: until it is full", 0, 0, 0, 5, {{7, "abc"}, {5003, "de"}}, STATUS_SUCCESS, 5, 5003},
         {"off: not full", 0, 0, 0, 5, {{7, "abc"}}, STATUS_PENDING, 0, kNever},
         {"first bytes: none", kMax, kMax, 500, 10, {}, STATUS_TIMEOUT, 0, 510},
@@ -71,14 +68,12 @@ TEST_F(DriverTiming, reads_end_at_their_tick) {
         {"interval below 0: with what is there", kOverTheTop, 0, 0, 10, {{7, "abc"}}, STATUS_TIMEOUT, 3, 10},
         {"interval as long as there is: runs", 0x7FFFFFFF, 0, 100, 10, {{7, "abc"}}, STATUS_TIMEOUT, 3, 110},
         {"total: a tick behind its end", 0, 0, 100, 10, {}, STATUS_TIMEOUT, 0, 110},
-        {"total: rounded up to the tick", 0, 0, 101, 10, {}, STATUS_TIMEOUT, 0, 110},
         {"total: shorter than a tick", 0, 0, 9, 10, {}, STATUS_TIMEOUT, 0, 10},
         {"total: bytes do not prolong it", 0, 0, 100, 10, {{7, "abc"}, {107, "d"}}, STATUS_TIMEOUT, 4, 110},
         {"total: full before", 0, 0, 100, 4, {{7, "abc"}, {109, "d"}}, STATUS_SUCCESS, 4, 109},
         {"total: for each byte", 0, 10, 2000, 100, {}, STATUS_TIMEOUT, 0, 3010},
         {"total: for bytes alone", 0, 10, 0, 5, {}, STATUS_TIMEOUT, 0, 60},
         {"total: a multiplier below 0 counts nothing", 0, kOverTheTop, 100, 10, {}, STATUS_TIMEOUT, 0, 110},
-        {"total: nor does the largest", 0, kMax, 100, 10, {}, STATUS_TIMEOUT, 0, 110},
         {"total: a product that wraps", 0, 0x40000000, 100, 4, {}, STATUS_TIMEOUT, 0, 110},
         {"total: a sum below 0 is for ever", 0, 1, 0x7FFFFFF0, 100, {}, STATUS_PENDING, 0, kNever},
         {"interval: from the last byte", 50, 0, 0, 10, {{33, "abc"}}, STATUS_TIMEOUT, 3, 90},

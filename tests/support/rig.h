@@ -31,14 +31,14 @@ struct RigOptions {
     bool loadDriver = true;  // the driver under test
     bool plug = true;        // a device, once everything is loaded
     bool faulty = false;     // with a FaultyBackend around it
-    usb::Bus::Options bus;
-    usb::PortOptions port;
-    CdcShape shape;
+    usb::Bus::Options bus{};
+    usb::PortOptions port{};
+    CdcShape shape{};
     std::string instanceId = "0001";
-    std::string registryFile;
-    std::optional<std::uint32_t> traceMask;
+    std::string registryFile{};
+    std::optional<std::uint32_t> traceMask{};
     // Values of the device's key, there before it is plugged in.
-    std::map<std::string, std::uint32_t> deviceValues;
+    std::map<std::string, std::uint32_t> deviceValues{};
 };
 
 // A device in a port of the rig's bus.
