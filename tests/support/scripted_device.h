@@ -70,6 +70,8 @@ public:
     void send(std::uint8_t endpoint, const Bytes& data, bool ends = true);
     void sendBulk(std::string_view text) { send(0x81, bytesOf(text)); }
     void notify(const Bytes& notification) { send(0x82, notification); }
+    // What is queued there is never sent.
+    void drop(std::uint8_t endpoint) { queues_.erase(endpoint); }
     std::size_t unsent(std::uint8_t endpoint) const;
 
     // Record: ---------------------------------------------------------------------------------------------------------
