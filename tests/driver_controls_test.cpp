@@ -243,6 +243,7 @@ TEST(DriverControls, both_device_objects_serve) {
 
 // What is restored waits for the control that evaluates it: reads stay in their way, rings keep their bytes and sizes.
 TEST(DriverControls, internal_controls) {
+    constexpr ULONG basic = IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, restore = IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS;
     for (const State state : states) {
         Target target(state);
         if (state == State::open) target.port.send("kept");
@@ -250,29 +251,28 @@ TEST(DriverControls, internal_controls) {
         const std::string immediate = std::string(4, '\xFF') + std::string(8, '\0') + std::string(33, '\1');
         for (ULONG length = 0; length < 44; ++length) {
             for (const bool in : {false, true}) {
-                const ULONG code = in ? IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS : IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS;
+                const ULONG code = in ? restore : basic;
                 EXPECT_EQ(target.request->run(internal, code, immediate, in ? length : 0, in ? 0 : length),
                           (Result{STATUS_INVALID_PARAMETER, 0}));
                 EXPECT_TRUE(target.port.rig.traced(sizeTrace(code, in ? "In" : "Out", length, 44)));
             }
         }
         EXPECT_EQ(target.snapshot(), before);
-        for (const ULONG length : {44, 45}) {
-            EXPECT_EQ(target.request->run(internal, IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, {}, 0, length), (Result{STATUS_SUCCESS, 44}));
+        for (const ULONG room : {44, 45}) {
+            EXPECT_EQ(target.request->run(internal, basic, {}, 0, room), (Result{STATUS_SUCCESS, 44}));
             const std::string defaults = target.request->buffer().substr(0, 44);
-            EXPECT_EQ(defaults.substr(0, 20), before.at(IOCTL_SERIAL_GET_TIMEOUTS));
-            EXPECT_EQ(defaults.substr(20, 16), before.at(IOCTL_SERIAL_GET_HANDFLOW));
-            EXPECT_EQ(target.request->run(internal, IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, defaults, 44, 0), (Result{STATUS_SUCCESS, 0}));
+            EXPECT_EQ(defaults.substr(0, 36), before.at(IOCTL_SERIAL_GET_TIMEOUTS) + before.at(IOCTL_SERIAL_GET_HANDFLOW));
+            EXPECT_EQ(target.request->run(internal, restore, defaults, 44, 0), (Result{STATUS_SUCCESS, 0}));
             EXPECT_EQ(target.snapshot(), before);
         }
-        EXPECT_EQ(target.request->run(internal, IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, immediate, 45, 0), (Result{STATUS_SUCCESS, 0}));
+        EXPECT_EQ(target.request->run(internal, restore, immediate, 45, 0), (Result{STATUS_SUCCESS, 0}));
         const Snapshot after = target.snapshot();
         expectOnlyChanged(before, after, {IOCTL_SERIAL_GET_TIMEOUTS, IOCTL_SERIAL_GET_HANDFLOW, IOCTL_SERIAL_GET_PROPERTIES});
-        target.request->run(internal, IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, {}, 0, 44);
+        target.request->run(internal, basic, {}, 0, 44);
         EXPECT_EQ(target.request->buffer(), immediate.substr(0, 44));
 
         for (ULONG code = 0x1B0000; code <= 0x1B0100; ++code) {
-            if (code == IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS || code == IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS) continue;
+            if (code == basic || code == restore) continue;
             target.port.rig.clearTrace();
             const bool wake = code == 0x1B0004 || code == 0x1B0008;
             EXPECT_EQ(target.request->run(internal, code, std::string(64, '\2'), 64, 64),
@@ -326,7 +326,7 @@ TEST(DriverControls, purge_bit_by_bit) {
         SCOPED_TRACE(mask);
         OpenPort port;
         Pending rest(8), read(10), write(std::string("end"));
-        const bool cleared = mask & SERIAL_PURGE_RXCLEAR, aborted = mask & SERIAL_PURGE_TXABORT, sent = !(mask & SERIAL_PURGE_TXCLEAR);
+        const bool cleared = mask & SERIAL_PURGE_RXCLEAR, aborted = mask & SERIAL_PURGE_TXABORT;
         port.send("received");   // a read that waits would take it
         port.blockWrites(write);
         EXPECT_EQ(port.set<ULONG>(IOCTL_SERIAL_PURGE, mask & ~ULONG{SERIAL_PURGE_RXABORT}), STATUS_SUCCESS);
@@ -342,7 +342,7 @@ TEST(DriverControls, purge_bit_by_bit) {
         port.rig.run(30);
         EXPECT_EQ(read.status(), mask & SERIAL_PURGE_RXABORT ? STATUS_CANCELLED : STATUS_PENDING);
         EXPECT_EQ(write.status(), aborted ? STATUS_CANCELLED : STATUS_SUCCESS);
-        EXPECT_EQ(port.received(), "packet" + std::string(sent ? 100 : 0, 'r') + (aborted ? "" : "end"));
+        EXPECT_EQ(port.received(), "packet" + std::string(mask & SERIAL_PURGE_TXCLEAR ? 0 : 100, 'r') + (aborted ? "" : "end"));
     }
 }
 

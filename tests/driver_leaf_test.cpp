@@ -72,7 +72,7 @@ TEST(TraceNumber, agreesWithPrintf) {
         if (precision == 0) precision = -1;
         std::string directive = "%";
         ULONG flags = TRN_SIGNED;
-        for (const auto& [sign, flag] : {std::pair<char, ULONG>('-', TRN_LEFT), {'+', TRN_PLUS}, {' ', TRN_SPACE}, {'0', TRN_ZERO}}) {
+        for (auto [sign, flag] : {std::pair<char, ULONG>('-', TRN_LEFT), {'+', TRN_PLUS}, {' ', TRN_SPACE}, {'0', TRN_ZERO}}) {
             if (random() % 2 || (sign == '0' && precision > 0)) continue;  // with a precision printf ignores the zero
             directive += sign;
             flags |= flag;
