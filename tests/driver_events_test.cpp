@@ -12,7 +12,6 @@ using test::KernelRequest;
 using test::nowMs;
 using test::OpenPort;
 using test::Pending;
-using test::RigOptions;
 using test::ScriptedDevice;
 using test::seeded;
 using test::traced;
@@ -60,7 +59,6 @@ TEST(DriverEvents, every_notification) {
         {"CTS falls by one bit alone", notification(0xA1, 0x00, 0xFFFE), 0, 0x08, nullptr},
         {"longer than it need be", notification(0xE1 & ~0x40, 0x20, 0, {1, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}), 0x80, 0x20, nullptr},
         {"7 bytes", Bytes{0xA1, 0x00, 1, 0, 0, 0, 0}, 0x80, 0, "RcvIntIn: Data packet to small\n"},
-        {"1 byte", Bytes{0xA1}, 0x80, 0, "RcvIntIn: Data packet to small\n"},
         {"no byte", Bytes{}, 0x80, 0, nullptr},
         {"no state", notification(0xA1, 0x20, 0), 0x80, 0, "RcvIntIn: Data packet to small for RESPONDS_SERIAL_STATE\n"},
         {"half a state", notification(0xA1, 0x20, 0, {0x7E}), 0x80, 0, "RcvIntIn: Data packet to small for RESPONDS_SERIAL_STATE\n"},
@@ -73,22 +71,20 @@ TEST(DriverEvents, every_notification) {
         {"reserved kind", notification(0xE1, 0x00, 1), 0x80, 0, "RcvIntIn: Unexpected responds:\n"},
         {"still served", notification(0xA1, 0x20, 0, {2, 0}), 0x20, 0x30, nullptr},
     };
-    RigOptions options = traced(0xA0003);
-    options.shape.interruptPacket = 16;
-    OpenPort port(options);
-    EXPECT_EQ(port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, MAXULONG), STATUS_SUCCESS);
+    OpenPort port({.shape = {.interruptPacket = 16}, .traceMask = 0xA0003});
+    ULONG before = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         Pending wait;
+        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, MAXULONG);
         EXPECT_EQ(port.wait(wait), STATUS_PENDING);
         port.rig.clearTrace();
         notify(port, c.bytes);
         EXPECT_EQ(wait.done(), c.events != 0);
         EXPECT_EQ(wait.value, c.events);
-        EXPECT_EQ(port.get(IOCTL_SERIAL_GET_MODEMSTATUS) & 0xF0, c.status);
+        EXPECT_EQ(port.get(IOCTL_SERIAL_GET_MODEMSTATUS), c.status | (c.status ^ before) >> 4);   // and which have changed
+        before = c.status;
         EXPECT_TRUE(c.text == nullptr || port.rig.traced(c.text)) << port.rig.trace();
-        if (!wait.done()) port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, MAXULONG);
-        port.rig.run(1);
     }
     EXPECT_EQ(port.write("in byte mode"), STATUS_SUCCESS);
     port.rig.run(20);
@@ -101,18 +97,15 @@ TEST(DriverEvents, flow_off_holds_the_bytes) {
     state(port, 0x100);
     EXPECT_EQ(port.write("held"), STATUS_SUCCESS);
     port.rig.run(3000);
-    EXPECT_EQ(port.received(), "");
-    EXPECT_EQ(port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInOutQueue, 4u);
     state(port, 0x100);
     EXPECT_EQ(port.received(), "");
+    EXPECT_EQ(port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInOutQueue, 4u);
     state(port, 0);
     EXPECT_EQ(port.received(), "held");
     state(port, 0x100);
     port.write("dropped by the close");
     port.file.close();
     ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
-    const auto status = port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS);
-    EXPECT_EQ(status.AmountInInQueue + status.AmountInOutQueue, 0u);
     port.write(", new");
     port.rig.run(20);
     EXPECT_EQ(port.received(), "held, new");
@@ -120,38 +113,17 @@ TEST(DriverEvents, flow_off_holds_the_bytes) {
 
 TEST(DriverEvents, cts_holds_the_bytes_if_configured) {
     OpenPort port(traced(0x100003, {{"useCtsFlowControl", 1}}));
-    port.write("one");
-    port.rig.run(500);
-    EXPECT_EQ(port.received(), "");
-    notify(port, test::networkConnection(true));
-    EXPECT_EQ(port.received(), "one");
+    std::size_t written = 0, sent = 0;
+    for (const bool cts : {false, true, true, false, true}) {
+        notify(port, test::networkConnection(cts));
+        port.write("x");
+        ++written;
+        if (cts) sent = written;
+        port.rig.run(500);
+        state(port, 0x02);   // no other line lets them go
+        EXPECT_EQ(port.received().size(), sent);
+    }
     EXPECT_TRUE(port.rig.traced("CTS active restart write\n"));
-    port.write("two");
-    port.rig.run(20);
-    EXPECT_EQ(port.received(), "onetwo");
-    notify(port, test::networkConnection(false));
-    port.write("three");
-    port.rig.run(500);
-    state(port, 0x02);   // no other line lets them go
-    EXPECT_EQ(port.received(), "onetwo");
-    notify(port, test::networkConnection(true));
-    EXPECT_EQ(port.received(), "onetwothree");
-}
-
-// A burst of changes while nobody waits is one value with all of them; the delta bits tell the net change.
-TEST(DriverEvents, changes_gather_until_somebody_asks) {
-    OpenPort port;
-    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_DSR | SERIAL_EV_RLSD | SERIAL_EV_RING);
-    port.get(IOCTL_SERIAL_GET_MODEMSTATUS);
-    for (const std::uint16_t bits : {1, 0, 8, 0, 2}) port.rig.device([&](ScriptedDevice& d) { d.notify(test::serialState(bits)); });
-    notify(port, test::networkConnection(true));
-    port.rig.run(200);
-    EXPECT_EQ(port.get(IOCTL_SERIAL_WAIT_ON_MASK), ULONG{SERIAL_EV_DSR | SERIAL_EV_RLSD | SERIAL_EV_RING});
-    EXPECT_EQ(port.get(IOCTL_SERIAL_GET_MODEMSTATUS), 0x33u);
-    Pending wait;
-    EXPECT_EQ(port.wait(wait), STATUS_PENDING);
-    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, 0);
-    EXPECT_EQ(wait.value, 0u);
 }
 
 // --- Events of the data -----------------------------------------------------------------------------------------------
@@ -160,25 +132,24 @@ TEST(DriverEvents, special_characters) {
     const struct {
         SERIAL_CHARS chars;   // end of file, error, break, event, XON, XOFF
         std::string data;
-        ULONG events;
+        bool special;
     } cases[] = {
-        {{0, 0, 0, 0, 0, 0}, std::string("a\0b", 3), SERIAL_EV_RXCHAR},
-        {{0, 0, 0, '~', 0, 0}, "a~b~", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
-        {{0, 0, 0, '~', 0, 0}, "ab", SERIAL_EV_RXCHAR},
-        {{4, 0, 0, 0, 0, 0}, "a\4", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
-        {{0, 0xFE, 0, 0, 0, 0}, "\xFE", SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG},
-        {{0, 0, 'b', 0, 'x', 'y'}, "bxy", SERIAL_EV_RXCHAR},
-        {{0, 0, 0, '~', 0, 0}, std::string("\0", 1), SERIAL_EV_RXCHAR},
+        {{0, 0, 0, 0, 0, 0}, std::string("a\0b", 3), false},
+        {{0, 0, 0, '~', 0, 0}, "a~b~", true},
+        {{0, 0, 0, '~', 0, 0}, std::string("a\0", 2), false},
+        {{4, 0, 0, 0, 0, 0}, "a\4", true},
+        {{0, 0xFE, 0, 0, 0, 0}, "\xFE", true},
+        {{0, 0, 'b', 0, 'x', 'y'}, "bxy", false},
     };
+    OpenPort port;
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.data);
-        OpenPort port;
         Pending wait;
         EXPECT_EQ(port.set(IOCTL_SERIAL_SET_CHARS, c.chars), STATUS_SUCCESS);
-        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR | SERIAL_EV_RXFLAG);
         port.wait(wait);
         port.send(c.data);
-        EXPECT_EQ(wait.value, c.events);
+        EXPECT_EQ(wait.value, SERIAL_EV_RXCHAR | (c.special ? ULONG{SERIAL_EV_RXFLAG} : 0));
     }
 }
 
@@ -219,100 +190,89 @@ TEST(DriverEvents, send_ring_drained_before_the_wait) {
 
 // --- Waiting ----------------------------------------------------------------------------------------------------------
 
-// A changed mask ends the wait with nothing, whatever it is changed to.
-TEST(DriverEvents, changed_mask_ends_the_wait) {
-    for (const ULONG mask : {ULONG{0}, ULONG{SERIAL_EV_RXCHAR}, ULONG{SERIAL_EV_CTS}, ULONG{MAXULONG}}) {
-        OpenPort port;
-        Pending wait;
-        wait.value = 0xFFFFFFFF;
-        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
-        port.wait(wait);
-        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, mask);
-        port.rig.run(1);
-        ASSERT_TRUE(wait.done());
-        EXPECT_EQ(wait.status(), STATUS_SUCCESS);
-        EXPECT_EQ(wait.value, 0u);
-        Pending next;
-        EXPECT_EQ(port.wait(next), STATUS_PENDING);
-        port.rig.run(1);
-        EXPECT_EQ(next.done(), mask == 0);
-        if (mask == 0) {
-            EXPECT_EQ(next.status(), STATUS_INVALID_PARAMETER);
-            EXPECT_EQ(next.information(), 0u);
-        }
-    }
-}
-
-// Four bytes are written, however many there are.
-TEST(DriverEvents, value_is_four_bytes) {
+// Events that nobody fetched gather and reach the next wait, under whatever mask, and of the next opening, too. What no mask wanted
+// does not.
+TEST(DriverEvents, events_gather_until_somebody_asks) {
     OpenPort port;
-    const PDEVICE_OBJECT object = port.rig.executive().lookUp(dataDevice);
-    KernelRequest wait(object);
-    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
-    for (const ULONG room : {4, 5, 8, 64}) {
-        wait.submit(IRP_MJ_DEVICE_CONTROL, IOCTL_SERIAL_WAIT_ON_MASK, {}, 0, room);
-        EXPECT_FALSE(wait.done());
-        port.send("x");
-        ASSERT_TRUE(wait.done());
-        EXPECT_EQ(wait.information(), 4u);
-        EXPECT_EQ(wait.value(), ULONG{SERIAL_EV_RXCHAR});
-        EXPECT_EQ(wait.buffer().substr(4), std::string(room - 4, static_cast<char>(KernelRequest::fill)));
-    }
+    Pending wait;
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_CTS);
+    port.send("x");
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR | SERIAL_EV_DSR | SERIAL_EV_RLSD | SERIAL_EV_RING);
+    port.wait(wait);
+    port.rig.run(1);
+    EXPECT_FALSE(wait.done());
+    port.send("y");
+    EXPECT_EQ(wait.value, ULONG{SERIAL_EV_RXCHAR});
+    for (const std::uint16_t bits : {1, 0, 8, 0, 2}) port.rig.device([&](ScriptedDevice& d) { d.notify(test::serialState(bits)); });
+    port.rig.run(200);
+    port.send("z");
+    EXPECT_EQ(port.get(IOCTL_SERIAL_GET_MODEMSTATUS), 0x22u);   // the net change
+    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_CTS);
+    port.file.close();
+    ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
+    EXPECT_EQ(port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInInQueue, 0u);
+    port.wait(wait);
+    port.rig.run(1);
+    EXPECT_EQ(wait.value, ULONG{SERIAL_EV_RXCHAR | SERIAL_EV_DSR | SERIAL_EV_RLSD | SERIAL_EV_RING});
 }
 
-// What may come between a cancellation and its end, 100 ms later.
-TEST(DriverEvents, cancelled_wait) {
-    enum Between { nothing, secondCancel, event, mask, nextWait, removal };
-    const struct {
-        Between between;
-        NTSTATUS status;
-        ULONG value;
-        std::int64_t endMs;
-    } cases[] = {
-        {nothing, STATUS_SUCCESS, 0, 100},     {secondCancel, STATUS_SUCCESS, 0, 100},
-        {event, STATUS_SUCCESS, SERIAL_EV_RXCHAR, 50}, {mask, STATUS_SUCCESS, 0, 50},
-        {nextWait, STATUS_SUCCESS, 0, 50},     {removal, STATUS_DEVICE_REMOVED, 0xFFFF, 50},
+// What ends a wait, and what may come between its cancellation and the end that has, 100 ms later.
+TEST(DriverEvents, ends_of_a_wait) {
+    constexpr ULONG untouched = 0xFFFF;
+    constexpr std::int64_t never = -1;
+    const auto changeMask = [](ULONG mask) {
+        return [mask](OpenPort& port, Pending&, Pending&) { port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, mask); };
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.between);
-        OpenPort port;
-        Pending wait, next;
-        wait.value = 0xFFFF;
-        port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
-        port.wait(wait);
-        const auto begin = nowMs();
-        port.file.cancel(wait.request);
-        port.rig.run(50);
-        EXPECT_FALSE(wait.done());
-        switch (c.between) {
-        case nothing: break;
-        case secondCancel: port.file.cancel(wait.request); break;
-        case event: port.send("x"); break;
-        case mask: port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR); break;
-        case nextWait: port.wait(next); break;
-        case removal: port.rig.unplug(); break;
+    const struct {
+        const char* what;
+        std::function<void(OpenPort&, Pending& wait, Pending& next)> act;   // 50 ms after the beginning
+        ULONG value;
+        std::int64_t endMs[2];   // by itself, and if it was cancelled at the beginning
+    } cases[] = {
+        {"nothing", [](auto&, auto&, auto&) {}, 0, {never, 100}},
+        {"a cancellation", [](auto& port, auto& wait, auto&) { port.file.cancel(wait.request); }, 0, {150, 100}},
+        {"an event", [](auto& port, auto&, auto&) { port.send("x"); }, SERIAL_EV_RXCHAR, {50, 50}},
+        {"the same mask", changeMask(SERIAL_EV_RXCHAR), 0, {50, 50}},
+        {"another mask", changeMask(SERIAL_EV_CTS), 0, {50, 50}},
+        {"no mask", changeMask(0), 0, {50, 50}},
+        {"the next wait", [](auto& port, auto&, auto& next) { port.wait(next); }, 0, {50, 50}},
+        {"removal", [](auto& port, auto&, auto&) { port.rig.unplug(); }, untouched, {50, 50}},
+    };
+    for (const bool cancelled : {false, true}) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(testing::Message() << c.what << (cancelled ? ", cancelled" : ""));
+            OpenPort port;
+            Pending wait, next;
+            wait.value = untouched;
+            port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
+            port.wait(wait);
+            const auto begin = nowMs(), endMs = c.endMs[cancelled];
+            if (cancelled) port.file.cancel(wait.request);
+            port.rig.run(50);
+            EXPECT_FALSE(wait.done());
+            c.act(port, wait, next);
+            port.rig.run(300);
+            EXPECT_FALSE(next.done());
+            ASSERT_EQ(wait.completions, endMs == never ? 0u : 1u);
+            if (endMs == never) continue;
+            EXPECT_EQ(wait.status(), c.value == untouched ? STATUS_DEVICE_REMOVED : STATUS_SUCCESS);
+            EXPECT_EQ(wait.information(), 4u);
+            EXPECT_EQ(wait.value, c.value);
+            EXPECT_GE(wait.atMs - begin, endMs);
+            EXPECT_LE(wait.atMs - begin, endMs + 5);
         }
-        port.rig.run(300);
-        ASSERT_EQ(wait.completions, 1u);
-        EXPECT_EQ(wait.status(), c.status);
-        EXPECT_EQ(wait.information(), 4u);
-        EXPECT_EQ(wait.value, c.value);   // an error brings no value along
-        EXPECT_GE(wait.atMs - begin, c.endMs);
-        EXPECT_LE(wait.atMs - begin, c.endMs + 5);
-        EXPECT_FALSE(next.done());
     }
 }
 
-// The same request again stays stored and ends once; cancelled on its way in, it is no longer the port's.
+// The same request again stays stored and ends once; cancelled on its way in, it is no longer the port's. Four bytes are written,
+// however many there are.
 TEST(DriverEvents, same_request_again) {
     for (const bool cancelled : {false, true}) {
-        RigOptions options = traced(0x3);
-        options.verifier = false;   // it does not let a request that is under way be sent
-        OpenPort port(options);
+        OpenPort port({.verifier = false, .traceMask = 0x3});   // which lets no request be sent that is under way
         port.rig.allowAssertions();
         KernelRequest wait(port.rig.executive().lookUp(dataDevice));
         port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
-        EXPECT_EQ(wait.submit(IRP_MJ_DEVICE_CONTROL, IOCTL_SERIAL_WAIT_ON_MASK, {}, 0, 4), STATUS_PENDING);
+        EXPECT_EQ(wait.submit(IRP_MJ_DEVICE_CONTROL, IOCTL_SERIAL_WAIT_ON_MASK, {}, 0, 64), STATUS_PENDING);
         if (cancelled) IoCancelIrp(wait.irp());
         EXPECT_EQ(wait.callAgain(), STATUS_PENDING);
         EXPECT_TRUE(port.rig.traced("Upper driver sends the same WaitIrp again\n"));
@@ -321,11 +281,9 @@ TEST(DriverEvents, same_request_again) {
         port.send("x");
         ASSERT_TRUE(wait.done());
         EXPECT_EQ(wait.status(), cancelled ? STATUS_CANCELLED : STATUS_SUCCESS);
-        if (cancelled) {
-            EXPECT_EQ(port.get(IOCTL_SERIAL_WAIT_ON_MASK), ULONG{SERIAL_EV_RXCHAR});
-        } else {
-            EXPECT_EQ(wait.value(), ULONG{SERIAL_EV_RXCHAR});
-        }
+        EXPECT_EQ(wait.information(), cancelled ? 0u : 4u);
+        EXPECT_EQ(cancelled ? port.get(IOCTL_SERIAL_WAIT_ON_MASK) : wait.value(), ULONG{SERIAL_EV_RXCHAR});
+        EXPECT_EQ(wait.buffer().substr(4), std::string(60, static_cast<char>(KernelRequest::fill)));
     }
 }
 
@@ -336,16 +294,16 @@ TEST(DriverEvents, waits_in_any_order) {
         std::array<Pending, 12> waits;
         port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
         std::vector<nt::Thread> threads;
-        threads.emplace_back("waiter", [&] {
-            for (std::size_t i = 0; i < waits.size(); i += 2) port.wait(waits[i]);
-        });
-        threads.emplace_back("other", [&] {
-            for (std::size_t i = 1; i < waits.size(); i += 2) {
-                port.wait(waits[i]);
-                test::spin(seed % 7);
-                port.file.cancel(waits[i].request);
-            }
-        });
+        for (const bool cancels : {false, true}) {
+            threads.emplace_back("waiter", [&, cancels] {
+                for (std::size_t i = cancels; i < waits.size(); i += 2) {
+                    port.wait(waits[i]);
+                    if (!cancels) continue;
+                    test::spin(seed % 7);
+                    port.file.cancel(waits[i].request);
+                }
+            });
+        }
         threads.emplace_back("masks", [&] {
             for (int i = 0; i < 4; ++i) {
                 test::spin(seed % 11);
@@ -368,17 +326,6 @@ TEST(DriverEvents, waits_in_any_order) {
             EXPECT_EQ(wait.value & ~ULONG{SERIAL_EV_RXCHAR | SERIAL_EV_DSR}, 0u);
         }
     }
-}
-
-// Events that nobody fetched reach the first wait of the next opening.
-TEST(DriverEvents, pending_events_outlive_the_open) {
-    OpenPort port;
-    port.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_RXCHAR);
-    port.send("unread");
-    port.file.close();
-    ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
-    EXPECT_EQ(port.get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInInQueue, 0u);
-    EXPECT_EQ(port.get(IOCTL_SERIAL_WAIT_ON_MASK), ULONG{SERIAL_EV_RXCHAR});
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Units of the driver that need no device: trace output, byte rings, the request pool, request timing.
-
-#include <gtest/gtest.h>
+// Units of the driver that need no device: trace output, byte rings, the request pool.
+#include "tests/support/rig.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -10,49 +9,18 @@
 #include <vector>
 
 #include "cdcacm/pnpadd.h"
-#include "kernel/executive.h"
 #include "kernel/faults.h"
 
 namespace {
 
 constexpr std::uint64_t kSeed = 20240611;
 
-// The driver is loaded, so that its locks and lists stand; what it traces is kept, a text a call.
+// The driver is loaded, so that its locks and lists stand, and no device is there.
 class DriverLeaf : public testing::Test {
 protected:
-    DriverLeaf() : executive_(options(this)) {
-        EXPECT_EQ(executive_.loadDriver("qvcdcacm", DriverEntry), STATUS_SUCCESS);
-        traced_.clear();
-    }
-    ~DriverLeaf() override {
-        nt::faults::clear();
-        EXPECT_EQ(MemoryCounter, 0u);
-        const nt::LeakReport report = executive_.stop();
-        for (const std::string& line : report.lines) {
-            ADD_FAILURE() << line;
-        }
-    }
-    void expectNoAssertion() const {
-        for (const std::string& text : traced_) {
-            EXPECT_EQ(text.find("ASSERTION"), std::string::npos) << text;
-        }
-    }
+    DriverLeaf() { rig_.clearTrace(); }
 
-    std::vector<std::string> traced_;
-
-private:
-    static nt::Options options(DriverLeaf* self) {
-        nt::Options result;
-        result.mode = nt::Mode::simulated;
-        result.seed = kSeed;
-        result.debugSink = [](void* context, const char* text, std::size_t length) {
-            static_cast<DriverLeaf*>(context)->traced_.emplace_back(text, length);
-        };
-        result.debugContext = self;
-        return result;
-    }
-
-    nt::Executive executive_;
+    test::TestRig rig_{{.plug = false}};
 };
 
 std::string format(std::size_t capacity, const char* text, ...) {
@@ -92,9 +60,7 @@ TEST(TraceFormat, directives) {
         {format(5, "%900d", 1), "    "},
         {format(1, "abc"), ""},
     };
-    for (const auto& item : cases) {
-        EXPECT_EQ(item.got, item.expected);
-    }
+    for (const auto& item : cases) EXPECT_EQ(item.got, item.expected);
 }
 
 TEST(TraceNumber, agreesWithPrintf) {
@@ -102,24 +68,19 @@ TEST(TraceNumber, agreesWithPrintf) {
     for (int round = 0; round < 20000; ++round) {
         const auto value = static_cast<int>(random() >> (random() % 64));
         const int width = static_cast<int>(random() % 20);
-        const int precision = static_cast<int>(random() % 14) - 1;
+        int precision = static_cast<int>(random() % 13);
+        if (precision == 0) precision = -1;
         std::string directive = "%";
         ULONG flags = TRN_SIGNED;
-        const auto add = [&](bool wanted, char sign, ULONG flag) {
-            if (wanted) {
-                directive += sign;
-                flags |= flag;
-            }
-        };
-        add(random() % 2, '-', TRN_LEFT);
-        add(random() % 2, '+', TRN_PLUS);
-        add(random() % 2, ' ', TRN_SPACE);
-        add(precision < 0 && random() % 2, '0', TRN_ZERO);  // with a precision printf ignores the flag
+        for (auto [sign, flag] : {std::pair<char, ULONG>('-', TRN_LEFT), {'+', TRN_PLUS}, {' ', TRN_SPACE}, {'0', TRN_ZERO}}) {
+            if (random() % 2 || (sign == '0' && precision > 0)) continue;  // with a precision printf ignores the zero
+            directive += sign;
+            flags |= flag;
+        }
         directive += "*.*d";
-        char expected[80];
-        std::snprintf(expected, sizeof expected, directive.c_str(), width, precision < 1 ? -1 : precision, value);
-        char got[80];
-        *TraceNumber(got, got + sizeof got, static_cast<ULONGLONG>(value), 10, width, precision < 1 ? -1 : precision, flags) = 0;
+        char expected[80], got[80];
+        std::snprintf(expected, sizeof expected, directive.c_str(), width, precision, value);
+        *TraceNumber(got, got + sizeof got, static_cast<ULONGLONG>(value), 10, width, precision, flags) = 0;
         ASSERT_STREQ(got, expected) << directive << " seed " << kSeed;
     }
     char untouched = '#';
@@ -130,20 +91,17 @@ TEST(TraceNumber, agreesWithPrintf) {
 
 TEST_F(DriverLeaf, dumpLayout) {
     UCHAR bytes[70];
-    for (ULONG i = 0; i < sizeof bytes; ++i) {
-        bytes[i] = static_cast<UCHAR>(0x7A + i);
-    }
+    for (ULONG i = 0; i < sizeof bytes; ++i) bytes[i] = static_cast<UCHAR>(0x7A + i);
     TraceDump(bytes, 20);
     TraceDump(bytes, 0);
-    TraceDumpLimited(bytes, 64);
-    TraceDumpLimited(bytes, 65);
-    ASSERT_EQ(traced_.size(), 2u + 1 + 4 + 5);
-    EXPECT_EQ(traced_[0], "0000: 7A 7B 7C 7D  7E 7F 80 81  82 83 84 85  86 87 88 89   z{|}~\x7F..........\n");
-    EXPECT_EQ(traced_[1], "0010: 8A 8B 8C 8D" + std::string(59 - 17, ' ') + "....\n");
-    EXPECT_EQ(traced_[2], "<<NULL>>");
-    EXPECT_EQ(traced_.back(), "...\n");
-    TracePrint("still %s\n", "there");  // no lock was left behind
-    EXPECT_EQ(traced_.back(), "still there\n");
+    EXPECT_EQ(rig_.trace(), "0000: 7A 7B 7C 7D  7E 7F 80 81  82 83 84 85  86 87 88 89   z{|}~\x7F..........\n"
+                            "0010: 8A 8B 8C 8D" + std::string(59 - 17, ' ') + "....\n<<NULL>>");
+    for (const ULONG length : {64, 65}) {
+        rig_.clearTrace();
+        TraceDumpLimited(bytes, length);
+        TracePrint("still %s\n", "there");  // no lock was left behind
+        EXPECT_TRUE(rig_.trace().ends_with(length == 64 ? "....\nstill there\n" : "....\n...\nstill there\n"));
+    }
 }
 
 // Random operations on a ring and on a queue that cannot be wrong.
@@ -155,275 +113,60 @@ TEST_F(DriverLeaf, ringsBehaveAsQueues) {
         CIRC_BUF ring;
         ASSERT_TRUE(CircBufInit(&ring, capacity));
         std::deque<UCHAR> model;
-        bool full = false, empty = true;
         for (int step = 0; step < 20000; ++step) {
             std::vector<UCHAR> bytes(below(2 * capacity + 3));
+            for (UCHAR& byte : bytes) byte = static_cast<UCHAR>(random());
             const auto length = static_cast<ULONG>(bytes.size());
             const auto room = static_cast<ULONG>(capacity - model.size());
-            switch (below(16)) {
-            case 0:
+            const ULONG action = below(16);
+            if (action == 0) {
                 CircBufReset(&ring);
                 model.clear();
-                full = false, empty = true;
-                break;
-            case 1: case 2: case 3: {
-                for (UCHAR& byte : bytes) byte = static_cast<UCHAR>(random());
-                const bool fits = length <= room;
-                ASSERT_EQ(CircBufUnread(&ring, bytes.data(), length), fits);
-                if (fits && length > 0) {
-                    model.insert(model.begin(), bytes.begin(), bytes.end());
-                    full = model.size() == capacity, empty = false;
-                }
-                break;
-            }
-            case 4: case 5: case 6: case 7: case 8: case 9: {
-                for (UCHAR& byte : bytes) byte = static_cast<UCHAR>(random());
+            } else if (action < 4) {
+                ASSERT_EQ(CircBufUnread(&ring, bytes.data(), length), length <= room);
+                if (length <= room) model.insert(model.begin(), bytes.begin(), bytes.end());
+            } else if (action < 10) {
                 const ULONG taken = std::min(length, room);
                 ASSERT_EQ(CircBufWrite(&ring, bytes.data(), length), taken);
                 model.insert(model.end(), bytes.begin(), bytes.begin() + taken);
-                if (length > 0) full = model.size() == capacity, empty = false;
-                break;
-            }
-            default: {
+            } else {
                 const ULONG given = std::min<ULONG>(length, static_cast<ULONG>(model.size()));
                 ASSERT_EQ(CircBufRead(&ring, bytes.data(), length), given);
                 ASSERT_TRUE(std::equal(bytes.begin(), bytes.begin() + given, model.begin()));
                 model.erase(model.begin(), model.begin() + given);
-                if (length > 0) full = false, empty = model.empty() || empty;
-            }
             }
             ASSERT_EQ(ring.Count, model.size());
-            ASSERT_EQ(ring.Full, full ? 1u : 0u);
-            ASSERT_EQ(ring.Empty, empty ? 1u : 0u);
+            if (capacity == 0) continue;  // both at once
+            ASSERT_EQ(ring.Full, model.size() == capacity ? 1u : 0u);
+            ASSERT_EQ(ring.Empty, model.empty() ? 1u : 0u);
         }
         CircBufFree(&ring);
     }
-}
-
-TEST_F(DriverLeaf, ringWithoutStorageTakesNothing) {
-    CIRC_BUF rings[2];
-    EXPECT_FALSE(CircBufInit(&rings[0], 0xFFFFFFFF));  // size + 1 would be 0
-    nt::faults::failNth(nt::faults::Kind::allocation, 1);
-    EXPECT_FALSE(CircBufInit(&rings[1], 100));
-    for (CIRC_BUF& ring : rings) {
-        UCHAR byte = 1;
-        EXPECT_EQ(ring.Storage, nullptr);
-        EXPECT_EQ(ring.Size, 0u);
-        EXPECT_EQ(CircBufWrite(&ring, &byte, 1), 0u);
-        EXPECT_EQ(CircBufRead(&ring, &byte, 1), 0u);
-        EXPECT_FALSE(CircBufUnread(&ring, &byte, 1));
-        CircBufFree(&ring);
-    }
-    EXPECT_EQ(MemAlloc(0xFFFFFFF8, Tag4('t', 'e', 's', 't')), nullptr);  // the header would wrap
 }
 
 TEST_F(DriverLeaf, poolGrowsToItsLimit) {
     DPOOL pool;
     ASSERT_EQ(DPoolInit(&pool, 5, 40, 10, sizeof(SER_REQUEST)), STATUS_SUCCESS);
     std::vector<VOID*> taken;
-    std::vector<ULONG> sizes;
+    std::vector<ULONG> sizes{5};
     for (;;) {
-        if (sizes.empty() || sizes.back() != pool.CurrentCount) {
-            sizes.push_back(pool.CurrentCount);
-        }
         if (taken.size() == 5) {  // memory is out when the second block is due, and there again after
             nt::faults::failNth(nt::faults::Kind::allocation, 1);
             EXPECT_EQ(DPoolGet(&pool), nullptr);
         }
         VOID* element = DPoolGet(&pool);
-        if (element == nullptr) {
-            break;
-        }
+        if (element == nullptr) break;
         memset(element, 0xAB, sizeof(SER_REQUEST));  // a neighbour's link would not survive an overlap
         taken.push_back(element);
+        if (sizes.back() != pool.CurrentCount) sizes.push_back(pool.CurrentCount);
     }
     EXPECT_EQ(taken.size(), 55u);
     EXPECT_EQ(sizes, (std::vector<ULONG>{5, 15, 25, 37, 55}));
-    ASSERT_FALSE(traced_.empty());
-    EXPECT_EQ(traced_.back(), "ACMDPoolGet: alloc failed. CurrentCount 55 MaxCount 40\n");
+    EXPECT_TRUE(rig_.traced("ACMDPoolGet: alloc failed. CurrentCount 55 MaxCount 40\n"));
     DPoolPut(taken[20]);
-    DPoolPut(taken[3]);
-    EXPECT_EQ(DPoolGet(&pool), taken[3]);
     EXPECT_EQ(DPoolGet(&pool), taken[20]);
-    for (VOID* element : taken) {
-        DPoolPut(element);
-    }
+    for (VOID* element : taken) DPoolPut(element);
     DPoolFree(&pool);
-    expectNoAssertion();
-}
-
-void idleDpc(PKDPC, PVOID, PVOID, PVOID) {}
-
-// The engine of a port without a device. A request ends inside CompleteRequest without reaching its IRP.
-class Engine {
-public:
-    Engine(ULONG interval, ULONG constant, ULONG multiplier, bool writes = false) : device_(new DEVICE_EXTENSION()) {
-        DEVICE* dev = &device_->Device;
-        KeInitializeSpinLock(&dev->Lock);
-        dev->Port.Tag = PORT_OBJ_TAG;
-        dev->Port.Device = dev;
-        KeInitializeDpc(&dev->Snd.Dpc, idleDpc, dev);
-        EXPECT_EQ(AddPort(&dev->Port.SerPort, dev, 1000, 4, 10, &dev->Port), STATUS_SUCCESS);
-        port_ = dev->Port.SerPort;
-        queue_ = writes ? &port_->SndQueue : &port_->RcvQueue;
-        SERIAL_SETTINGS& settings = port_->Settings;
-        settings.ReadIntervalTimeout = interval;
-        (writes ? settings.WriteTotalTimeoutConstant : settings.ReadTotalTimeoutConstant) = constant;
-        (writes ? settings.WriteTotalTimeoutMultiplier : settings.ReadTotalTimeoutMultiplier) = multiplier;
-        SqueueCheckTimeMode(queue_, &settings);
-        irp_ = IoAllocateIrp(1, FALSE);
-        IoSetNextIrpStackLocation(irp_);
-        IoGetCurrentIrpStackLocation(irp_)->Parameters.Read.Length = 1000;
-        KeAcquireSpinLock(&dev->Lock, &oldIrql_);
-    }
-    ~Engine() {
-        KeReleaseSpinLock(&device_->Device.Lock, oldIrql_);
-        DeleteSerPort(port_);
-        IoSkipCurrentIrpStackLocation(irp_);  // back to where it was made
-        IoFreeIrp(irp_);
-        delete device_;
-    }
-    void add(SER_REQUEST* request, ULONG length) {
-        *request = {};
-        request->Buffer = buffer_;
-        request->Length = length;
-        request->Status = DEFAULT_STATUS;
-        request->Irp = irp_;
-        request->Port = &device_->Device.Port;
-        request->Flags = queue_->IsWrite ? ULONG{REQ_INLINE} : ULONG{REQ_INLINE} | ULONG{REQ_READ};
-        SqueueAddRequest(queue_, request, queue_->IsWrite ? &port_->CircSendBuf : &port_->CircRcvBuf);
-    }
-    void arrive(ULONG count) {
-        const std::vector<UCHAR> bytes(count, 'x');
-        CircBufWrite(&port_->CircRcvBuf, bytes.data(), count);
-        SqueueReceive(queue_, &port_->CircRcvBuf);
-    }
-    // Ticks until the request ends, at most the given number; that number + 1 when it does not.
-    int ticksUntilDone(const SER_REQUEST& request, int limit) {
-        int ticks = 0;
-        while (request.Status == DEFAULT_STATUS && ticks <= limit) {
-            SqueueTick(queue_);
-            ++ticks;
-        }
-        return ticks;
-    }
-    DEVICE* dev() { return &device_->Device; }
-
-private:
-    DEVICE_EXTENSION* device_;
-    SER_PORT* port_ = nullptr;
-    SQUEUE* queue_ = nullptr;
-    PIRP irp_ = nullptr;
-    UCHAR buffer_[1000] = {};
-    KIRQL oldIrql_ = 0;
-};
-
-TEST_F(DriverLeaf, readTiming) {
-    constexpr ULONG kMax = MAXULONG;
-    constexpr int kNever = 5000;
-    const struct {
-        const char* name;
-        ULONG interval, constant, multiplier, length;
-        int quietTicks;   // before the bytes come
-        ULONG bytes;
-        int ticks;        // from then to the end
-        NTSTATUS status;
-        ULONG count;
-    } cases[] = {
-        {"off waits for ever", 0, 0, 0, 10, 1, 3, kNever + 1, DEFAULT_STATUS, 10},
-        {"off ends when full", 0, 0, 0, 10, 1, 10, 0, STATUS_SUCCESS, 10},
-        {"nowait, nothing there", kMax, 0, 0, 10, 0, 0, 0, STATUS_SUCCESS, 0},
-        {"waitfirst, no data", kMax, 500, kMax, 10, 0, 0, 51, STATUS_TIMEOUT, 0},
-        {"waitfirst, a byte", kMax, 500, kMax, 10, 49, 1, 0, STATUS_SUCCESS, 1},
-        {"negative interval", kMax, 500, 0, 10, 0, 0, 1, STATUS_TIMEOUT, 0},
-        {"most negative interval, bytes held", 0x80000000, 500, 0, 10, 0, 3, 1, STATUS_TIMEOUT, 3},
-        {"total time", 0, 100, 0, 10, 0, 0, 11, STATUS_TIMEOUT, 0},
-        {"total time runs on while bytes come", 0, 100, 0, 10, 5, 3, 6, STATUS_TIMEOUT, 3},
-        {"total time per byte", 0, 20, 10, 8, 0, 0, 11, STATUS_TIMEOUT, 0},
-        {"interval after the last byte", 50, 0, 0, 10, 40, 3, 6, STATUS_TIMEOUT, 3},
-        {"interval does not run before the first byte", 50, 0, 0, 10, 0, 0, kNever + 1, DEFAULT_STATUS, 10},
-        {"a product that wraps is used as it is", 0, 0, 0x10000001, 16, 0, 0, 2, STATUS_TIMEOUT, 0},
-    };
-    for (const auto& item : cases) {
-        SCOPED_TRACE(item.name);
-        SER_REQUEST request;
-        Engine engine(item.interval, item.constant, item.multiplier);
-        engine.add(&request, item.length);
-        for (int tick = 0; tick < item.quietTicks; ++tick) {
-            SqueueTick(&engine.dev()->Port.SerPort->RcvQueue);
-        }
-        ASSERT_EQ(request.Status, item.interval == kMax && item.constant == 0 ? STATUS_SUCCESS : DEFAULT_STATUS);
-        engine.arrive(item.bytes);
-        EXPECT_EQ(engine.ticksUntilDone(request, kNever), item.ticks);
-        EXPECT_EQ(request.Status, item.status);
-        EXPECT_EQ(request.Length, item.count);
-    }
-    SER_REQUEST request;
-    Engine overflow(0, 0x7FFFFFF0, 1);
-    overflow.add(&request, 100);
-    EXPECT_EQ(request.TotalTime, MAXLONG);
-    expectNoAssertion();
-}
-
-TEST_F(DriverLeaf, severalReads) {
-    SER_REQUEST first, second;
-    {
-        Engine engine(50, 0, 0);  // the interval of every read runs while the head holds bytes
-        engine.add(&first, 10);
-        engine.add(&second, 10);
-        engine.arrive(3);
-        EXPECT_EQ(engine.ticksUntilDone(first, 100), 6);
-        EXPECT_EQ(first.Length, 3u);
-        EXPECT_EQ(second.Status, DEFAULT_STATUS);
-        engine.arrive(12);
-        EXPECT_EQ(second.Status, STATUS_SUCCESS);
-    }
-    {
-        Engine engine(0, 0, 0);  // turned to nowait under way: the next bytes end all
-        engine.add(&first, 10);
-        engine.add(&second, 10);
-        SERIAL_SETTINGS& settings = engine.dev()->Port.SerPort->Settings;
-        settings.ReadIntervalTimeout = MAXULONG;
-        SqueueCheckTimeMode(&engine.dev()->Port.SerPort->RcvQueue, &settings);
-        engine.arrive(3);
-        EXPECT_EQ(first.Status, STATUS_SUCCESS);
-        EXPECT_EQ(first.Length, 3u);
-        EXPECT_EQ(second.Status, STATUS_SUCCESS);
-        EXPECT_EQ(second.Length, 0u);
-    }
-    expectNoAssertion();
-}
-
-TEST_F(DriverLeaf, writeTiming) {
-    SER_REQUEST request;
-    {
-        Engine engine(0, 100, 0, true);  // without CTS flow control nothing acts on the countdown
-        engine.add(&request, 10);
-        EXPECT_EQ(engine.ticksUntilDone(request, 5000), 5001);
-    }
-    for (bool ctsActive : {true, false}) {
-        Engine engine(0, 100, 0, true);
-        engine.dev()->Cfg.useCtsFlowControl = 1;
-        engine.dev()->ModemStatus = ctsActive ? ULONG{MODEM_CTS} : 0;
-        engine.add(&request, 10);
-        // Inactive: a grace after 11 ticks, the end 101 later. The ring took 4 bytes.
-        EXPECT_EQ(engine.ticksUntilDone(request, 5000), ctsActive ? 11 : 112);
-        EXPECT_EQ(engine.dev()->CtsGraceBytes, ctsActive ? 0u : 4u);
-        EXPECT_EQ(request.Status, STATUS_TIMEOUT);
-        EXPECT_EQ(request.Length, 4u);
-        KeRemoveQueueDpc(&engine.dev()->Snd.Dpc);
-    }
-    {
-        Engine engine(0, 0, 0, true);  // the ring is gone after a resize that failed: the write waits
-        nt::faults::failNth(nt::faults::Kind::allocation, 1);
-        SetSendBufferSize(engine.dev()->Port.SerPort, 500);
-        engine.add(&request, 10);
-        EXPECT_EQ(request.Status, DEFAULT_STATUS);
-        SetSendBufferSize(engine.dev()->Port.SerPort, 5);
-        EXPECT_EQ(SqueueSend(&engine.dev()->Port.SerPort->SndQueue, &engine.dev()->Port.SerPort->CircSendBuf), STATUS_SUCCESS);
-        EXPECT_EQ(request.Status, STATUS_SUCCESS);
-    }
-    expectNoAssertion();
 }
 
 }  // namespace

@@ -25,16 +25,11 @@ inline void spin(std::uint64_t steps) {
 
 // A machine with this seed; `values` are of the device's key.
 inline RigOptions seeded(std::uint64_t seed, std::map<std::string, std::uint32_t> values = {}) {
-    RigOptions options;
-    options.seed = seed;
-    options.deviceValues = std::move(values);
-    return options;
+    return {.seed = seed, .deviceValues = std::move(values)};
 }
 
 inline RigOptions traced(std::uint32_t mask, std::map<std::string, std::uint32_t> values = {}) {
-    RigOptions options = seeded(1, std::move(values));
-    options.traceMask = mask;
-    return options;
+    return {.traceMask = mask, .deviceValues = std::move(values)};
 }
 
 // One asynchronous request, its buffer, and when it ended. One that is left outstanding is cancelled before its memory goes.
@@ -61,7 +56,7 @@ struct Pending {
     NTSTATUS read(nt::File& file) { return file.read(on(file), buffer.data(), static_cast<ULONG>(buffer.size())); }
     NTSTATUS write(nt::File& file) { return file.write(on(file), buffer.data(), static_cast<ULONG>(buffer.size())); }
     bool done() const { return completions != 0; }
-    NTSTATUS status() const { return request.status(); }
+    NTSTATUS status() const { return done() ? request.status() : STATUS_PENDING; }
     ULONG information() const { return static_cast<ULONG>(request.information()); }
     std::string text() const { return buffer.substr(0, information()); }
 
@@ -156,14 +151,10 @@ public:
     PDEVICE_OBJECT pdo() const { return pdo_; }
     // Each waits for the request's end; its status.
     NTSTATUS set(DEVICE_POWER_STATE deviceState) {
-        POWER_STATE state;
-        state.DeviceState = deviceState;
-        return run(IRP_MN_SET_POWER, state);
+        return run(IRP_MN_SET_POWER, {.DeviceState = deviceState});
     }
     NTSTATUS waitForWake() {
-        POWER_STATE state;
-        state.SystemState = PowerSystemWorking;
-        return run(IRP_MN_WAIT_WAKE, state);
+        return run(IRP_MN_WAIT_WAKE, {.SystemState = PowerSystemWorking});
     }
 
 private:

@@ -20,12 +20,12 @@ void appendEndpoint(Bytes& to, std::uint8_t address, std::uint8_t attributes, st
 Bytes cdcConfiguration(const CdcShape& shape) {
     const auto commCount = static_cast<std::uint8_t>(shape.interruptIn != 0);
     const auto dataCount = static_cast<std::uint8_t>((shape.bulkIn != 0) + (shape.bulkOut != 0));
-    Bytes bytes{9, 2, 0, 0, 2, shape.configurationValue, 0, shape.attributes, shape.maxPower};
-    append(bytes, {9, 4, shape.commInterface, 0, commCount, 2, 2, 1, 0});
+    Bytes bytes{9, 2, 0, 0, 2, shape.configurationValue, 0, shape.attributes, 50};
+    append(bytes, {9, 4, 0, 0, commCount, 2, 2, 1, 0});
     append(bytes, {5, 0x24, 0, 0x10, 0x01});
     append(bytes, {5, 0x24, 1, 0, shape.dataInterface});
     append(bytes, {4, 0x24, 2, 2});
-    append(bytes, {5, 0x24, 6, shape.commInterface, shape.dataInterface});
+    append(bytes, {5, 0x24, 6, 0, shape.dataInterface});
     appendEndpoint(bytes, shape.interruptIn, 3, shape.interruptPacket, 9);
     append(bytes, {9, 4, shape.dataInterface, 0, dataCount, 10, 0, 0, 0});
     appendEndpoint(bytes, shape.bulkIn, 2, shape.bulkPacket, 0);
@@ -111,25 +111,21 @@ std::optional<usb::ControlReply> ScriptedDevice::standardControl(const usb::Setu
 
 usb::ControlReply ScriptedDevice::control(const usb::SetupPacket& setup, std::span<std::uint8_t> data) {
     controls.push_back({setup, setup.isIn() ? Bytes() : Bytes(data.begin(), data.end())});
+    if (stallControls) return usb::ControlReply::stall();
     if (onControl) {
         if (const auto reply = onControl(setup, data)) return *reply;
     }
-    switch (setup.request) {
-    case 0x20:
+    if (setup.request == 0x20) {
         if (data.size() != lineCoding.size()) return usb::ControlReply::stall();
         std::copy(data.begin(), data.end(), lineCoding.begin());
-        return usb::ControlReply::ack();
-    case 0x21: {
+    } else if (setup.request == 0x21) {
         const std::size_t length = std::min(data.size(), lineCoding.size());
         std::copy_n(lineCoding.begin(), length, data.begin());
         return usb::ControlReply::ack(static_cast<std::uint32_t>(length));
-    }
-    case 0x22:
+    } else if (setup.request == 0x22) {
         controlLines = setup.value;
-        return usb::ControlReply::ack();
-    default:
-        return usb::ControlReply::ack();
     }
+    return usb::ControlReply::ack();
 }
 
 std::int32_t ScriptedDevice::dataOut(std::uint8_t endpoint, std::span<const std::uint8_t> data, bool ends) {

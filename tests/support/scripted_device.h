@@ -25,13 +25,11 @@ inline Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.en
 struct CdcShape {
     std::uint8_t configurationValue = 1;
     std::uint8_t attributes = 0xA0;  // bus-powered, remote wake
-    std::uint8_t maxPower = 50;      // 2 mA units
     std::uint8_t interruptIn = 0x82;
     std::uint8_t bulkIn = 0x81;
     std::uint8_t bulkOut = 0x01;
     std::uint16_t interruptPacket = 10;
     std::uint16_t bulkPacket = 64;
-    std::uint8_t commInterface = 0;
     std::uint8_t dataInterface = 1;
 };
 
@@ -56,6 +54,7 @@ public:
     std::function<std::optional<usb::ControlReply>(const usb::SetupPacket&, std::span<std::uint8_t>)> onControl;
     // The same for standard requests.
     std::function<std::optional<usb::ControlReply>(const usb::SetupPacket&, std::span<std::uint8_t>)> onStandard;
+    bool stallControls = false;            // every class and vendor request
     bool holdOut = false;                  // NAK every OUT transfer
     std::uint64_t outAllowance = ~0ull;    // bytes taken before the device NAKs
     unsigned stallOut = 0, stallIn = 0;    // how many of the next transfers on a bulk endpoint stall
