@@ -1,5 +1,9 @@
 #include "tests/support/ppp_client.h"
 
+#include "tests/support/ppp_oracle.h"
+
+#include <utility>
+
 namespace test {
 
 namespace {
@@ -16,18 +20,6 @@ std::uint32_t number(const std::string& text, std::size_t at, std::size_t bytes)
     std::uint32_t value = 0;
     for (std::size_t i = 0; i < bytes; ++i) value = value << 8 | static_cast<Byte>(text.at(at + i));
     return value;
-}
-
-std::uint16_t bitwiseFcs(const std::string& bytes) {
-    unsigned fcs = 0xFFFF;
-    for (const char c : bytes) {
-        for (int bit = 0; bit < 8; ++bit) {
-            const bool one = ((fcs ^ (static_cast<Byte>(c) >> bit)) & 1) != 0;
-            fcs >>= 1;
-            if (one) fcs ^= 0x8408;
-        }
-    }
-    return static_cast<std::uint16_t>(fcs);
 }
 
 std::uint16_t sum(const std::string& bytes) {
@@ -53,33 +45,19 @@ std::vector<std::string> split(const std::string& options) {
 
 // ---- bytes ----
 
-std::string PppClient::takeOutput() {
-    std::string all;
-    all.swap(output_);
-    return all;
-}
+std::string PppClient::takeOutput() { return std::exchange(output_, {}); }
 
 void PppClient::sendFrame(std::uint16_t protocol, const std::string& information, bool escapeAll) {
-    std::string bytes = "\xFF\x03" + word(protocol, 2) + information;
-    const std::uint16_t fcs = bitwiseFcs(bytes) ^ 0xFFFF;
-    bytes += static_cast<char>(fcs);
-    bytes += static_cast<char>(fcs >> 8);
-    const std::uint32_t map = escapeAll ? 0xFFFFFFFF : sendAccm_ | options_.escapes;
-    output_ += '\x7E';
-    for (const char c : bytes) {
-        const auto value = static_cast<Byte>(c);
-        const bool escaped = value == 0x7D || value == 0x7E || (value < 32 && (map >> value & 1) != 0);
-        if (escaped) output_ += '\x7D';
-        output_ += static_cast<char>(escaped ? value ^ 0x20 : value);
-    }
-    output_ += '\x7E';
+    const Bytes escaped = ppp::controls(escapeAll ? 0xFFFFFFFF : sendAccm_ | options_.escapes);
+    const Bytes frame = ppp::hostFrame(bytesOf("\xFF\x03" + word(protocol, 2) + information), escaped);
+    output_.append(frame.begin(), frame.end());
 }
 
 void PppClient::take(std::string_view bytes) {
     for (const char c : bytes) {
         const auto value = static_cast<Byte>(c);
         if (value == 0x7E) {
-            const bool whole = !escape_ && building_.size() >= 4 && bitwiseFcs(building_) == 0xF0B8;
+            const bool whole = !escape_ && building_.size() >= 4 && ppp::fcs(building_) == 0xF0B8;
             const std::string last = building_;
             building_.clear();
             escape_ = false;
