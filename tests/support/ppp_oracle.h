@@ -41,6 +41,12 @@ inline Bytes controls(std::uint32_t map) {
 
 inline void append(Bytes& to, const Bytes& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
 
+inline Bytes joined(const std::vector<Bytes>& frames) {
+    Bytes all;
+    for (const Bytes& frame : frames) append(all, frame);
+    return all;
+}
+
 // `length` stands in the header instead of the true one.
 inline Bytes deviceFrame(unsigned sequence, const Bytes& body, int length = -1) {
     const unsigned stated = static_cast<unsigned>(length < 0 ? static_cast<int>(body.size()) + 4 : length);
