@@ -82,9 +82,7 @@ TEST(ModemRequests, LineCodingRoundTripAndConnectRate) {
     EXPECT_EQ(host.control({classIn, 0x21, 0, 0, 0}, back).length, 7u);
     back.resize(7);
     EXPECT_EQ(back, coding);
-    host.write("ATE0D100\r");
-    host.pass(300);
-    EXPECT_EQ(host.read(), "ATE0D100\r\r\nCONNECT 9600\r\n");
+    EXPECT_EQ(host.ask("ATE0D100\r", 300), "ATE0D100\r\r\nCONNECT 9600\r\n");
 }
 
 TEST(ModemRequests, EscapedCharacters) {
@@ -163,8 +161,7 @@ TEST(ModemLines, ACallThatEndsLeavesNothingForTheNext) {
         EXPECT_EQ(host.told(), "002");
         EXPECT_EQ(host.read(), byHost ? "" : sent.substr(0, modem::Line::echoBytes) + "\r\nNO CARRIER\r\n");
         host.lines(3);
-        host.write("AT\r");
-        EXPECT_EQ(host.read(), "\r\nOK\r\n") << "nothing of the call became a command";
+        EXPECT_EQ(host.ask("AT\r"), "\r\nOK\r\n") << "nothing of the call became a command";
     }
 }
 

@@ -98,11 +98,15 @@ struct DeviceHost {
         }
     }
 
+    // Types, waits and reads.
+    std::string ask(std::string_view text, std::int64_t ms = 0) {
+        write(text);
+        pass(ms);
+        return read();
+    }
     void call(std::string_view number) {
-        write("ATE0\r");
-        write("ATD" + std::string(number) + "\r");
-        pass(300);
-        ASSERT_TRUE(read().ends_with("\r\nCONNECT 115200\r\n"));
+        ask("ATE0\r");
+        ASSERT_EQ(ask("ATD" + std::string(number) + "\r", 300), "\r\nCONNECT 115200\r\n");
         told();
     }
 };
