@@ -1,5 +1,4 @@
-// PPP calls of the modem: the access server frame by frame, the bytes and device frames that carry it, the switch
-// between them.
+// PPP calls of the modem: the access server frame by frame, the bytes and device frames that carry it, the switch between them.
 #include "modem/hdlc.h"
 #include "modem/ppp_endpoint.h"
 #include "tests/modem_host.h"
@@ -83,13 +82,7 @@ TEST(Hdlc, BrokenFramesAreCountedAndDoNotReachTheNext) {
         {"a check sequence alone", hex("7E 00 00"), 1, 0, 0},
         {"aborted", hex("7E FF 03 00 21 7D"), 0, 0, 1},
         {"too long", Bytes(40, 0x41), 0, 1, 0},
-        {"an escape beyond the limit",
-         [] {
-             Bytes b(32, 0x41);
-             b.insert(b.end(), {0x7D, 0x5E});
-             return b;
-         }(),
-         0, 1, 0},
+        {"an escape beyond the limit", [] { Bytes b(32, 0x41); b.insert(b.end(), {0x7D, 0x5E}); return b; }(), 0, 1, 0},
     };
     for (const auto& c : cases) {
         HdlcDecoder decoder(30);
@@ -157,31 +150,14 @@ TEST(PppEndpoint, JudgesOptions) {
     } const cases[] = {
         {"none", "FF03 C021 01 07 0004", "C02102070004"},
         {"all it takes", "C021 01 07 0016 010405DC 020600000000 05060A0B0C0D 0702",
-         "C021020700160104"
-         "05DC0206000000000506"
-         "0A0B0C0D0702"},
-        {"padding behind the packet", "C021 01 07 0006 0802 FFFFFFFF",
-         "C0210207"
-         "00060802"},
-        {"a tiny MRU", "C021 01 07 0008 0104 0040",
-         "C0210307"
-         "000801040080"},
-        {"no magic number", "C021 01 07 000A 0506 00000000",
-         "C0210307"
-         "000A0506FEFDFCFB"},
-        {"its own magic number", "C021 01 07 000A 0506 01020304",
-         "C0210307"
-         "000A0506FEFDFCFB"},
-        {"to be authenticated itself", "C021 01 07 0008 0304 C023",
-         "C0210407"
-         "00080304C023"},
-        {"unknown and wrong ones: the unknown first", "C021 01 07 000D 0D03 06 0104 0040 0802",
-         "C0210407"
-         "00070D0306"},
-        {"a wrong length of a known one", "C021 01 07 0007 0203 00",
-         "C0210407"
-         "00070203"
-         "00"},
+         "C021020700160104" "05DC0206000000000506" "0A0B0C0D0702"},
+        {"padding behind the packet", "C021 01 07 0006 0802 FFFFFFFF", "C0210207" "00060802"},
+        {"a tiny MRU", "C021 01 07 0008 0104 0040", "C0210307" "000801040080"},
+        {"no magic number", "C021 01 07 000A 0506 00000000", "C0210307" "000A0506FEFDFCFB"},
+        {"its own magic number", "C021 01 07 000A 0506 01020304", "C0210307" "000A0506FEFDFCFB"},
+        {"to be authenticated itself", "C021 01 07 0008 0304 C023", "C0210407" "00080304C023"},
+        {"unknown and wrong ones: the unknown first", "C021 01 07 000D 0D03 06 0104 0040 0802", "C0210407" "00070D0306"},
+        {"a wrong length of a known one", "C021 01 07 0007 0203 00", "C0210407" "00070203" "00"},
     };
     for (const auto& c : cases) {
         Wire wire;
@@ -190,24 +166,10 @@ TEST(PppEndpoint, JudgesOptions) {
 }
 
 TEST(PppEndpoint, DropsWhatIsMalformedOrOutOfPlace) {
-    const char* const cases[] = {"",
-                                 "FF",
-                                 "FF03",
-                                 "FF03C0",
-                                 "C022",
-                                 "C021",
-                                 "C0210107",
-                                 "C02101070003",
-                                 "C02101070005",
-                                 "C0210107000501",
-                                 "C021010700060101",
-                                 "C021010700060107",
-                                 "C0210207000A050601020304",
-                                 "C0230101000E04757365720473656372",
-                                 "C22302010004",
-                                 "80210101000A030600000000",
-                                 "0021450000140000",
-                                 "80FD01010004"};
+    const char* const cases[] = {"", "FF", "FF03", "FF03C0", "C022", "C021", "C0210107", "C02101070003", "C02101070005",
+                                 "C0210107000501", "C021010700060101", "C021010700060107", "C0210207000A050601020304",
+                                 "C0230101000E04757365720473656372", "C22302010004", "80210101000A030600000000",
+                                 "0021450000140000", "80FD01010004"};
     for (const char* frame : cases) {
         Wire wire;
         EXPECT_EQ(wire.says(frame), "") << frame;
@@ -225,16 +187,9 @@ TEST(PppEndpoint, AnswersOnAnOpenLink) {
         {"echo", "C021 09 22 0009 0A0B0C0D 55", "C0210A2200090102030455"},
         {"echo without a magic number", "C021 09 22 0004", "C0210A22000801020304"},
         {"discard", "C021 0B 22 0008 0A0B0C0D", ""},
-        {"an unknown code", "C021 0E 22 0005 99",
-         "C02107030009"
-         "0E22000599"},
-        {"an unknown protocol", "80FD 01 01 0004",
-         "C0210803000A"
-         "80FD01010004"},
-        {"an unknown protocol, compressed", "FD 00 01",
-         "C0210803"
-         "0008"
-         "00FD0001"},
+        {"an unknown code", "C021 0E 22 0005 99", "C02107030009" "0E22000599"},
+        {"an unknown protocol", "80FD 01 01 0004", "C0210803000A" "80FD01010004"},
+        {"an unknown protocol, compressed", "FD 00 01", "C0210803" "0008" "00FD0001"},
         {"a protocol reject", "C021 08 22 0006 80FD", ""},
         {"IPCP ends", "8021 05 22 0004", "802106220004"},
         {"another address", "8021 01 09 000A 0306 0A000001", "80210103000A0306C0000201|80210309000A0306C0000202"},
@@ -243,9 +198,7 @@ TEST(PppEndpoint, AnswersOnAnOpenLink) {
         {"the end", "C021 05 22 0006 4242", "C021062200064242"},
         // 192.0.2.2 to 192.0.2.1, ICMP echo of one byte
         {"ping", "0021 4500001D0001000040 01 F6DB C0000202 C0000201 0800 A2FE 0001 0000 55",
-         "00214500001D0001000040"
-         "01F6DBC0000201C0000202"
-         "0000AAFE0001000055"},
+         "00214500001D0001000040" "01F6DBC0000201C0000202" "0000AAFE0001000055"},
         {"ping, wrong sum", "0021 4500001D0001000040 01 F6DB C0000202 C0000201 0800 A2FF 0001 0000 55", ""},
         {"ping to another", "0021 4500001D0001000040 01 F6DA C0000202 C0000202 0800 A2FE 0001 0000 55", ""},
         {"wrong header sum", "0021 4500001D0001000040 01 F6DC C0000202 C0000201 0800 A2FE 0001 0000 55", ""},
@@ -253,14 +206,9 @@ TEST(PppEndpoint, AnswersOnAnOpenLink) {
         {"a header beyond the frame", "0021 4F00001D0001000040 01 ECDB C0000202 C0000201 0800 A2FE 0001 0000 55", ""},
         {"a fragment", "0021 4500001D0001200040 01 D6DB C0000202 C0000201 0800 A2FE 0001 0000 55", ""},
         {"UDP echo, no sum", "0021 4500001D0001000040 11 F6CB C0000202 C0000201 9C40 0007 0009 0000 41",
-         "00214500001D0001000040"
-         "11F6CBC0000201C0000202"
-         "00079C40000"
-         "99E90"
-         "41"},
+         "00214500001D0001000040" "11F6CBC0000201C0000202" "00079C40000" "99E90" "41"},
         {"UDP, another port", "0021 4500001D0001000040 11 F6CB C0000202 C0000201 9C40 0009 0009 0000 41", ""},
-        {"UDP, a length beyond the datagram",
-         "0021 4500001D0001000040 11 F6CB C0000202 C0000201 9C40 0007 000A 0000 41", ""},
+        {"UDP, a length beyond the datagram", "0021 4500001D0001000040 11 F6CB C0000202 C0000201 9C40 0007 000A 0000 41", ""},
         {"UDP, from an echo", "0021 4500001D0001000040 11 F6CB C0000202 C0000201 0007 0007 0009 0000 41", ""},
     };
     for (const auto& c : cases) {
@@ -294,12 +242,8 @@ TEST(PppEndpoint, GivesWayOnItsOwnOptionsAndStartsOverWhenAskedTo) {
     modem::PppSettings settings = Wire::plain();
     settings.authenticate = true;
     Wire wire(settings);
-    EXPECT_EQ(wire.says("C021 01 07 0004"),
-              "C021010100150206000000000305C223050506"
-              "01020304|C02102070004");
-    EXPECT_EQ(wire.says("C021 03 01 0008 0304 C023"),
-              "C021010200140206000000000304C0230506"
-              "01020304");
+    EXPECT_EQ(wire.says("C021 01 07 0004"), "C021010100150206000000000305C223050506" "01020304|C02102070004");
+    EXPECT_EQ(wire.says("C021 03 01 0008 0304 C023"), "C021010200140206000000000304C0230506" "01020304");
     EXPECT_EQ(wire.says("C021 04 02 000A 0506 01020304"), "C0210103000E0206000000000304C023");
     EXPECT_EQ(wire.says("C021 02 03 000E 020600000000 0304C023"), "") << "waits for the name";
     EXPECT_EQ(wire.says("C023 01 05 000B 0161 0362"), "") << "a secret beyond the packet";
@@ -410,8 +354,7 @@ struct Dialled {
         }
         deviceBytes += bytes;
         while (deviceBytes.size() >= 4) {
-            const auto word =
-                static_cast<std::uint8_t>(deviceBytes[2]) << 8 | static_cast<std::uint8_t>(deviceBytes[3]);
+            const auto word = static_cast<std::uint8_t>(deviceBytes[2]) << 8 | static_cast<std::uint8_t>(deviceBytes[3]);
             const std::size_t length = word & 0x7FF;
             ASSERT_EQ(deviceBytes.substr(0, 2), "\xAA\xBB");
             ASSERT_GE(length, 5u);
@@ -452,8 +395,7 @@ TEST(PppCall, LosesNothingUnderBackPressure) {
                     sent += block;
                     d.out += d.toDevice(d.client.takeOutput());
                 }
-                const std::size_t size =
-                    std::min<std::size_t>(d.out.size(), random() % 4 == 0 ? 64 : 1 + random() % 90'000);
+                const std::size_t size = std::min<std::size_t>(d.out.size(), random() % 4 == 0 ? 64 : 1 + random() % 90'000);
                 const std::int32_t taken = d.host.write(std::string_view(d.out).substr(0, size));
                 refused += taken < 0;
                 d.out.erase(0, static_cast<std::size_t>(std::max(taken, 0)));
@@ -670,8 +612,7 @@ TEST(PppFrames, HostileOnesAreCountedAndTheNextIsFound) {
             const auto before = d.host.device.framing().counters();
             // As if the numbers began here: they count on from what came.
             std::string bytes = c.bytes;
-            for (std::size_t at = 0; (at = bytes.find("\xAA\xBB", at)) != std::string::npos && at + 2 < bytes.size();
-                 at += 4)
+            for (std::size_t at = 0; (at = bytes.find("\xAA\xBB", at)) != std::string::npos && at + 2 < bytes.size(); at += 4)
                 bytes[at + 2] = static_cast<char>(bytes[at + 2] + ((d.sequence & 31) << 3));
             for (std::size_t at = 0; at < bytes.size(); at += piece)
                 d.host.write(std::string_view(bytes).substr(at, piece));
