@@ -265,8 +265,8 @@ void interrupted(Dialup& d, void (*act)(Dialup& d), Moments& moments) {
         d.step();
         test::waitAtRandom(d.rig, 300, 4);
     }
-    moments.connecting += d.ppp.frames.empty();
-    moments.negotiating += !d.ppp.frames.empty() && !d.ppp.up();
+    moments.connecting += !d.ppp.heard;
+    moments.negotiating += d.ppp.heard && !d.ppp.up();
     moments.framing += d.state() == "framing";
     act(d);
     ASSERT_TRUE(d.dial()) << d.state() << "\n" << d.rig.trace();

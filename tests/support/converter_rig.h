@@ -6,6 +6,7 @@
 #include "kernel/executive.h"
 #include "tests/support/scripted_device.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <functional>
@@ -59,8 +60,10 @@ public:
         DeleteSndPipe(&dev().Snd);
         DeleteSerPort(dev().Port.SerPort);
         IoDeleteDevice(catcher_);
-        leaks = executive_.stop().lines;
-        if (leakTarget != nullptr) *leakTarget = leaks;
+        for (const std::string& leak : executive_.stop().lines) {
+            std::fprintf(stderr, "%s\n", leak.c_str());
+            std::abort();
+        }
     }
     ConverterRig(const ConverterRig&) = delete;
     ConverterRig& operator=(const ConverterRig&) = delete;
@@ -202,8 +205,6 @@ public:
     std::vector<Bytes> transfers;   // what each one carried, kept while `keep`
     bool keep = true;
     std::string traced;
-    std::vector<std::string> leaks;
-    std::vector<std::string>* leakTarget = nullptr;   // where to put what was left at the end
 
 private:
     // No pointer has left its place, whatever came.

@@ -62,10 +62,10 @@ void PppClient::take(std::string_view bytes) {
             building_.clear();
             escape_ = false;
             if (whole) {
-                seenFrame_ = true;
+                heard = true;
                 frame(last.substr(0, last.size() - 2));
             } else if (!last.empty()) {
-                badFrames += seenFrame_;
+                badFrames += heard;
             }
         } else if (value < 32 && (options_.accm >> value & 1) != 0) {
             ++stray;
@@ -84,7 +84,6 @@ void PppClient::frame(const std::string& bytes) {
     if (bytes.size() < at + 2) return;
     const auto protocol = static_cast<std::uint16_t>(number(bytes, at, shortProtocol ? 1 : 2));
     const std::string information = bytes.substr(at + (shortProtocol ? 1 : 2));
-    ++frames[protocol];
     if (protocol == 0x0021) datagram(information);
     if (information.size() < 4 || number(information, 2, 2) > information.size()) return;
     const std::string packet = information.substr(0, number(information, 2, 2));
@@ -128,7 +127,6 @@ void PppClient::retransmit() {
 
 void PppClient::lcpPacket(const std::string& packet) {
     const auto code = static_cast<Byte>(packet[0]), id = static_cast<Byte>(packet[1]);
-    lcpFrames.push_back(packet);
     const std::string data = packet.substr(4);
     if (code == 1) answerLcpRequest(id, data);
     if (code == 2) lcpAcked_ = true;
@@ -222,9 +220,9 @@ void PppClient::ping(const std::string& payload) {
     sendIp(1, message);
 }
 
-void PppClient::udp(const std::string& payload, std::uint16_t port) {
+void PppClient::udp(const std::string& payload) {
     const auto length = static_cast<std::uint32_t>(8 + payload.size());
-    const std::string head = word(40000, 2) + word(port, 2) + word(length, 2);
+    const std::string head = word(40000, 2) + word(7, 2) + word(length, 2);
     const std::string pseudo = word(address_, 4) + word(server_, 4) + word(17, 2) + word(length, 2);
     const std::uint16_t check = sum(pseudo + head + word(0, 2) + payload);
     sendIp(17, head + word(check == 0 ? 0xFFFF : check, 2) + payload);

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,15 +38,14 @@ public:
 
     void terminate() { lcp(5, ++id_, "bye"); }
     void ping(const std::string& payload);
-    void udp(const std::string& payload, std::uint16_t port = 7);
+    void udp(const std::string& payload);
     // A frame of any content, its FCS right.
     void sendFrame(std::uint16_t protocol, const std::string& information, bool escapeAll = false);
 
     // What came back, in order.
     std::vector<std::string> pongs;
     std::vector<std::string> datagrams;
-    std::map<std::uint16_t, unsigned> frames;  // good ones that came, by protocol
-    std::vector<std::string> lcpFrames;        // their information
+    bool heard = false;                        // a good frame
     unsigned badFrames = 0;                    // wrong FCS, after the first good one
     unsigned stray = 0;                        // control characters that came unescaped against accm
 
@@ -68,7 +66,6 @@ private:
     std::string output_;
     std::string building_;
     bool escape_ = false;
-    bool seenFrame_ = false;
     std::uint8_t id_ = 0;
     std::uint32_t sendAccm_ = 0xFFFFFFFF;
     std::uint16_t auth_ = 0;
