@@ -4,29 +4,21 @@
 // The first byte of an input picks the escapes, the second the pace; the rest is the stream.
 #pragma once
 
+#include "fuzz/actions.h"
 #include "tests/support/converter_rig.h"
 #include "tests/support/ppp_oracle.h"
 
-#include <cstdlib>
 #include <span>
 
 namespace framing {
 
+using fuzz::require;
 using test::Bytes;
 namespace ppp = test::ppp;
 
-inline void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
-
 inline test::ConverterRig& rig() {
     // Gone before the executive's own globals.
-    static test::ConverterRig one([] {
-        test::ConverterRig::Options options;
-        options.receiveRing = options.sendRing = 5000;
-        return options;
-    }());
+    static test::ConverterRig one({.receiveRing = 5000, .sendRing = 5000});
     return one;
 }
 

@@ -620,29 +620,4 @@ TEST(PppFrames, SurviveAResetOfTheBusAndEndWithThePower) {
     EXPECT_TRUE(d.up());
 }
 
-TEST(PppCommands, ChooseFraming) {
-    struct {
-        std::string command, answer;
-    } const cases[] = {
-        {"AT+FRAME?", "\r\n+FRAME: ON,FFFFFFFF,bytes\r\n\r\nOK\r\n"},
-        {"AT+FRAME=off;+FRAME?", "\r\n+FRAME: OFF,FFFFFFFF,bytes\r\n\r\nOK\r\n"},
-        {"AT+FRAME=mid,a0000;+FRAME?", "\r\n+FRAME: MID,000A0000,bytes\r\n\r\nOK\r\n"},
-        {"AT+FRAME=KEEP,0;+FRAME?", "\r\n+FRAME: KEEP,00000000,bytes\r\n\r\nOK\r\n"},
-        {"AT+FRAME=?", "\r\n+FRAME: (ON,OFF,LATE,MID,TWICE,KEEP),(00000000-FFFFFFFF)\r\n\r\nOK\r\n"},
-        {"AT+FRAME", "\r\nERROR\r\n"},
-        {"AT+FRAME=", "\r\nERROR\r\n"},
-        {"AT+FRAME=ON,", "\r\nERROR\r\n"},
-        {"AT+FRAME=ON,1FFFFFFFF", "\r\nERROR\r\n"},
-        {"AT+FRAME=ON,12G", "\r\nERROR\r\n"},
-        {"ATD*99", "\r\nNO CARRIER\r\n"},
-        {"ATD*999#", "\r\nNO CARRIER\r\n"},
-        {"ATD*99*A#", "\r\nNO CARRIER\r\n"},
-    };
-    for (const auto& c : cases) {
-        ModemHost host;
-        host.ask("ATE0\r");
-        EXPECT_EQ(host.ask(c.command + "\r", 60'000), c.answer) << c.command;
-    }
-}
-
 }  // namespace

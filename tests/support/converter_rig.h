@@ -24,6 +24,7 @@ public:
         ULONG receiveRing = 700, sendRing = 5000, packet = 4096;
     };
 
+    ConverterRig() : ConverterRig(Options()) {}
     explicit ConverterRig(const Options& options) : executive_(boot(options, this)) {
         require(executive_.loadDriver("qvcdcacm", DriverEntry) == STATUS_SUCCESS);
         require(executive_.loadDriver("catcher", catcherEntry) == STATUS_SUCCESS);
