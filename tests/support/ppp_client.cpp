@@ -100,11 +100,6 @@ void PppClient::lcp(Byte code, Byte id, const std::string& data, std::uint16_t p
 }
 
 void PppClient::begin() {
-    nameServerWanted_ = options_.nameServer;
-    requestLcp();
-}
-
-void PppClient::requestLcp() {
     lcp(1, 1, "\x02\x06" + word(options_.accm, 4) + "\x05\x06" + word(0x12345678, 4) + "\x07\x02\x08\x02");
 }
 
@@ -117,7 +112,7 @@ void PppClient::requestIp() {
 void PppClient::retransmit() {
     if (terminated_) return;
     if (!lcpAcked_ || !lcpOpen_) {
-        requestLcp();
+        begin();
     } else if (!loggedIn_) {
         if (auth_ == 0xC023) login(auth_, "");
     } else if (!up()) {

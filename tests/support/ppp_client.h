@@ -22,7 +22,7 @@ struct PppClientOptions {
 
 class PppClient {
 public:
-    explicit PppClient(const PppClientOptions& options = {}) : options_(options) {}
+    explicit PppClient(const PppClientOptions& options = {}) : options_(options), nameServerWanted_(options.nameServer) {}
 
     void begin();
     void retransmit();
@@ -52,7 +52,6 @@ public:
 private:
     void frame(const std::string& bytes);
     void lcp(std::uint8_t code, std::uint8_t id, const std::string& data, std::uint16_t protocol = 0xC021);
-    void requestLcp();
     void requestIp();
     void lcpPacket(const std::string& packet);
     void answerLcpRequest(std::uint8_t id, const std::string& options);
@@ -74,7 +73,7 @@ private:
     bool loggedIn_ = false;
     bool ipAcked_ = false;
     bool ipOpen_ = false;
-    bool nameServerWanted_ = false;
+    bool nameServerWanted_;
     bool terminated_ = false;
     std::uint32_t address_ = 0;
     std::uint32_t nameServer_ = 0;
