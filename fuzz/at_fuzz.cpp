@@ -3,18 +3,14 @@
 // The input is a list of actions: a kind, a length, then that many bytes. What must hold: no memory fault, no
 // endless loop, memory within the limit the fuzzer is run with, every answer within what the host asked for. The
 // input as a whole must also come back unchanged from a call to the echo.
+#include "fuzz/actions.h"
 #include "modem/modem.h"
 
-#include <cstddef>
-#include <cstdlib>
 #include <vector>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
+using fuzz::require;
 
 class Player {
   public:
@@ -37,7 +33,8 @@ class Player {
             control(bytes);
             break;
         case 4:
-            pass(bytes.empty() ? 1 : 1 + bytes[0] * 50);
+            fuzz::pass(nowMs_, bytes.empty() ? 1 : 1 + bytes[0] * 50, [&] { return modem_.nextDeadlineMs(); },
+                       [&] { modem_.tick(nowMs_); });
             break;
         case 5:
             stimulate(bytes);
@@ -100,46 +97,19 @@ class Player {
         require(reply.length <= data.size());
     }
 
-    void pass(std::int64_t ms) {
-        const std::int64_t endMs = nowMs_ + ms;
-        for (int steps = 0; nowMs_ < endMs; ++steps) {
-            // A device that asks for ever closer deadlines would keep its thread from sleeping.
-            require(steps < 2 * ms + 16);
-            const std::int64_t dueMs = modem_.nextDeadlineMs().value_or(endMs);
-            nowMs_ = std::max(nowMs_, std::min(dueMs, endMs));
-            modem_.tick(nowMs_);
-        }
-    }
-
     void stimulate(std::span<const std::uint8_t> bytes) {
-        if (bytes.size() < 2)
-            return;
-        switch (bytes[0] % 8) {
-        case 0:
-            modem_.ringIn(bytes[1]);
-            break;
-        case 1:
-            modem_.dropCarrier();
-            break;
-        case 2:
-            modem_.reportErrors(bytes[1]);
-            break;
-        case 3:
-            modem_.setClearToSend(bytes[1] & 1);
-            break;
-        case 4:
-            modem_.setHold(bytes[1] & 1);
-            break;
-        case 5:
-            modem_.busReset();
-            break;
-        case 6:
-            modem_.configured(bytes[1] & 1);
-            break;
-        case 7:
-            modem_.haltCleared(bytes[1]);
-            break;
-        }
+        static constexpr void (*stimuli[])(modem::Modem&, std::uint8_t) = {
+            [](modem::Modem& modem, std::uint8_t value) { modem.ringIn(value); },
+            [](modem::Modem& modem, std::uint8_t) { modem.dropCarrier(); },
+            [](modem::Modem& modem, std::uint8_t value) { modem.reportErrors(value); },
+            [](modem::Modem& modem, std::uint8_t value) { modem.setClearToSend(value & 1); },
+            [](modem::Modem& modem, std::uint8_t value) { modem.setHold(value & 1); },
+            [](modem::Modem& modem, std::uint8_t) { modem.busReset(); },
+            [](modem::Modem& modem, std::uint8_t value) { modem.configured(value & 1); },
+            [](modem::Modem& modem, std::uint8_t value) { modem.haltCleared(value); },
+        };
+        if (bytes.size() >= 2)
+            stimuli[bytes[0] % 8](modem_, bytes[1]);
     }
 
     void notification(std::size_t space) {
@@ -180,11 +150,7 @@ void echo(std::span<const std::uint8_t> data) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::span input(data, size);
     Player player;
-    for (std::size_t at = 0; at + 2 <= size;) {
-        const std::size_t length = std::min<std::size_t>(input[at + 1], size - at - 2);
-        player.act(input[at], input.subspan(at + 2, length));
-        at += 2 + length;
-    }
+    fuzz::play(input, player);
     player.finish();
     echo(input);
     return 0;

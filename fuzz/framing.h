@@ -4,29 +4,21 @@
 // The first byte of an input picks the escapes, the second the pace; the rest is the stream.
 #pragma once
 
+#include "fuzz/actions.h"
 #include "tests/support/converter_rig.h"
 #include "tests/support/ppp_oracle.h"
 
-#include <cstdlib>
 #include <span>
 
 namespace framing {
 
+using fuzz::require;
 using test::Bytes;
 namespace ppp = test::ppp;
 
-inline void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
-
 inline test::ConverterRig& rig() {
     // Gone before the executive's own globals.
-    static test::ConverterRig one([] {
-        test::ConverterRig::Options options;
-        options.receiveRing = options.sendRing = 5000;
-        return options;
-    }());
+    static test::ConverterRig one({.receiveRing = 5000, .sendRing = 5000});
     return one;
 }
 
@@ -52,50 +44,19 @@ inline Bytes escapeSet(std::uint8_t kind) {
     return special;
 }
 
-inline void requireInBounds(const PPP_FRAMER& framer) {
-    const bool header = framer.State == FRAMER_HEADER;
-    const UCHAR* const begin = header ? framer.Header : framer.OutBuf;
-    const UCHAR* const end = header ? std::end(framer.Header) : std::end(framer.OutBuf);
-    require(framer.State <= FRAMER_DELIVER && framer.Dev == &rig().dev());
-    require(framer.State == FRAMER_HUNT || framer.State == FRAMER_RESYNC || (framer.OutPtr >= begin && framer.OutPtr <= end));
-}
-
-// In blocks of their own size: one byte read too far is seen.
 inline Bytes throughFramer(const Bytes& stream, Pace& pace) {
-    Bytes host;
     const ULONG ring = 1 + static_cast<ULONG>(pace.upTo(3000));
     rig().receiveRing(ring);
-    for (std::size_t at = 0; at < stream.size() || rig().framer().State == FRAMER_DELIVER;) {
-        const std::size_t length = std::min(pace.upTo(400), stream.size() - at);
-        const auto from = stream.begin() + static_cast<std::ptrdiff_t>(at);
-        const Bytes piece(from, from + static_cast<std::ptrdiff_t>(length));
-        if (pace.upTo(3) == 0) {
-            const auto takes = [&](std::size_t n) { return PppFramerIndicateChar(&rig().framer(), piece[n]) == 1; };
-            for (std::size_t n = 0; n < length && rig().locked([&] { return takes(n); }); ++n) ++at;
-        } else {
-            at += rig().offer(piece.data(), length);
-        }
-        if (at == stream.size() && rig().framer().State == FRAMER_DELIVER)
-            rig().locked([] { PppFramerDeliver(&rig().framer()); });
-        requireInBounds(rig().framer());
-        rig().read(host, pace.upTo(ring));
-    }
-    while (rig().read(host, ring) != 0) {}
-    return host;
+    return rig().throughFramer(stream, [&] {
+        return test::ConverterRig::FramerPace{pace.upTo(400), pace.upTo(ring), pace.upTo(3) == 0};
+    });
 }
 
 inline Bytes throughDeFramer(const Bytes& stream, Pace& pace) {
     rig().dev().MaxWriteChunk = pace.upTo(1) != 0 ? 4096 : 1 + static_cast<ULONG>(pace.upTo(600));
-    for (std::size_t at = 0; at < stream.size() || !rig().idle();) {
-        at += rig().fill(stream.data() + at, std::min(pace.upTo(900), stream.size() - at));
-        rig().send();
-        if (!rig().pending.empty() && pace.upTo(2) != 0)
-            rig().complete();
-    }
-    Bytes wire;
-    for (const Bytes& transfer : rig().transfers)
-        ppp::append(wire, transfer);
-    return wire;
+    return rig().throughDeFramer(stream, [&] {
+        return test::ConverterRig::WirePace{pace.upTo(900), true, pace.upTo(2) != 0};
+    });
 }
 
 struct Input {

@@ -14,10 +14,7 @@ void check(Input& in) {
         i += run ? 2 : 0;
     }
     const ppp::ToDevice expected = ppp::toDevice(stream);
-    Bytes wire;
-    for (const Bytes& frame : expected.frames)
-        ppp::append(wire, frame);
-    require(throughDeFramer(stream, in.pace) == wire);
+    require(throughDeFramer(stream, in.pace) == ppp::joined(expected.frames));
     require(rig().count("PPP Frame to long, discard it") == expected.tooLong);
 }
 

@@ -3,19 +3,14 @@
 // The first byte chooses; then a list of actions: a kind, a length, that many bytes. What must hold: no memory fault, every frame that
 // comes out is one and no longer than agreed, little comes out for little that goes in, the deadlines move on, and what comes out of
 // the converter towards the call is whole PPP frames.
+#include "fuzz/actions.h"
 #include "modem/framing.h"
 #include "modem/ppp_server.h"
 
-#include <cstdlib>
-
 namespace {
 
+using fuzz::require;
 using modem::PppEndpoint;
-
-void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
 
 modem::PppSettings settingsOf(std::uint8_t choice) {
     modem::PppSettings settings;
@@ -99,15 +94,15 @@ class Player {
     }
 
     void pass(std::int64_t ms) {
-        const std::int64_t endMs = nowMs_ + ms;
-        for (int steps = 0; nowMs_ < endMs; ++steps) {
-            require(steps < 2 * ms + 16);
-            const auto dueMs = std::min(endpoint_.nextDeadlineMs().value_or(endMs), server_.nextDeadlineMs().value_or(endMs));
-            nowMs_ = std::max(nowMs_, std::min(dueMs, endMs));
+        const auto next = [&] {
+            const auto a = endpoint_.nextDeadlineMs(), b = server_.nextDeadlineMs();
+            return a && b ? std::min(a, b) : a ? a : b;
+        };
+        fuzz::pass(nowMs_, ms, next, [&] {
             endpoint_.tick(nowMs_);
             server_.tick(nowMs_);
             framing_.tick(nowMs_);
-        }
+        });
         drain();
         read();
     }
@@ -148,10 +143,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     const std::span input(data, size);
     Player player(input[0]);
-    for (std::size_t at = 1; at + 2 <= size;) {
-        const std::size_t length = std::min<std::size_t>(input[at + 1], size - at - 2);
-        player.act(input[at], input.subspan(at + 2, length));
-        at += 2 + length;
-    }
+    fuzz::play(input.subspan(1), player);
     return 0;
 }

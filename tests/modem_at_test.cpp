@@ -1,89 +1,24 @@
-// Dialogues with the command interpreter and its line, in virtual time.
-#include "modem/at.h"
-
-#include <gtest/gtest.h>
-
-#include <random>
-#include <string>
-#include <string_view>
+// Dialogues with the modem's command interpreter, in virtual time.
+#include "tests/modem_host.h"
 
 namespace {
 
 using modem::AtInterpreter;
-using modem::Line;
+using modem::LineName;
+using test::ModemHost;
+using Mode = AtInterpreter::Mode;
 using namespace std::string_view_literals;
-
-// A terminal at the interpreter: types, reads and lets time pass from deadline to deadline.
-struct Terminal {
-    Line line;
-    AtInterpreter at{line, {}};
-    std::int64_t nowMs = 0;
-
-    std::size_t type(std::string_view text) {
-        at.tick(nowMs);
-        return at.put({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
-    }
-
-    std::string read(std::size_t limit = SIZE_MAX) {
-        std::string all;
-        std::uint8_t block[4096];
-        while (all.size() < limit) {
-            const std::size_t count = at.get({block, std::min(sizeof block, limit - all.size())});
-            if (count == 0)
-                break;
-            all.append(reinterpret_cast<const char*>(block), count);
-        }
-        return all;
-    }
-
-    void pass(std::int64_t ms) {
-        const std::int64_t endMs = nowMs + ms;
-        at.tick(nowMs);
-        while (true) {
-            const auto deadlineMs = at.nextDeadlineMs();
-            if (!deadlineMs || *deadlineMs > endMs)
-                break;
-            ASSERT_GE(*deadlineMs, nowMs);
-            nowMs = *deadlineMs;
-            at.tick(nowMs);
-        }
-        nowMs = endMs;
-        at.tick(nowMs);
-    }
-
-    std::string ask(std::string_view text, std::int64_t ms = 0) {
-        type(text);
-        pass(ms);
-        return read();
-    }
-
-    // In a call with nothing unread, the silence before an escape already over.
-    void call(std::string_view number) {
-        ask("ATE0\r");
-        ask("ATD" + std::string(number) + "\r", 1500);
-        ASSERT_EQ(at.mode(), AtInterpreter::Mode::data);
-    }
-};
-
-struct Dialogue {
-    const char* name;
-    std::string_view typed;
-    std::string_view answer;
-    std::int64_t waitMs = 0;
-};
-
-class Dialogues : public testing::TestWithParam<Dialogue> {};
-
-TEST_P(Dialogues, Answer) {
-    Terminal terminal;
-    terminal.ask("ATE0\r");
-    EXPECT_EQ(terminal.ask(GetParam().typed, GetParam().waitMs), GetParam().answer);
-}
 
 #define OK "\r\nOK\r\n"
 #define ERR "\r\nERROR\r\n"
 
-const Dialogue basic[] = {
+// What is typed, and all that is answered in so much time.
+const struct {
+    const char* name;
+    std::string_view typed;
+    std::string_view answer;
+    std::int64_t waitMs = 0;
+} dialogues[] = {
     {"Attention", "AT\r", OK},
     {"LowerCase", "at\r", OK},
     {"NoiseBefore", "xyz AAT\r", OK},
@@ -105,9 +40,6 @@ const Dialogue basic[] = {
     {"ControlCharacters", "A\x01T\rAT\x01\x02+\x03GMI\n\r", "\r\nVirtual\r\n" OK},
     {"StoreAndLoad", "ATS7=9&W\rATS7=8\rATZS7=7\rATS7?\rAT&FS7?\r", OK OK OK "\r\n009\r\n" OK "\r\n050\r\n" OK},
     {"NoCall", "ATO\rATA\rATH\r", "\r\nNO CARRIER\r\n\r\nNO CARRIER\r\n" OK},
-};
-
-const Dialogue extended[] = {
     {"Identity", "AT+GMM;+GMR;+GSN\r", "\r\nVirtual modem\r\n\r\n1.0\r\n\r\n000000000001\r\n" OK},
     {"Signal", "AT+CSQ\rAT+CSQ=?\rAT+CSQ?\r", "\r\n+CSQ: 25,99\r\n" OK "\r\n+CSQ: (0-31,99),(0-7,99)\r\n" OK ERR},
     {"Registration", "AT+CREG?\rAT+CREG=2\rAT+CREG?\rAT+CREG=3\rAT+CREG=?\r",
@@ -119,9 +51,15 @@ const Dialogue extended[] = {
     {"QuotedSemicolon", "AT+CGDCONT=1,\"IP\",\"a;b C\";+GMI\rAT+CGDCONT?\r",
      "\r\nVirtual\r\n" OK "\r\n+CGDCONT: 1,\"IP\",\"a;b C\"\r\n" OK},
     {"Unknown", "AT+XYZ\rAT+XYZ=?\rAT+GMI?\rAT+CREG??\r", ERR ERR ERR ERR},
-};
-
-const Dialogue calls[] = {
+    {"Framing", "AT+FRAME?\rAT+FRAME=off;+FRAME?\r",
+     "\r\n+FRAME: ON,FFFFFFFF,bytes\r\n" OK "\r\n+FRAME: OFF,FFFFFFFF,bytes\r\n" OK},
+    {"FramingWithEscapes", "AT+FRAME=mid,a0000;+FRAME?\rAT+FRAME=KEEP,0;+FRAME?\r",
+     "\r\n+FRAME: MID,000A0000,bytes\r\n" OK "\r\n+FRAME: KEEP,00000000,bytes\r\n" OK},
+    {"FramingChoices", "AT+FRAME=?\r", "\r\n+FRAME: (ON,OFF,LATE,MID,TWICE,KEEP),(00000000-FFFFFFFF)\r\n" OK},
+    {"NoFraming", "AT+FRAME\rAT+FRAME=\rAT+FRAME=ON,\rAT+FRAME=ON,1FFFFFFFF\rAT+FRAME=ON,12G\r", ERR ERR ERR ERR ERR},
+    {"NoPacketCall", "ATD*99\r", "\r\nNO CARRIER\r\n", 60'000},
+    {"NoPacketNumber", "ATD*999#\r", "\r\nNO CARRIER\r\n", 60'000},
+    {"NoPacketContext", "ATD*99*A#\r", "\r\nNO CARRIER\r\n", 60'000},
     {"Connect", "ATD100\r", "\r\nCONNECT 115200\r\n", 300},
     {"NotYet", "ATD100\r", "", 299},
     {"ToneAndPunctuation", "ATDT (1)0-0\r", "\r\nCONNECT 115200\r\n", 300},
@@ -143,22 +81,23 @@ const Dialogue calls[] = {
     {"NoNumber", "ATD\rATDT\rATDL\rATD100;\rATD10x\r", ERR ERR ERR ERR ERR},
     {"CallsBack", "ATD107*2\r", "\r\nNO CARRIER\r\n\r\nRING\r\n", 2300},
     {"FarEndHangsUp", "ATD100*4\r", "\r\nCONNECT 115200\r\n\r\nNO CARRIER\r\n", 4300},
-    {"PatternThenHangUp", "ATD101*4\r", "\r\nCONNECT 115200\r\n\x00\x1f\x3e\x5d"sv, 300},
+    {"PatternThenHangUp", "ATD101*4\r", "\r\nCONNECT 115200\r\n\x00\x1f\x3e\x5d\r\nNO CARRIER\r\n"sv, 300},
 };
 
-std::string nameOf(const testing::TestParamInfo<Dialogue>& info) {
-    return info.param.name;
+TEST(AtDialogue, Answers) {
+    for (const auto& d : dialogues) {
+        ModemHost terminal;
+        terminal.ask("ATE0\r");
+        EXPECT_EQ(terminal.ask(d.typed, d.waitMs), d.answer) << d.name;
+    }
 }
-INSTANTIATE_TEST_SUITE_P(Basic, Dialogues, testing::ValuesIn(basic), nameOf);
-INSTANTIATE_TEST_SUITE_P(Extended, Dialogues, testing::ValuesIn(extended), nameOf);
-INSTANTIATE_TEST_SUITE_P(Calls, Dialogues, testing::ValuesIn(calls), nameOf);
 
 TEST(AtLine, EchoIsTheSameInEveryChunking) {
     const std::string typed = "noise AT E1 +GMI\rATJ\b\bI0\rAAT&V\rA/";
-    Terminal whole;
+    ModemHost whole;
     const std::string expected = whole.ask(typed);
     for (std::size_t chunk = 1; chunk < 7; ++chunk) {
-        Terminal pieces;
+        ModemHost pieces;
         std::string answer;
         for (std::size_t at = 0; at < typed.size(); at += chunk)
             answer += pieces.ask(typed.substr(at, chunk));
@@ -167,7 +106,7 @@ TEST(AtLine, EchoIsTheSameInEveryChunking) {
 }
 
 TEST(AtLine, TooLongLineIsOneErrorAndForgotten) {
-    Terminal terminal;
+    ModemHost terminal;
     terminal.ask("ATE0\r");
     const std::string full(AtInterpreter::lineLimit, ' ');
     EXPECT_EQ(terminal.ask("AT" + full + "\r"), OK);
@@ -180,31 +119,24 @@ TEST(AtLine, TooLongLineIsOneErrorAndForgotten) {
               OK);
 }
 
+// Everything that the modem takes is answered in the end, however little of it is read at a time.
 TEST(AtLine, HoldsBackWhileNobodyReads) {
-    Terminal terminal;
+    ModemHost terminal;
     const std::string line = "AT&V&VI6I6\r";
-    std::size_t taken = 0;
+    std::size_t taken = 0, oks = 0;
     for (int i = 0; i < 100'000; ++i)
-        taken += terminal.type(line.substr(taken % line.size()));
-    EXPECT_LT(taken, 2'000u);
-    // Reading a little at a time never loses track, and everything typed is answered in the end.
+        taken += terminal.write(line) > 0;
+    EXPECT_LT(taken * line.size(), modem::Modem::queueBytes + 2'000);
     std::string answers;
-    while (true) {
-        const std::string piece = terminal.read(7);
-        if (piece.empty())
-            break;
-        answers += piece;
-        if (taken % line.size() != 0)
-            taken += terminal.type(line.substr(taken % line.size()));
-    }
-    std::size_t oks = 0;
-    for (std::size_t at = 0; (at = answers.find("\r\nOK\r\n", at)) != std::string::npos; ++at)
+    while (const auto piece = terminal.transfer(7))
+        answers += *piece;
+    for (std::size_t at = 0; (at = answers.find(OK, at)) != std::string::npos; ++at)
         ++oks;
-    EXPECT_EQ(oks, taken / line.size());
+    EXPECT_EQ(oks, taken);
 }
 
 TEST(AtLine, LongAnswersEndWithAnError) {
-    Terminal terminal;
+    ModemHost terminal;
     std::string line = "ATE0";
     while (line.size() < AtInterpreter::lineLimit)
         line += "&V";
@@ -213,43 +145,14 @@ TEST(AtLine, LongAnswersEndWithAnError) {
     EXPECT_TRUE(answer.ends_with(ERR));
 }
 
-// What is typed after how much silence, and which mode follows once another silence is over.
-struct EscapeStep {
-    std::int64_t silenceMs;
-    std::string_view typed;
-};
-struct EscapeCase {
+// What is typed after how much silence, and whether it is the escape once another silence is over.
+const struct {
     const char* name;
-    std::vector<EscapeStep> steps;
+    std::vector<std::pair<std::int64_t, std::string_view>> steps;
     std::int64_t silenceAfterMs;
     bool escapes;
-    std::string_view settings = "";
-};
-
-class Escape : public testing::TestWithParam<EscapeCase> {};
-
-TEST_P(Escape, Mode) {
-    const EscapeCase& c = GetParam();
-    Terminal terminal;
-    terminal.ask("AT" + std::string(c.settings) + "\r");
-    terminal.call("100");
-    terminal.ask("data");
-    std::string sent, echoed;
-    for (const EscapeStep& step : c.steps) {
-        terminal.pass(step.silenceMs);
-        EXPECT_EQ(terminal.type(step.typed), step.typed.size());
-        sent += step.typed;
-        echoed += terminal.read();
-    }
-    terminal.pass(c.silenceAfterMs);
-    echoed += terminal.read();
-    if (c.escapes)
-        sent += OK;
-    EXPECT_EQ(echoed, sent);
-    EXPECT_EQ(terminal.at.mode(), c.escapes ? AtInterpreter::Mode::onlineCommand : AtInterpreter::Mode::data);
-}
-
-const EscapeCase escapes[] = {
+    std::string settings = "";
+} escapes[] = {
     {"Guarded", {{1000, "+++"}}, 1000, true},
     {"NoSilenceBefore", {{999, "+++"}}, 2000, false},
     {"NoSilenceAfter", {{1000, "+++"}}, 999, false},
@@ -272,22 +175,41 @@ const EscapeCase escapes[] = {
     {"NoGuardInterrupted", {{0, "++x+"}, {0, "+x"}}, 0, false, "S12=0"},
     {"NoGuardInData", {{0, "abc+++"}}, 0, true, "S12=0"},
 };
-INSTANTIATE_TEST_SUITE_P(Guard, Escape, testing::ValuesIn(escapes), [](const auto& info) { return info.param.name; });
+
+TEST(AtCall, EscapeNeedsSilenceAround) {
+    for (const auto& c : escapes) {
+        SCOPED_TRACE(c.name);
+        ModemHost terminal;
+        terminal.ask("AT" + c.settings + "\r");
+        terminal.call("100");
+        terminal.ask("data");
+        std::string sent, echoed;
+        for (const auto& [silenceMs, typed] : c.steps) {
+            terminal.pass(silenceMs);
+            sent += typed;
+            echoed += terminal.ask(typed);
+        }
+        echoed += terminal.ask("", c.silenceAfterMs);
+        EXPECT_EQ(echoed, sent + (c.escapes ? OK : ""));
+        EXPECT_EQ(terminal.device.interpreter().mode(), c.escapes ? Mode::onlineCommand : Mode::data);
+    }
+}
 
 TEST(AtCall, EscapeWithoutGuardLeavesTheRestToTheCommandLine) {
-    Terminal terminal;
+    ModemHost terminal;
     terminal.ask("ATS12=0\r");
     terminal.call("100");
     EXPECT_EQ(terminal.ask("abc+++ATH\r"), "abc+++" OK OK);
-    EXPECT_FALSE(terminal.line.carrier());
+    EXPECT_FALSE(terminal.device.line(LineName::carrier));
 }
 
 TEST(AtCall, OnlineCommandsAndBack) {
-    Terminal terminal;
+    ModemHost terminal;
     terminal.call("100");
+    terminal.pass(1000);
     terminal.ask("+++", 1000);
     EXPECT_EQ(terminal.ask("AT+GMI\rATD100\rATA\r"), "\r\nVirtual\r\n" OK ERR ERR);
-    EXPECT_TRUE(terminal.line.carrier());
+    EXPECT_TRUE(terminal.device.line(LineName::carrier));
     EXPECT_EQ(terminal.ask("ATO\r"), "\r\nCONNECT 115200\r\n");
     EXPECT_EQ(terminal.ask("more"), "more");
     terminal.pass(1000);
@@ -297,9 +219,9 @@ TEST(AtCall, OnlineCommandsAndBack) {
 }
 
 TEST(AtCall, AKeyAbortsDialingButOnlyAfterTheLineHasSettled) {
-    Terminal terminal;
+    ModemHost terminal;
     terminal.ask("ATE0\r");
-    terminal.type("ATD104\r");
+    terminal.write("ATD104\r");
     terminal.pass(AtInterpreter::settleMs - 1);
     EXPECT_EQ(terminal.ask("x"), "");
     terminal.pass(1);
@@ -307,24 +229,16 @@ TEST(AtCall, AKeyAbortsDialingButOnlyAfterTheLineHasSettled) {
     EXPECT_EQ(terminal.ask("AT\r", 100'000), OK);
 }
 
-TEST(AtCall, UnreadBytesStandBeforeNoCarrier) {
-    Terminal terminal;
-    terminal.call("100*10");
-    const std::string data(50'000, 'd');
-    EXPECT_EQ(terminal.type(data), data.size());
-    terminal.pass(10'000);
-    EXPECT_TRUE(terminal.at.takeCallLost());
-    EXPECT_EQ(terminal.read(), data + "\r\nNO CARRIER\r\n");
-}
-
 TEST(AtCall, PatternKeepsItsRateAndLength) {
-    Terminal terminal;
+    ModemHost terminal;
     terminal.ask("ATE0\r");
-    EXPECT_EQ(terminal.ask("ATD101*3000*1000\r", 300), "\r\nCONNECT 115200\r\n");
+    EXPECT_EQ(terminal.ask("ATD101*300000*100000\r", 300), "\r\nCONNECT 115200\r\n");
+    const std::string ended = "\r\nNO CARRIER\r\n";
     struct {
         std::int64_t passMs;
         std::size_t bytes;
-    } const reads[] = {{1, 1}, {999, 999}, {500, 500}, {60'000, 1000}, {10, 10}, {490, 490}};
+    } const reads[] = {{1, 100},          {999, 99'900}, {500, 50'000},
+                       {60'000, 100'000}, {10, 1'000},   {490, 49'000 + ended.size()}};
     std::string all;
     for (const auto& read : reads) {
         terminal.pass(read.passMs);
@@ -332,131 +246,65 @@ TEST(AtCall, PatternKeepsItsRateAndLength) {
         EXPECT_EQ(piece.size(), read.bytes) << "no more than a second is saved up";
         all += piece;
     }
-    ASSERT_EQ(all.size(), 3000u);
-    for (std::size_t i = 0; i < all.size(); ++i)
+    ASSERT_TRUE(all.ends_with(ended));
+    for (std::size_t i = 0; i < all.size() - ended.size(); ++i)
         ASSERT_EQ(static_cast<std::uint8_t>(all[i]), modem::patternByte(i)) << i;
-    EXPECT_EQ(terminal.ask(""), "\r\nNO CARRIER\r\n");
-}
-
-TEST(AtCall, PatternIsTheSameAcrossBlocks) {
-    Terminal terminal;
-    terminal.ask("ATE0\r");
-    terminal.type("ATD101*200001\r");
-    terminal.pass(300);
-    const std::string connect = "\r\nCONNECT 115200\r\n";
-    const std::string all = terminal.read();
-    ASSERT_EQ(all.size(), connect.size() + 200'001);
-    for (std::size_t i = 0; i < 200'001; ++i) {
-        ASSERT_EQ(static_cast<std::uint8_t>(all[connect.size() + i]), modem::patternByte(i)) << i;
-    }
-}
-
-TEST(AtRing, CadenceUntilTheCallerGivesUp) {
-    Terminal terminal;
-    ASSERT_TRUE(terminal.line.ringIn(3));
-    std::string heard;
-    std::vector<std::int64_t> bellChanges;
-    bool bell = false;
-    for (int ms = 0; ms < 30'000; ++ms) {
-        terminal.pass(ms == 0 ? 0 : 1);
-        if (terminal.line.bell() != bell) {
-            bell = !bell;
-            bellChanges.push_back(ms);
-        }
-        heard += terminal.read();
-    }
-    EXPECT_EQ(heard, "\r\nRING\r\n\r\nRING\r\n\r\nRING\r\n");
-    ASSERT_EQ(bellChanges.size(), 6u);
-    for (std::size_t i = 0; i + 1 < bellChanges.size(); ++i) {
-        EXPECT_EQ(bellChanges[i + 1] - bellChanges[i], i % 2 == 0 ? 2000 : 4000);
-    }
-    EXPECT_EQ(terminal.line.state(), Line::State::onHook);
-    EXPECT_EQ(terminal.ask("ATE0\rATA\r"), "ATE0\r" OK "\r\nNO CARRIER\r\n");
 }
 
 TEST(AtRing, AnswerByHandAndByItself) {
     for (const bool automatic : {false, true}) {
-        Terminal terminal;
+        ModemHost terminal;
         terminal.ask(automatic ? "ATE0S0=2&D0\r" : "ATE0\r");
-        ASSERT_TRUE(terminal.line.ringIn(8));
+        terminal.device.ringIn(8);
         terminal.pass(6'500);
-        EXPECT_EQ(terminal.line.carrier(), automatic);
+        EXPECT_EQ(terminal.device.line(LineName::carrier), automatic);
         if (!automatic)
             terminal.ask("ATA\r", 300);
-        EXPECT_EQ(terminal.at.mode(), AtInterpreter::Mode::data);
-        EXPECT_FALSE(terminal.line.ringIn(1)) << "busy";
+        EXPECT_EQ(terminal.device.interpreter().mode(), Mode::data);
         terminal.read();
+        terminal.device.ringIn(1);
         EXPECT_EQ(terminal.ask("hello"), "hello");
-        terminal.line.dropCarrier();
+        EXPECT_FALSE(terminal.device.line(LineName::ring)) << "busy";
+        terminal.device.dropCarrier();
         EXPECT_EQ(terminal.ask(""), "\r\nNO CARRIER\r\n");
     }
 }
 
 TEST(AtRing, UnreadRingsDoNotPileUp) {
-    Terminal terminal;
+    ModemHost terminal;
     for (int call = 0; call < 1000; ++call) {
-        terminal.line.ringIn(8);
+        terminal.device.ringIn(8);
         terminal.pass(60'000);
     }
     EXPECT_LT(terminal.read().size(), 1100u);
 }
 
-struct DtrCase {
-    int mode;
-    AtInterpreter::Mode after;
-    bool carrier;
-    std::string_view answer;
-    std::string_view registerAnswer;
-};
-
 TEST(AtDtr, DropFollowsTheSetting) {
-    using Mode = AtInterpreter::Mode;
-    const DtrCase cases[] = {
-        {0, Mode::data, true, "unread", ""},
+    struct {
+        int setting;
+        Mode after;
+        bool carrier;
+        std::string_view answer;
+        std::string_view registerAnswer;
+    } const cases[] = {
+        {0, Mode::data, true, "unread", "ATS7?\r"},
         {1, Mode::onlineCommand, true, "unread" OK, "\r\n042\r\n" OK},
         {2, Mode::command, false, "", "\r\n042\r\n" OK},
         {3, Mode::command, false, "", "ATS7?\r\r\n050\r\n" OK},
     };
-    for (const DtrCase& c : cases) {
-        SCOPED_TRACE(c.mode);
-        Terminal terminal;
-        terminal.at.setDtr(true);
-        terminal.ask("ATS7=42&D" + std::to_string(c.mode) + "\r");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.setting);
+        ModemHost terminal;
+        terminal.lines(1);
+        terminal.ask("ATS7=42&D" + std::to_string(c.setting) + "\r");
         terminal.call("100");
-        terminal.type("unread");
-        terminal.at.setDtr(false);
-        EXPECT_EQ(terminal.at.mode(), c.after);
-        EXPECT_EQ(terminal.line.carrier(), c.carrier);
+        terminal.write("unread");
+        terminal.lines(0);
+        EXPECT_EQ(terminal.device.interpreter().mode(), c.after);
+        EXPECT_EQ(terminal.device.line(LineName::carrier), c.carrier);
         EXPECT_EQ(terminal.read(), c.answer);
-        if (c.after == Mode::data)
-            continue;
         EXPECT_EQ(terminal.ask("ATS7?\r"), c.registerAnswer);
     }
 }
-
-// Random bytes in odd pieces, with a reader that is often slower: the echo is whole and in order.
-class Echo : public testing::TestWithParam<unsigned> {};
-TEST_P(Echo, LosesNothing) {
-    const unsigned seed = GetParam();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    Terminal terminal;
-    terminal.call("100");
-    std::string data(1'000'000, '\0');
-    for (char& c : data)
-        c = random() % 4 == 0 ? '+' : static_cast<char>(random());
-    std::string echoed;
-    std::size_t sent = 0;
-    while (echoed.size() < data.size()) {
-        const std::size_t piece = 1 + random() % (random() % 8 == 0 ? 70'000 : 100);
-        sent += terminal.type(std::string_view(data).substr(sent, piece));
-        echoed += terminal.read(random() % 3 == 0 ? 1 + random() % 90'000 : random() % 80);
-        if (random() % 16 == 0)
-            terminal.pass(random() % 900);
-    }
-    EXPECT_TRUE(echoed == data);
-    EXPECT_EQ(terminal.at.mode(), AtInterpreter::Mode::data);
-}
-INSTANTIATE_TEST_SUITE_P(Seeds, Echo, testing::Values(1u, 2u, 3u));
 
 }  // namespace

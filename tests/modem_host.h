@@ -1,11 +1,14 @@
-// The host's end of a virtual modem without a bus, for tests of the modem alone.
+// The host's end of a virtual modem or loop plug without a bus, for tests of the device alone.
 #pragma once
 
+#include "modem/loopback.h"
 #include "modem/modem.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,75 +19,99 @@ using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::uint8_t modemClassOut = 0x21;
 
+inline std::string textOf(std::span<const std::uint8_t> bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+inline std::span<const std::uint8_t> bytesIn(std::string_view text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
 // The host's end: a driver that does as the device says.
-struct ModemHost {
-    modem::Modem modem;
+template <class Device>
+struct DeviceHost {
+    Device device;
     std::int64_t nowMs = 0;
 
-    explicit ModemHost(modem::Options options = {}, bool configure = true) : modem(std::move(options)) {
-        if (!configure)
-            return;
-        modem.busReset();
-        modem.configured(1);
+    template <class... Options>
+    explicit DeviceHost(Options&&... options) : device(std::forward<Options>(options)...) {
+        device.busReset();
+        device.configured(1);
     }
 
     usb::ControlReply control(usb::SetupPacket setup, std::span<std::uint8_t> data = {}) {
         setup.length = static_cast<std::uint16_t>(data.size());
-        modem.tick(nowMs);
-        return modem.control(setup, data);
+        device.tick(nowMs);
+        return device.control(setup, data);
     }
-    bool lines(std::uint16_t value) { return control({modemClassOut, 0x22, value, 0, 0}).kind == usb::ControlReply::Kind::ack; }
+    bool request(std::uint8_t request, std::uint16_t value) {
+        return control({modemClassOut, request, value, 0, 0}).kind == usb::ControlReply::Kind::ack;
+    }
+    bool lines(std::uint16_t value) { return request(0x22, value); }
 
     std::int32_t write(std::string_view text) {
-        modem.tick(nowMs);
-        return modem.dataOut(modem::Modem::endpointOut, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()},
-                             true);
+        device.tick(nowMs);
+        return device.dataOut(Device::endpointOut, bytesIn(text), true);
     }
 
-    // Everything there is, in transfers of `space` bytes.
-    std::string read(std::size_t space = 4096) {
-        std::string all;
+    // One transfer; nothing: the device has none.
+    std::optional<std::string> transfer(std::size_t space) {
         Bytes block(space);
-        for (;;) {
-            modem.tick(nowMs);
-            const std::int32_t count = modem.dataIn(modem::Modem::endpointIn, block);
-            if (count < 0)
-                return all;
-            all.append(reinterpret_cast<const char*>(block.data()), static_cast<std::size_t>(count));
-        }
+        device.tick(nowMs);
+        const std::int32_t count = device.dataIn(Device::endpointIn, block);
+        if (count < 0)
+            return std::nullopt;
+        return textOf(std::span(block).first(static_cast<std::size_t>(count)));
+    }
+    // Everything there is.
+    std::string read() {
+        std::string all;
+        while (const auto block = transfer(4096))
+            all += *block;
+        return all;
     }
 
     Bytes notification(std::size_t space = 16) {
         Bytes bytes(space);
-        const std::int32_t count = modem.dataIn(modem::Modem::endpointNotify, bytes);
+        device.tick(nowMs);
+        const std::int32_t count = device.dataIn(Device::endpointNotify, bytes);
         bytes.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
         return bytes;
     }
-    // The states reported since the last look; the other kinds of notification are skipped.
-    std::vector<int> states() {
-        std::vector<int> found;
+    // All that was told since the last look: states as they are, clear to send as "cts0" and "cts1".
+    std::string told() {
+        std::string all;
         for (Bytes bytes = notification(); !bytes.empty(); bytes = notification()) {
-            if (bytes[1] == 0x20)
-                found.push_back(bytes[8] | bytes[9] << 8);
+            char text[16];
+            std::snprintf(text, sizeof text, bytes[1] == 0x20 ? "%03x" : "cts%d",
+                          bytes[1] == 0x20 ? bytes[8] | bytes[9] << 8 : bytes[2]);
+            all += (all.empty() ? "" : " ") + std::string(text);
         }
-        return found;
+        return all;
     }
 
     void pass(std::int64_t ms) {
-        modem.tick(nowMs);
+        device.tick(nowMs);
         for (const std::int64_t endMs = nowMs + ms; nowMs < endMs;) {
-            nowMs = std::min(modem.nextDeadlineMs().value_or(endMs), endMs);
-            modem.tick(nowMs);
+            nowMs = std::min(device.nextDeadlineMs().value_or(endMs), endMs);
+            device.tick(nowMs);
         }
     }
 
+    // Types, waits and reads.
+    std::string ask(std::string_view text, std::int64_t ms = 0) {
+        write(text);
+        pass(ms);
+        return read();
+    }
     void call(std::string_view number) {
-        write("ATE0\r");
-        write("ATD" + std::string(number) + "\r");
-        pass(300);
-        ASSERT_TRUE(read().ends_with("\r\nCONNECT 115200\r\n"));
-        states();
+        ask("ATE0\r");
+        ASSERT_EQ(ask("ATD" + std::string(number) + "\r", 300), "\r\nCONNECT 115200\r\n");
+        told();
     }
 };
+
+using ModemHost = DeviceHost<modem::Modem>;
+using PlugHost = DeviceHost<modem::Loopback>;
 
 }  // namespace test

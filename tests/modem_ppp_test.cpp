@@ -3,6 +3,7 @@
 #include "modem/ppp_endpoint.h"
 #include "tests/modem_host.h"
 #include "tests/support/ppp_client.h"
+#include "tests/support/ppp_oracle.h"
 
 #include <random>
 
@@ -16,8 +17,9 @@ using modem::PppEndpoint;
 using test::Bytes;
 using test::ModemHost;
 using test::PppClient;
-using test::PppClientOptions;
+using test::textOf;
 using Kind = usb::ControlReply::Kind;
+namespace ppp = test::ppp;
 
 constexpr std::uint8_t startNotice = 0x10, stopNotice = 0x11;
 
@@ -30,10 +32,6 @@ Bytes hex(std::string_view text) {
     return bytes;
 }
 
-std::string textOf(std::span<const std::uint8_t> bytes) {
-    return {bytes.begin(), bytes.end()};
-}
-
 // Every byte value, over and over.
 std::string everyByte(std::size_t length, unsigned first = 0) {
     std::string text(length, '\0');
@@ -44,14 +42,6 @@ std::string everyByte(std::size_t length, unsigned first = 0) {
 
 // ---- bytes and frames ----
 
-TEST(Hdlc, EncodesTheFrameOfTheStandardAndEscapesWhatIsAsked) {
-    std::vector<std::uint8_t> out;
-    modem::encodeHdlc(out, hex("FF 03 C0 21 01 7E 7D"), 1u << 3);
-    EXPECT_EQ(textOf(std::span(out).first(11)), textOf(hex("7E FF 7D 23 C0 21 01 7D 5E 7D 5D")));
-    EXPECT_EQ(out.back(), 0x7E);
-    EXPECT_EQ(modem::fcs16(hex("31 32 33 34 35 36 37 38 39")), 0x906E ^ 0xFFFF) << "the check value of CRC-16/X-25";
-}
-
 TEST(Hdlc, WhatIsEncodedComesBackInAnyPieces) {
     for (const std::uint32_t map : {0u, 0xFFFF'FFFFu, 0x000A'0000u}) {
         HdlcDecoder decoder(600);
@@ -60,7 +50,10 @@ TEST(Hdlc, WhatIsEncodedComesBackInAnyPieces) {
         std::vector<std::string> sent, got;
         for (unsigned i = 1; i < 600; i += 13) {
             sent.push_back(everyByte(i, i));
-            modem::encodeHdlc(line, std::span(reinterpret_cast<const std::uint8_t*>(sent.back().data()), i), map);
+            std::vector<std::uint8_t> frame;
+            modem::encodeHdlc(frame, test::bytesIn(sent.back()), map);
+            EXPECT_EQ(frame, ppp::hostFrame(test::bytesOf(sent.back()), ppp::controls(map)));
+            ppp::append(line, frame);
             line.insert(line.end(), i % 3, modem::hdlcFlag);
         }
         for (std::size_t at = 0; at < line.size(); ++at) {
@@ -265,22 +258,28 @@ TEST(PppEndpoint, GivesWayOnItsOwnOptionsAndStartsOverWhenAskedTo) {
 // ---- calls ----
 
 // What the driver of the host does in PPP calls: converts while it is in framing, switches when it is asked to.
-modem::Options modeOf(FramingMode mode) {
-    modem::Options options;
-    options.framing = mode;
-    return options;
-}
-
 struct Dialled {
-    explicit Dialled(const modem::Options& modemOptions = {}) : host(modemOptions) {}
+    explicit Dialled(FramingMode mode = FramingMode::on) { host.device.setFraming({mode, 0xFFFF'FFFF}); }
 
-    void call(std::string_view number = "*99#") {
+    void call() {
         host.lines(3);
-        host.write("ATE0\r");
-        host.read();
-        host.call(number);
-        client = PppClient(options);
+        host.call("*99#");
+        client = PppClient();
         client.begin();
+    }
+
+    bool up() {
+        return until([&] { return client.up(); });
+    }
+    // With time for the switch into framing.
+    void connect() {
+        call();
+        ASSERT_TRUE(up());
+        idle(100);
+    }
+    bool pings(const std::string& payload, unsigned limit = 5000) {
+        client.ping(payload);
+        return until([&] { return !client.pongs.empty() && client.pongs.back() == payload; }, limit);
     }
 
     // Once around: requests of the modem, bytes out, bytes in, a little time.
@@ -305,16 +304,6 @@ struct Dialled {
         for (std::int64_t i = 0; i < ms; ++i)
             step();
     }
-    void readOnce(std::size_t space) {
-        Bytes block(space);
-        const std::int32_t count = host.modem.dataIn(Modem::endpointIn, block);
-        if (count > 0)
-            take(textOf(std::span(block).first(static_cast<std::size_t>(count))));
-    }
-    bool up() {
-        return until([&] { return client.up(); });
-    }
-
     void look() {
         while (listens) {
             const Bytes bytes = host.notification();
@@ -347,17 +336,12 @@ struct Dialled {
     std::string toDevice(const std::string& bytes) {
         if (!framing)
             return bytes;
-        std::string frames;
         held += bytes;
-        for (std::size_t end; (end = held.find('\x7E')) != std::string::npos; held.erase(0, end + 1)) {
-            std::string frame;
-            for (std::size_t i = 0; i < end; ++i)
-                frame += held[i] == '\x7D' ? static_cast<char>(held[++i] ^ 0x20) : held[i];
-            if (frame.empty())
-                continue;
-            const auto word = static_cast<std::uint16_t>((sequence++ & 31) << 11 | (frame.size() + 4));
-            frames += std::string("\xAA\xBB") + static_cast<char>(word >> 8) + static_cast<char>(word) + frame;
-        }
+        const std::size_t end = held.rfind('\x7E') + 1;  // 0: no frame has ended
+        std::string frames;
+        for (const Bytes& frame : ppp::toDevice(test::bytesOf(held.substr(0, end))).frames)
+            frames += textOf(ppp::deviceFrame(sequence++, Bytes(frame.begin() + 4, frame.end())));
+        held.erase(0, end);
         return frames;
     }
     void take(const std::string& bytes) {
@@ -375,22 +359,13 @@ struct Dialled {
             if (deviceBytes.size() < length)
                 return;
             EXPECT_EQ(word >> 11, deviceSequence++ & 31u) << "the modem's frames follow each other";
-            std::vector<std::uint8_t> line;
-            modem::encodeHdlc(line, std::span(reinterpret_cast<const std::uint8_t*>(deviceBytes.data()) + 4, length - 4),
-                              client.up() ? mapOf(escapes) : modem::everyControlCharacter);
-            client.take(textOf(line));
+            const Bytes body = test::bytesOf(deviceBytes.substr(4, length - 4));
+            client.take(textOf(ppp::hostFrame(body, client.up() ? escapes : ppp::controls(0xFFFF'FFFF))));
             deviceBytes.erase(0, length);
         }
     }
-    static std::uint32_t mapOf(const Bytes& list) {
-        std::uint32_t map = 0;
-        for (const std::uint8_t c : list)
-            map |= 1u << c;
-        return map;
-    }
-    std::string_view state() { return host.modem.framingState(); }
+    std::string_view state() { return host.device.framingState(); }
 
-    PppClientOptions options;
     ModemHost host;
     PppClient client;
     bool listens = true;  // to notifications
@@ -401,66 +376,14 @@ struct Dialled {
     std::string out, held, deviceBytes, received;
 };
 
-TEST(PppCall, NegotiatesAndEchoesInBytesAndFrames) {
-    using Login = PppClientOptions::Login;
-    struct {
-        const char* name;
-        FramingMode mode;
-        std::uint32_t escapes;
-        PppClientOptions client;
-    } const cases[] = {
-        {"bytes", FramingMode::off, 0, {}},
-        {"bytes, everything escaped", FramingMode::off, 0xFFFF'FFFF, {Login::pap, 0xFFFF'FFFF, 0xFFFF'FFFF, false}},
-        {"bytes, some escaped", FramingMode::off, 0x000A'0000, {Login::refused, 0x0000'A00A, 0, true}},
-        {"framed", FramingMode::on, 0, {}},
-        {"framed, everything escaped", FramingMode::on, 0xFFFF'FFFF, {Login::pap, 0xFFFF'FFFF, 0xFFFF'FFFF, true}},
-        {"framed late", FramingMode::late, 0, {Login::refused, 0, 0, false}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        modem::Options options;
-        options.framing = c.mode;
-        options.escapedCharacters = modem::controlCharacters(c.escapes);
-        Dialled d(options);
-        d.options = c.client;
-        for (unsigned call = 0; call < 2; ++call) {
-            d.call(call == 0 ? "*99#" : "*99***1#");
-            ASSERT_TRUE(d.up()) << d.state();
-            EXPECT_EQ(d.client.server(), 0xC000'0201u);
-            EXPECT_EQ(d.client.address(), 0xC000'0202u);
-            std::vector<std::string> sent;
-            for (const std::size_t size : {0u, 1u, 64u, 255u, 1400u, 1471u, 1472u}) {
-                sent.push_back(everyByte(size, static_cast<unsigned>(size)));
-                d.client.ping(sent.back());
-                d.client.udp(sent.back());
-                // In late mode the switch may cost what is on its way; let it happen first.
-                d.until([&] { return d.client.pongs.size() >= sent.size() && d.client.datagrams.size() >= sent.size(); }, 200);
-            }
-            EXPECT_EQ(d.client.pongs, sent);
-            EXPECT_EQ(d.client.datagrams, sent);
-            EXPECT_EQ(d.state(), c.mode == FramingMode::off ? "bytes" : "framing");
-            EXPECT_EQ(d.client.stray + d.client.badFrames, 0u);
-            EXPECT_EQ(d.host.modem.pppCounters().fcsErrors + d.host.modem.framing().counters().gaps, 0u);
-            d.client.terminate();
-            d.received.clear();
-            EXPECT_TRUE(d.until([&] { return d.received.ends_with("\r\nNO CARRIER\r\n"); })) << d.received;
-            EXPECT_TRUE(d.client.terminated());
-            EXPECT_EQ(d.state(), "bytes");
-            EXPECT_FALSE(d.framing);
-        }
-    }
-}
-
 // A megabyte through a host that reads when it likes, in pieces of any size: nothing is lost in either mode.
 TEST(PppCall, LosesNothingUnderBackPressure) {
     for (const FramingMode mode : {FramingMode::off, FramingMode::on}) {
         for (const unsigned seed : {1u, 2u}) {
             SCOPED_TRACE(testing::Message() << "mode " << static_cast<int>(mode) << ", seed " << seed);
             std::mt19937 random(seed);
-            Dialled d(modeOf(mode));
-            d.call();
-            ASSERT_TRUE(d.up());
-            d.idle(100);
+            Dialled d(mode);
+            d.connect();
             std::string sent, echoed;
             unsigned refused = 0;
             while (sent.size() < 1'000'000 || !d.out.empty()) {
@@ -475,7 +398,7 @@ TEST(PppCall, LosesNothingUnderBackPressure) {
                 refused += taken < 0;
                 d.out.erase(0, static_cast<std::size_t>(std::max(taken, 0)));
                 if (random() % 3 == 0 || taken < 0)
-                    d.readOnce(random() % 2 == 0 ? 64 : 1 + random() % 20'000);
+                    d.take(d.host.transfer(random() % 2 == 0 ? 64 : 1 + random() % 20'000).value_or(""));
             }
             d.idle(100);
             for (const std::string& block : d.client.datagrams)
@@ -495,7 +418,7 @@ struct HangUp {
 };
 const HangUp hangUps[] = {
     {"DTR", [](Dialled& d) { d.host.lines(2); }, false},
-    {"far end", [](Dialled& d) { d.host.modem.dropCarrier(); }, true},
+    {"far end", [](Dialled& d) { d.host.device.dropCarrier(); }, true},
     {"LCP", [](Dialled& d) { d.client.terminate(); }, true},
 };
 
@@ -503,15 +426,12 @@ TEST(PppSwitch, EndsWithTheCallHoweverItEnds) {
     for (const HangUp& hangUp : hangUps) {
         for (const FramingMode mode : {FramingMode::on, FramingMode::twice, FramingMode::keep}) {
             SCOPED_TRACE(testing::Message() << hangUp.name << ", mode " << static_cast<int>(mode));
-            Dialled d(modeOf(mode));
-            d.call();
-            ASSERT_TRUE(d.up());
-            d.idle(100);
+            Dialled d(mode);
+            d.connect();
             EXPECT_EQ(d.state(), "framing");
             EXPECT_EQ(d.notices, mode == FramingMode::twice ? Bytes(3, startNotice) : Bytes{startNotice});
             d.notices.clear();
-            d.client.ping("x");
-            EXPECT_TRUE(d.until([&] { return d.client.pongs.size() == 1; }));
+            EXPECT_TRUE(d.pings("x"));
             d.received.clear();
             hangUp.act(d);
             d.out += d.toDevice(d.client.takeOutput());
@@ -521,40 +441,31 @@ TEST(PppSwitch, EndsWithTheCallHoweverItEnds) {
             EXPECT_EQ(d.state(), "bytes");
             EXPECT_EQ(d.received.ends_with("\r\nNO CARRIER\r\n"), hangUp.tells) << d.received;
             d.host.lines(3);
-            d.host.write("AT\r");
-            d.received.clear();
-            d.idle(5);
-            EXPECT_EQ(d.received, "\r\nOK\r\n");
+            EXPECT_EQ(d.host.ask("AT\r"), "\r\nOK\r\n");
         }
     }
 }
 
 TEST(PppSwitch, AHostThatDoesNotAnswerGetsBytes) {
-    struct {
-        const char* name;
-        bool listens, answers;
-    } const cases[] = {{"does not look", false, false}, {"does not answer", true, false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Dialled d(modeOf(FramingMode::on));
-        d.listens = c.listens;
-        d.answers = c.answers;
+    for (const bool listens : {false, true}) {
+        SCOPED_TRACE(listens);
+        Dialled d;
+        d.listens = listens;
+        d.answers = false;
         d.call();
         ASSERT_TRUE(d.up());
         EXPECT_EQ(d.state(), "asked");
-        d.client.ping("asked");
-        EXPECT_TRUE(d.until([&] { return d.client.pongs.size() == 1; }));
+        EXPECT_TRUE(d.pings("asked"));
         d.idle(Framing::answerMs);
         EXPECT_EQ(d.state(), "bytes");
-        EXPECT_EQ(d.host.modem.framing().counters().refusals, 1u);
+        EXPECT_EQ(d.host.device.framing().counters().refusals, 1u);
         EXPECT_NE(d.host.control({0x41, 0x61, 0, 0, 0}).kind, Kind::ack) << "nobody asks any more";
-        d.client.ping("bytes");
-        EXPECT_TRUE(d.until([&] { return d.client.pongs.size() == 2; }));
+        EXPECT_TRUE(d.pings("bytes"));
         for (int i = 0; i < 5; ++i) {
             d.client.sendFrame(0xC021, std::string("\x09\x01\0\x08", 4) + "abcd");
             d.idle(Framing::answerMs + 1);
         }
-        EXPECT_EQ(d.host.modem.framing().counters().refusals, Framing::maxAsks) << "it does not go on asking";
+        EXPECT_EQ(d.host.device.framing().counters().refusals, Framing::maxAsks) << "it does not go on asking";
         d.host.lines(2);
         d.listens = true;
         d.notices.clear();
@@ -565,7 +476,7 @@ TEST(PppSwitch, AHostThatDoesNotAnswerGetsBytes) {
 
 // From the reading of the escapes on nothing is said that the host could take in the wrong way, and nothing is lost.
 TEST(PppSwitch, IsSilentWhileTheHostChangesOver) {
-    Dialled d(modeOf(FramingMode::on));
+    Dialled d;
     d.answers = false;
     d.call();
     ASSERT_TRUE(d.up());
@@ -581,19 +492,6 @@ TEST(PppSwitch, IsSilentWhileTheHostChangesOver) {
     EXPECT_EQ(d.host.read(), "");
     EXPECT_TRUE(d.until([&] { return d.client.pongs.size() == 1; }));
     EXPECT_EQ(d.client.badFrames, 0u);
-
-    // A call that ends: not a byte before the host has said that it stopped.
-    d.host.modem.dropCarrier();
-    d.received.clear();
-    d.idle(200);
-    EXPECT_EQ(d.notices.back(), stopNotice);
-    EXPECT_EQ(d.received, "");
-    d.framing = false;
-    ASSERT_EQ(d.host.control({0x41, 0x62, 0, 0, 0}).kind, Kind::ack);
-    d.idle(Framing::settleMs - 2);
-    EXPECT_EQ(d.received, "");
-    d.idle(5);
-    EXPECT_EQ(d.received, "\r\nNO CARRIER\r\n");
 }
 
 TEST(PppSwitch, StopsWhatItBeganInEveryState) {
@@ -615,7 +513,7 @@ TEST(PppSwitch, StopsWhatItBeganInEveryState) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        Dialled d(modeOf(FramingMode::on));
+        Dialled d;
         d.answers = false;
         d.call();
         d.listens = c.listens;
@@ -626,7 +524,7 @@ TEST(PppSwitch, StopsWhatItBeganInEveryState) {
         if (c.readsEscapes)
             d.host.control({0xC1, 0x60, 0, 0, 0}, list);
         EXPECT_EQ(c.starts && d.host.control({0x41, 0x61, 0, 0, 0}).kind == Kind::ack, c.starts);
-        d.host.modem.dropCarrier();
+        d.host.device.dropCarrier();
         d.answers = c.answersStop;
         std::int64_t silentMs = 0;
         d.received.clear();
@@ -651,7 +549,7 @@ TEST(PppSwitch, StopsWhatItBeganInEveryState) {
 TEST(PppSwitch, BytesHeldUpOnTheWayAreStillBytes) {
     for (const bool cut : {false, true}) {
         SCOPED_TRACE(cut);
-        Dialled d(modeOf(FramingMode::on));
+        Dialled d;
         d.answers = false;
         d.call();
         ASSERT_TRUE(d.up());
@@ -668,27 +566,8 @@ TEST(PppSwitch, BytesHeldUpOnTheWayAreStillBytes) {
         d.host.write(d.toDevice(d.client.takeOutput()));
         d.idle(100);
         EXPECT_EQ(d.client.pongs, (std::vector<std::string>{"first", "second", "third"}));
-        EXPECT_EQ(d.host.modem.framing().counters().badHeaders, 0u);
+        EXPECT_EQ(d.host.device.framing().counters().badHeaders, 0u);
     }
-}
-
-TEST(PppSwitch, AsksInTheMiddleOfAFrame) {
-    Dialled d(modeOf(FramingMode::midFrame));
-    d.call();
-    const std::string request = d.client.takeOutput();
-    d.host.write(request);
-    d.look();
-    EXPECT_EQ(d.notices, Bytes{}) << "a whole frame is no middle";
-    d.take(d.host.read());
-    d.answers = false;
-    const std::string answer = d.client.takeOutput();
-    d.host.write(answer.substr(0, 9));
-    d.look();
-    EXPECT_EQ(d.notices, Bytes{startNotice});
-    d.host.write(answer.substr(9));
-    d.start();
-    EXPECT_TRUE(d.up());
-    EXPECT_EQ(d.state(), "framing");
 }
 
 TEST(PppFrames, HostileOnesAreCountedAndTheNextIsFound) {
@@ -710,77 +589,35 @@ TEST(PppFrames, HostileOnesAreCountedAndTheNextIsFound) {
     for (const auto& c : cases) {
         for (const std::size_t piece : {1u, 3u, 4096u}) {
             SCOPED_TRACE(testing::Message() << c.name << " in pieces of " << piece);
-            Dialled d(modeOf(FramingMode::on));
-            d.call();
-            ASSERT_TRUE(d.up());
-            d.idle(100);
-            const auto before = d.host.modem.framing().counters();
+            Dialled d;
+            d.connect();
+            const auto before = d.host.device.framing().counters();
             // As if the numbers began here: they count on from what came.
             std::string bytes = c.bytes;
             for (std::size_t at = 0; (at = bytes.find("\xAA\xBB", at)) != std::string::npos && at + 2 < bytes.size(); at += 4)
                 bytes[at + 2] = static_cast<char>(bytes[at + 2] + ((d.sequence & 31) << 3));
             for (std::size_t at = 0; at < bytes.size(); at += piece)
                 d.host.write(std::string_view(bytes).substr(at, piece));
-            const auto& counters = d.host.modem.framing().counters();
+            const auto& counters = d.host.device.framing().counters();
             EXPECT_EQ(counters.badHeaders - before.badHeaders, c.badHeaders);
             EXPECT_EQ(counters.gaps - before.gaps, c.gaps);
-            d.client.ping("after");
-            EXPECT_TRUE(d.until([&] { return d.client.pongs.size() == 1; }, 100));
+            EXPECT_TRUE(d.pings("after", 100));
         }
     }
 }
 
 TEST(PppFrames, SurviveAResetOfTheBusAndEndWithThePower) {
-    Dialled d(modeOf(FramingMode::on));
-    d.call();
-    ASSERT_TRUE(d.up());
-    d.idle(100);
-    d.host.modem.busReset();
-    d.host.modem.configured(1);
-    d.client.ping("again");
-    EXPECT_TRUE(d.until([&] { return d.client.pongs.size() == 1; }));
-    d.host.modem.powerCycle();
-    d.host.modem.configured(1);
+    Dialled d;
+    d.connect();
+    d.host.device.busReset();
+    d.host.device.configured(1);
+    EXPECT_TRUE(d.pings("again"));
+    d.host.device.powerCycle();
+    d.host.device.configured(1);
     EXPECT_EQ(d.state(), "bytes");
     d.framing = false;
     d.call();
     EXPECT_TRUE(d.up());
-}
-
-TEST(PppCommands, ChooseFraming) {
-    struct {
-        std::string command, answer;
-    } const cases[] = {
-        {"AT+FRAME?", "\r\n+FRAME: ON,FFFFFFFF,bytes\r\n\r\nOK\r\n"},
-        {"AT+FRAME=off;+FRAME?", "\r\n+FRAME: OFF,FFFFFFFF,bytes\r\n\r\nOK\r\n"},
-        {"AT+FRAME=mid,a0000;+FRAME?", "\r\n+FRAME: MID,000A0000,bytes\r\n\r\nOK\r\n"},
-        {"AT+FRAME=KEEP,0;+FRAME?", "\r\n+FRAME: KEEP,00000000,bytes\r\n\r\nOK\r\n"},
-        {"AT+FRAME=?", "\r\n+FRAME: (ON,OFF,LATE,MID,TWICE,KEEP),(00000000-FFFFFFFF)\r\n\r\nOK\r\n"},
-        {"AT+FRAME", "\r\nERROR\r\n"},
-        {"AT+FRAME=", "\r\nERROR\r\n"},
-        {"AT+FRAME=ON,", "\r\nERROR\r\n"},
-        {"AT+FRAME=ON,1FFFFFFFF", "\r\nERROR\r\n"},
-        {"AT+FRAME=ON,12G", "\r\nERROR\r\n"},
-        {"ATD*99", "\r\nNO CARRIER\r\n"},
-        {"ATD*999#", "\r\nNO CARRIER\r\n"},
-        {"ATD*99*A#", "\r\nNO CARRIER\r\n"},
-    };
-    for (const auto& c : cases) {
-        ModemHost host;
-        host.write("ATE0\r");
-        host.read();
-        host.write(c.command + "\r");
-        host.pass(60'000);
-        EXPECT_EQ(host.read(), c.answer) << c.command;
-    }
-    // From outside, from any thread.
-    Dialled d;
-    d.host.modem.setFraming({FramingMode::off, 0x11});
-    d.host.pass(1);
-    d.call();
-    ASSERT_TRUE(d.up());
-    EXPECT_EQ(d.state(), "bytes");
-    EXPECT_EQ(d.host.modem.framingChoice().escapes, 0x11u);
 }
 
 }  // namespace

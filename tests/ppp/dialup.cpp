@@ -66,7 +66,6 @@ public:
         ::tcsetattr(fd_, TCSANOW, &settings);
     }
     void send(const std::string& bytes) { out_ += bytes; }
-    std::size_t waiting() const { return out_.size(); }
     // Waits up to `ms` for something to do, does it, and returns what came.
     std::string work(int ms) {
         pollfd poll = {fd_, static_cast<short>(POLLIN | (out_.empty() ? 0 : POLLOUT)), 0};
@@ -141,15 +140,15 @@ public:
     }
     void echo(std::size_t bytes) {
         constexpr std::size_t block = 1400, window = 16 * block;
-        sentToEcho_ = everyByte(bytes, 11);
+        const std::string all = everyByte(bytes, 11);
         echoed_.clear();
         for (std::size_t sent = 0; echoed_.size() < bytes;) {
             for (; sent < bytes && sent < echoed_.size() + window; sent += std::min(block, bytes - sent))
-                sendUdp(sentToEcho_.substr(sent, block));
+                sendUdp(all.substr(sent, block));
             const std::size_t before = echoed_.size();
             until([&] { return echoed_.size() != before; }, "an answer of the UDP echo");
         }
-        require(echoed_ == sentToEcho_, "every byte of the echo");
+        require(echoed_ == all, "every byte of the echo");
     }
     void hangUp() {
         ppp_close(ppp_, 0);
@@ -267,7 +266,7 @@ private:
     bool ended_ = true;
     unsigned pongs_ = 0;
     std::size_t pingSize_ = 0;
-    std::string text_, sentToEcho_, echoed_;
+    std::string text_, echoed_;
 };
 
 constexpr Case cases[] = {

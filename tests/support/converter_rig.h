@@ -6,8 +6,10 @@
 #include "kernel/executive.h"
 #include "tests/support/scripted_device.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -19,14 +21,14 @@ public:
         nt::Mode mode = nt::Mode::simulated;
         std::uint64_t seed = 1;
         bool verifier = true;
-        std::uint32_t traceMask = 3;
         ULONG receiveRing = 700, sendRing = 5000, packet = 4096;
     };
 
+    ConverterRig() : ConverterRig(Options()) {}
     explicit ConverterRig(const Options& options) : executive_(boot(options, this)) {
         require(executive_.loadDriver("qvcdcacm", DriverEntry) == STATUS_SUCCESS);
         require(executive_.loadDriver("catcher", catcherEntry) == STATUS_SUCCESS);
-        TraceSetMask(options.traceMask);
+        TraceSetMask(3);
         catcher_->Flags &= ~DO_DEVICE_INITIALIZING;
         current_ = this;
         DEVICE& d = dev();
@@ -59,8 +61,10 @@ public:
         DeleteSndPipe(&dev().Snd);
         DeleteSerPort(dev().Port.SerPort);
         IoDeleteDevice(catcher_);
-        leaks = executive_.stop().lines;
-        if (leakTarget != nullptr) *leakTarget = leaks;
+        for (const std::string& leak : executive_.stop().lines) {
+            std::fprintf(stderr, "%s\n", leak.c_str());
+            std::abort();
+        }
     }
     ConverterRig(const ConverterRig&) = delete;
     ConverterRig& operator=(const ConverterRig&) = delete;
@@ -140,14 +144,83 @@ public:
         return times;
     }
 
+    // A stream from the device, in pieces; what the host gets of it.
+    struct FramerPace {
+        std::size_t piece, reads;   // at most so many bytes are offered, and read
+        bool byteByByte = false;
+    };
+    Bytes throughFramer(const Bytes& stream, const std::function<FramerPace()>& pace) {
+        Bytes host;
+        std::size_t at = 0;
+        for (unsigned idle = 0; idle < 100 && (at < stream.size() || framer().State == FRAMER_DELIVER);) {
+            const FramerPace now = pace();
+            // Its own block: one byte read too far is seen.
+            const std::size_t length = std::min(now.piece, stream.size() - at);
+            const auto from = stream.begin() + static_cast<std::ptrdiff_t>(at);
+            const Bytes piece(from, from + static_cast<std::ptrdiff_t>(length));
+            std::size_t taken = 0;
+            if (now.byteByByte) {
+                const auto takes = [&] { return PppFramerIndicateChar(&framer(), piece[taken]) == 1; };
+                while (taken < length && locked(takes)) ++taken;
+            } else {
+                taken = offer(piece.data(), length);
+            }
+            at += taken;
+            if (at == stream.size() && framer().State == FRAMER_DELIVER) locked([&] { PppFramerDeliver(&framer()); });
+            requireInBounds();
+            const std::size_t got = read(host, now.reads);
+            idle = taken == 0 && got == 0 ? idle + 1 : 0;
+        }
+        while (read(host, 4096) != 0) {}
+        return host;
+    }
+
+    // A stream from the host; what goes over the wire. Transfers of whole packets and their empty packets are joined with
+    // what follows.
+    struct WirePace {
+        std::size_t piece;      // host bytes that come at once
+        bool send;              // the engine runs
+        bool complete;          // the transfer on the wire ends
+        bool refuse = false;    // the send path takes nothing meanwhile
+    };
+    Bytes throughDeFramer(const Bytes& stream, const std::function<WirePace()>& pace) {
+        std::size_t at = 0;
+        for (unsigned turns = 0; turns < 1000000; ++turns) {
+            const WirePace now = pace();
+            at += fill(stream.data() + at, std::min(now.piece, stream.size() - at));
+            if (at == stream.size() && idle()) break;
+            if (now.refuse) locked([&] { (turns % 2 ? dev().TxEnabled : dev().Snd.Started) = 0; });
+            if (now.send) send();
+            if (now.refuse) locked([&] { dev().TxEnabled = dev().Snd.Started = 1; });
+            if (now.complete && !pending.empty()) complete();
+        }
+        Bytes wire;
+        for (const Bytes& transfer : transfers) {
+            require(transfer.size() <= dev().MaxWriteChunk);
+            wire.insert(wire.end(), transfer.begin(), transfer.end());
+        }
+        return wire;
+    }
+
     std::deque<PIRP> pending;
     std::vector<Bytes> transfers;   // what each one carried, kept while `keep`
     bool keep = true;
     std::string traced;
-    std::vector<std::string> leaks;
-    std::vector<std::string>* leakTarget = nullptr;   // where to put what was left at the end
 
 private:
+    // No pointer has left its place, whatever came.
+    void requireInBounds() {
+        const PPP_FRAMER& f = framer();
+        const bool header = f.State == FRAMER_HEADER;
+        const UCHAR* const begin = header ? f.Header : f.OutBuf;
+        const std::size_t size = header ? sizeof(f.Header) : sizeof(f.OutBuf);
+        require(f.State <= FRAMER_DELIVER && f.Dev == &dev());
+        if (f.State == FRAMER_HUNT || f.State == FRAMER_RESYNC) return;
+        require(f.OutPtr >= begin);
+        // All that is left escaped, and the FCS, and the flag.
+        const std::size_t room = f.State == FRAMER_PAYLOAD ? 2 * (f.Remaining + 2) + 1 : f.Remaining;
+        require(static_cast<std::size_t>(f.OutPtr - begin) + room <= size);
+    }
     static void require(bool holds) {
         if (!holds) std::abort();
     }

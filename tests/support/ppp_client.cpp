@@ -1,5 +1,9 @@
 #include "tests/support/ppp_client.h"
 
+#include "tests/support/ppp_oracle.h"
+
+#include <utility>
+
 namespace test {
 
 namespace {
@@ -16,18 +20,6 @@ std::uint32_t number(const std::string& text, std::size_t at, std::size_t bytes)
     std::uint32_t value = 0;
     for (std::size_t i = 0; i < bytes; ++i) value = value << 8 | static_cast<Byte>(text.at(at + i));
     return value;
-}
-
-std::uint16_t bitwiseFcs(const std::string& bytes) {
-    unsigned fcs = 0xFFFF;
-    for (const char c : bytes) {
-        for (int bit = 0; bit < 8; ++bit) {
-            const bool one = ((fcs ^ (static_cast<Byte>(c) >> bit)) & 1) != 0;
-            fcs >>= 1;
-            if (one) fcs ^= 0x8408;
-        }
-    }
-    return static_cast<std::uint16_t>(fcs);
 }
 
 std::uint16_t sum(const std::string& bytes) {
@@ -53,41 +45,27 @@ std::vector<std::string> split(const std::string& options) {
 
 // ---- bytes ----
 
-std::string PppClient::takeOutput() {
-    std::string all;
-    all.swap(output_);
-    return all;
-}
+std::string PppClient::takeOutput() { return std::exchange(output_, {}); }
 
 void PppClient::sendFrame(std::uint16_t protocol, const std::string& information, bool escapeAll) {
-    std::string bytes = "\xFF\x03" + word(protocol, 2) + information;
-    const std::uint16_t fcs = bitwiseFcs(bytes) ^ 0xFFFF;
-    bytes += static_cast<char>(fcs);
-    bytes += static_cast<char>(fcs >> 8);
-    const std::uint32_t map = escapeAll ? 0xFFFFFFFF : sendAccm_ | options_.escapes;
-    output_ += '\x7E';
-    for (const char c : bytes) {
-        const auto value = static_cast<Byte>(c);
-        const bool escaped = value == 0x7D || value == 0x7E || (value < 32 && (map >> value & 1) != 0);
-        if (escaped) output_ += '\x7D';
-        output_ += static_cast<char>(escaped ? value ^ 0x20 : value);
-    }
-    output_ += '\x7E';
+    const Bytes escaped = ppp::controls(escapeAll ? 0xFFFFFFFF : sendAccm_ | options_.escapes);
+    const Bytes frame = ppp::hostFrame(bytesOf("\xFF\x03" + word(protocol, 2) + information), escaped);
+    output_.append(frame.begin(), frame.end());
 }
 
 void PppClient::take(std::string_view bytes) {
     for (const char c : bytes) {
         const auto value = static_cast<Byte>(c);
         if (value == 0x7E) {
-            const bool whole = !escape_ && building_.size() >= 4 && bitwiseFcs(building_) == 0xF0B8;
+            const bool whole = !escape_ && building_.size() >= 4 && ppp::fcs(building_) == 0xF0B8;
             const std::string last = building_;
             building_.clear();
             escape_ = false;
             if (whole) {
-                seenFrame_ = true;
+                heard = true;
                 frame(last.substr(0, last.size() - 2));
             } else if (!last.empty()) {
-                badFrames += seenFrame_;
+                badFrames += heard;
             }
         } else if (value < 32 && (options_.accm >> value & 1) != 0) {
             ++stray;
@@ -106,7 +84,6 @@ void PppClient::frame(const std::string& bytes) {
     if (bytes.size() < at + 2) return;
     const auto protocol = static_cast<std::uint16_t>(number(bytes, at, shortProtocol ? 1 : 2));
     const std::string information = bytes.substr(at + (shortProtocol ? 1 : 2));
-    ++frames[protocol];
     if (protocol == 0x0021) datagram(information);
     if (information.size() < 4 || number(information, 2, 2) > information.size()) return;
     const std::string packet = information.substr(0, number(information, 2, 2));
@@ -123,11 +100,6 @@ void PppClient::lcp(Byte code, Byte id, const std::string& data, std::uint16_t p
 }
 
 void PppClient::begin() {
-    nameServerWanted_ = options_.nameServer;
-    requestLcp();
-}
-
-void PppClient::requestLcp() {
     lcp(1, 1, "\x02\x06" + word(options_.accm, 4) + "\x05\x06" + word(0x12345678, 4) + "\x07\x02\x08\x02");
 }
 
@@ -140,7 +112,7 @@ void PppClient::requestIp() {
 void PppClient::retransmit() {
     if (terminated_) return;
     if (!lcpAcked_ || !lcpOpen_) {
-        requestLcp();
+        begin();
     } else if (!loggedIn_) {
         if (auth_ == 0xC023) login(auth_, "");
     } else if (!up()) {
@@ -150,7 +122,6 @@ void PppClient::retransmit() {
 
 void PppClient::lcpPacket(const std::string& packet) {
     const auto code = static_cast<Byte>(packet[0]), id = static_cast<Byte>(packet[1]);
-    lcpFrames.push_back(packet);
     const std::string data = packet.substr(4);
     if (code == 1) answerLcpRequest(id, data);
     if (code == 2) lcpAcked_ = true;
@@ -244,9 +215,9 @@ void PppClient::ping(const std::string& payload) {
     sendIp(1, message);
 }
 
-void PppClient::udp(const std::string& payload, std::uint16_t port) {
+void PppClient::udp(const std::string& payload) {
     const auto length = static_cast<std::uint32_t>(8 + payload.size());
-    const std::string head = word(40000, 2) + word(port, 2) + word(length, 2);
+    const std::string head = word(40000, 2) + word(7, 2) + word(length, 2);
     const std::string pseudo = word(address_, 4) + word(server_, 4) + word(17, 2) + word(length, 2);
     const std::uint16_t check = sum(pseudo + head + word(0, 2) + payload);
     sendIp(17, head + word(check == 0 ? 0xFFFF : check, 2) + payload);

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,7 +22,7 @@ struct PppClientOptions {
 
 class PppClient {
 public:
-    explicit PppClient(const PppClientOptions& options = {}) : options_(options) {}
+    explicit PppClient(const PppClientOptions& options = {}) : options_(options), nameServerWanted_(options.nameServer) {}
 
     void begin();
     void retransmit();
@@ -39,22 +38,20 @@ public:
 
     void terminate() { lcp(5, ++id_, "bye"); }
     void ping(const std::string& payload);
-    void udp(const std::string& payload, std::uint16_t port = 7);
+    void udp(const std::string& payload);
     // A frame of any content, its FCS right.
     void sendFrame(std::uint16_t protocol, const std::string& information, bool escapeAll = false);
 
     // What came back, in order.
     std::vector<std::string> pongs;
     std::vector<std::string> datagrams;
-    std::map<std::uint16_t, unsigned> frames;  // good ones that came, by protocol
-    std::vector<std::string> lcpFrames;        // their information
+    bool heard = false;                        // a good frame
     unsigned badFrames = 0;                    // wrong FCS, after the first good one
     unsigned stray = 0;                        // control characters that came unescaped against accm
 
 private:
     void frame(const std::string& bytes);
     void lcp(std::uint8_t code, std::uint8_t id, const std::string& data, std::uint16_t protocol = 0xC021);
-    void requestLcp();
     void requestIp();
     void lcpPacket(const std::string& packet);
     void answerLcpRequest(std::uint8_t id, const std::string& options);
@@ -68,7 +65,6 @@ private:
     std::string output_;
     std::string building_;
     bool escape_ = false;
-    bool seenFrame_ = false;
     std::uint8_t id_ = 0;
     std::uint32_t sendAccm_ = 0xFFFFFFFF;
     std::uint16_t auth_ = 0;
@@ -77,7 +73,7 @@ private:
     bool loggedIn_ = false;
     bool ipAcked_ = false;
     bool ipOpen_ = false;
-    bool nameServerWanted_ = false;
+    bool nameServerWanted_;
     bool terminated_ = false;
     std::uint32_t address_ = 0;
     std::uint32_t nameServer_ = 0;

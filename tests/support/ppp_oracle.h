@@ -16,11 +16,13 @@ namespace test::ppp {
 inline constexpr std::size_t frameLimit = 2043;     // bytes whose number a device frame can state
 inline constexpr std::size_t storageLimit = 4102;   // bytes after which the driver gives a host frame up
 
-inline std::uint16_t fcs(const Bytes& bytes) {
+// Of the bytes of a container.
+template <class Container>
+std::uint16_t fcs(const Container& bytes) {
     std::uint16_t value = 0xFFFF;
-    for (const std::uint8_t byte : bytes) {
+    for (const auto byte : bytes) {
         for (int bit = 0; bit < 8; ++bit) {
-            const bool feedback = ((value ^ (byte >> bit)) & 1) != 0;
+            const bool feedback = ((value ^ (static_cast<std::uint8_t>(byte) >> bit)) & 1) != 0;
             value = static_cast<std::uint16_t>(value >> 1);
             if (feedback) value ^= 0x8408;
         }
@@ -28,7 +30,22 @@ inline std::uint16_t fcs(const Bytes& bytes) {
     return value;
 }
 
+// The control characters whose bit is set.
+inline Bytes controls(std::uint32_t map) {
+    Bytes all;
+    for (std::uint8_t byte = 0; byte < 32; ++byte) {
+        if ((map >> byte & 1) != 0) all.push_back(byte);
+    }
+    return all;
+}
+
 inline void append(Bytes& to, const Bytes& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
+
+inline Bytes joined(const std::vector<Bytes>& frames) {
+    Bytes all;
+    for (const Bytes& frame : frames) append(all, frame);
+    return all;
+}
 
 // `length` stands in the header instead of the true one.
 inline Bytes deviceFrame(unsigned sequence, const Bytes& body, int length = -1) {
