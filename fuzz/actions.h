@@ -1,17 +1,13 @@
 // Inputs that are lists of actions: a kind, a length, then that many bytes.
 #pragma once
 
+#include "fuzz/require.h"
+
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 
 namespace fuzz {
-
-inline void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
 
 void play(std::span<const std::uint8_t> input, auto& player) {
     for (std::size_t at = 0; at + 2 <= input.size();) {
