@@ -391,6 +391,16 @@ const Offence offences[] = {
          IoMarkIrpPending(irp);
          return complete(irp, STATUS_SUCCESS);
      }},
+    {"ReturnsPendingUnmarked", "I8",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         complete(irp, STATUS_SUCCESS);
+         return STATUS_PENDING;
+     }},
+    {"ReturnsAnotherStatus", "I8",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         complete(irp, STATUS_SUCCESS);
+         return STATUS_UNSUCCESSFUL;
+     }},
     {"ForgetsTheRequest", "I9", [](PDEVICE_OBJECT, PIRP) { return STATUS_SUCCESS; }},
     {"GivesMoreThanThereIsRoom", "I15", [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS, 99); }},
     {"KeepsThePendingMarkFromTheDriverAbove", "I10", queueRead, readThroughUpper},

@@ -6,7 +6,7 @@
 namespace {
 
 KSPIN_LOCK lockA, lockB;
-KMUTEX mutex;
+KMUTEX mutex, other;
 KEVENT event;
 KDPC dpc;
 
@@ -14,6 +14,7 @@ void prepare() {
     KeInitializeSpinLock(&lockA);
     KeInitializeSpinLock(&lockB);
     KeInitializeMutex(&mutex, 0);
+    KeInitializeMutex(&other, 0);
     KeInitializeEvent(&event, NotificationEvent, FALSE);
 }
 
@@ -33,6 +34,13 @@ void nest(KSPIN_LOCK& outer, KSPIN_LOCK& inner) {
     KIRQL old2 = acquire(inner);
     KeReleaseSpinLock(&inner, old2);
     KeReleaseSpinLock(&outer, old);
+}
+
+void nest(KMUTEX& outer, KMUTEX& inner) {
+    waitFor(&outer);
+    waitFor(&inner);
+    KeReleaseMutex(&inner, FALSE);
+    KeReleaseMutex(&outer, FALSE);
 }
 
 template <class Object>
@@ -59,17 +67,38 @@ const Breach breaches[] = {
          KeFlushQueuedDpcs();
      }},
     {"Q3", "LowerUpwards", [] { KeLowerIrql(DISPATCH_LEVEL); }},
+    {"Q3", "RaiseDownwards",
+     [] {
+         raise();
+         KIRQL old;
+         KeRaiseIrql(PASSIVE_LEVEL, &old);
+     }},
     {"L1", "Recursive",
      [] {
          acquire(lockA);
          acquire(lockA);
      }},
     {"L2", "MutexOfAnother", [] { KeReleaseMutex(&mutex, FALSE); }},
+    {"L2", "LockOfAnother",
+     [] {
+         acquire(lockA);
+         nt::Thread thief("thief", [] {
+             raise();
+             KeReleaseSpinLock(&lockA, PASSIVE_LEVEL);
+         });
+         for (;;) nt::schedulePoint(nt::Point::other);
+     }},
     {"L3", "ReleasedUnheld", [] { KeReleaseSpinLock(&lockA, PASSIVE_LEVEL); }},
     {"L4", "WrongLevelRestored",
      [] {
          acquire(lockA);
          KeReleaseSpinLock(&lockA, DISPATCH_LEVEL);
+     }},
+    {"L4", "LoweredWithLockHeld",
+     [] {
+         const KIRQL old = acquire(lockA);
+         acquire(lockB);
+         KeReleaseSpinLock(&lockA, old);
      }},
     {"L5", "Uninitialised",
      [] {
@@ -80,6 +109,11 @@ const Breach breaches[] = {
      [] {
          nest(lockA, lockB);
          nest(lockB, lockA);
+     }},
+    {"L6", "MutexOrder",
+     [] {
+         nest(mutex, other);
+         nest(other, mutex);
      }},
     {"L7", "FreedWhileHeld",
      [] {
@@ -108,6 +142,7 @@ const Breach breaches[] = {
          ExFreePool(block);
      },
      "heap-use-after-free"},
+    {"M2", "OtherTag", [] { ExFreePoolWithTag(take<KEVENT>(), 'rehO'); }},
     {"M3", "WrittenBehind",
      [] {
          volatile char* block = *take<char[20]>();
@@ -126,6 +161,26 @@ const Breach breaches[] = {
          KeInitializeTimer(block);
          KeSetTimer(block, after(1 * ms), nullptr);
          ExFreePool(block);
+     }},
+    {"M6", "FreedDpc",
+     [] {
+         auto* block = take<KDPC>();
+         KeInitializeDpc(block, [](KDPC*, PVOID, PVOID, PVOID) {}, nullptr);
+         raise();
+         KeInsertQueueDpc(block, nullptr, nullptr);
+         ExFreePool(block);
+     }},
+    {"M7", "TimerUninitialised",
+     [] {
+         KTIMER fresh = {};
+         KeSetTimer(&fresh, after(1 * ms), nullptr);
+     }},
+    {"M7", "TimerInitialisedWhileSet",
+     [] {
+         KTIMER set;
+         KeInitializeTimer(&set);
+         KeSetTimer(&set, after(1 * ms), nullptr);
+         KeInitializeTimer(&set);
      }},
     {"M7", "EventUninitialised",
      [] {
