@@ -236,7 +236,6 @@ void Application::cancel(std::uint32_t which) {
     world_.visit(rowCancel);
     Op& op = *outstanding[outstanding.size() - 1 - which % outstanding.size()];
     op.cancelled = true;
-    op.cancelledAt = now();
     current_->file.cancel(op.request);
 }
 

@@ -28,7 +28,7 @@ struct Op {
     std::uint32_t length = 0;  // of a read or write
     std::string input, output;
     Opening* opening = nullptr;
-    Moment issued, returned, ended, cancelledAt;
+    Moment issued, returned, ended;
     bool back = false;       // the issuing call has returned
     bool cancelled = false;  // somebody asked for its end
     unsigned ends = 0;
@@ -61,10 +61,8 @@ public:
     void live();
     // Every request has ended, as it may, and every byte came that must.
     void judgeAll();
-    bool isOpen() const { return current_ != nullptr; }
 
 private:
-    struct Judgement;
     bool open(std::uint32_t name);
     Op& make(Kind kind, Actor actor);
     template <class Issue>

@@ -151,15 +151,9 @@ private:
         add(actor, Verb::control, rowOf(code), dice_.below(1u << 16));
     }
     void application(Actor actor) {
-        switch (dice_.below(16)) {
-        case 0:
-        case 1:
-        case 2:
-        case 3: return add(actor, Verb::read, dice_.length());
-        case 4:
-        case 5:
-        case 6:
-        case 7: return add(actor, Verb::write, dice_.length());
+        const std::uint32_t turn = dice_.below(16);
+        if (turn < 8) return add(actor, turn < 4 ? Verb::read : Verb::write, dice_.length());
+        switch (turn) {
         case 8: return add(actor, Verb::flush);
         case 9: return waits(actor);
         case 10: return cancels(actor);
@@ -187,12 +181,9 @@ private:
         add(actor, Verb::open, dice_.oneIn(4));
     }
     void device() {
-        switch (dice_.below(14)) {
-        case 0:
-        case 1:
-        case 2:
-        case 3:
-        case 4: return add(Actor::system, Verb::send, 1 + dice_.length(), 1 + dice_.below(4));
+        const std::uint32_t turn = dice_.below(14);
+        if (turn < 5) return add(Actor::system, Verb::send, 1 + dice_.length(), 1 + dice_.below(4));
+        switch (turn) {
         case 5:
             if (features_.lines) return add(Actor::system, Verb::lines, dice_.below(0x200));
             break;

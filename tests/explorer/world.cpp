@@ -375,6 +375,11 @@ void World::take(const Step& step) {
     moving_ = false;
 }
 
+void World::over(std::optional<std::size_t>& loss, std::int64_t graceMs) {
+    losses.end(*loss, graceMs);
+    loss.reset();
+}
+
 // From now on transfers may fail, and the driver may start over. What that costs on the way to the device the wire knows.
 void World::error(const char* why) { losses.end(losses.begin(why, 0, true), recoveryMs); }
 
@@ -465,8 +470,7 @@ void World::replug() {
     sleepMs(1);
     place_ = DeviceState::running;
     newDevices.push_back({goneSince_, now()});
-    losses.end(*placeLoss_, wire_ ? retryMs : momentMs_);
-    placeLoss_.reset();
+    over(placeLoss_, wire_ ? retryMs : momentMs_);
 }
 
 void World::queryStop() {
@@ -489,8 +493,7 @@ void World::startDevice() {
     sleepMs(1);
     place_ = DeviceState::running;
     if (removed) newDevices.push_back({goneSince_, now()});
-    losses.end(*placeLoss_, momentMs_);
-    placeLoss_.reset();
+    over(placeLoss_, momentMs_);
 }
 
 void World::plugStep(const Step& step) {
@@ -501,8 +504,7 @@ void World::plugStep(const Step& step) {
         visit(row);
         call();
         place_ = DeviceState::running;
-        losses.end(*placeLoss_, momentMs_);
-        placeLoss_.reset();
+        over(placeLoss_, momentMs_);
     };
     switch (step.verb) {
     case Verb::unplug: return unplug();
@@ -529,8 +531,7 @@ void World::plugStep(const Step& step) {
         if (may) {
             place_ = DeviceState::removePending;
         } else {
-            losses.end(*placeLoss_, momentMs_);
-            placeLoss_.reset();
+            over(placeLoss_, momentMs_);
         }
         return;
     }
@@ -547,8 +548,7 @@ void World::plugStep(const Step& step) {
         }
         // Opened meanwhile.
         place_ = DeviceState::running;
-        losses.end(*placeLoss_, momentMs_);
-        placeLoss_.reset();
+        over(placeLoss_, momentMs_);
         return;
     default: {
         if (place_ != DeviceState::running) return;
@@ -591,8 +591,7 @@ void World::powerUp() {
         powerTo(PowerDeviceD0);
     }
     low_ = false;
-    losses.end(*powerLoss_, momentMs_);
-    powerLoss_.reset();
+    over(powerLoss_, momentMs_);
 }
 
 void World::wake() {
@@ -602,14 +601,12 @@ void World::wake() {
     asleep_ = false;
     if (place_ != DeviceState::gone) executive_->settle();
     sleepMs(1);
-    losses.end(*sleepLoss_, momentMs_);
-    sleepLoss_.reset();
+    over(sleepLoss_, momentMs_);
 }
 
 void World::heal() {
     nt::faults::clear();
-    if (faultLoss_) losses.end(*faultLoss_, recoveryMs);
-    faultLoss_.reset();
+    if (faultLoss_) over(faultLoss_, recoveryMs);
 }
 
 void World::powerStep(const Step& step) {

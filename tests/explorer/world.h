@@ -163,7 +163,6 @@ public:
     bool removals = false;                              // the device left, or was removed, at least once
 
 private:
-    struct Faults;
     void deviceStep(const Step& step);
     void lineStep(const Step& step);
     void plugStep(const Step& step);
@@ -181,6 +180,8 @@ private:
     void heal();
     void malformed(std::uint32_t which);
     void error(const char* why);
+    // Ends one of the losses below.
+    void over(std::optional<std::size_t>& loss, std::int64_t graceMs);
     bool present() const { return place_ != DeviceState::gone && place_ != DeviceState::removed; }
     static void sink(void* context, const char* text, std::size_t length);
 
