@@ -428,7 +428,6 @@ TEST(DriverLifecycle, suspend_without_memory) {
 // The wake request ends by itself while somebody cancels it; none is forgotten and none touched after its end.
 TEST(DriverLifecycle, wake_races_removal_and_restart) {
     overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
-        const std::string path = m.rig.instancePath();
         // The first initialisation comes before the capabilities are known.
         ScheduleReinit(&m.record());
         m.rig.run(50);
@@ -445,7 +444,8 @@ TEST(DriverLifecycle, wake_races_removal_and_restart) {
             spin(seed * 7 % 150);
         }
         m.leave();
-        m.expectGoes();
+        m.file.close();
+        m.expectDeleted();
     });
 }
 
@@ -477,7 +477,8 @@ TEST(DriverLifecycle, wake_ends_while_it_is_cancelled) {
         EXPECT_EQ(m.power.waitForWake(), STATUS_UNSUCCESSFUL);
         EXPECT_NE(device.WakeIrp, nullptr);
         m.leave();
-        m.expectGoes();
+        m.file.close();
+        m.expectDeleted();
     });
 }
 

@@ -1,4 +1,4 @@
-// What the system tests share beside tests/support/port.h: data whose every byte tells its place, and what is done with it.
+// What the system tests and some others share beside tests/support/port.h: data whose every byte tells its place, and what is done with it.
 #pragma once
 
 #include "tests/support/port.h"
