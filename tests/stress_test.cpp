@@ -166,6 +166,39 @@ void drain(nt::File& file) {
     EXPECT_EQ(test::setTimeouts(file, 0, 20'000, 20'000), STATUS_SUCCESS);
 }
 
+// Everything at once while the device leaves three times, as `leave` makes it; what comes afterwards must be whole.
+template <class Leave>
+void underFire(TestRig& rig, nt::File& file, unsigned round, Leave&& leave) {
+    ASSERT_EQ(rig.open(file, 20'000), STATUS_SUCCESS);
+    EXPECT_EQ(test::setTimeouts(file, 10, 0, 0), STATUS_SUCCESS);
+    std::atomic<bool> stop{false};
+    std::vector<nt::Thread> threads;
+    threads.emplace_back("controls", [&] { controls(file, Dice(round + 30), stop); });
+    threads.emplace_back("transfers", [&] { transfers(file, Dice(round + 40), stop); });
+    threads.emplace_back("more transfers", [&] { transfers(file, Dice(round + 50), stop); });
+    threads.emplace_back("second opener", [&, dice = Dice(round + 60)]() mutable {
+        while (!stop) {
+            nt::File second;
+            EXPECT_FALSE(NT_SUCCESS(second.open("\\DosDevices\\" + rig.comName())));
+            pause(dice.roll(5));
+        }
+    });
+    Dice dice(round + 70);
+    for (unsigned i = 0; i < 3; ++i) {
+        pause(dice.roll(40));
+        leave(dice);
+        // A server may not yet have noticed that the device is free.
+        EXPECT_TRUE(rig.until([&] { return rig.bus().replug(rig.first().port); }, 20'000));
+    }
+    pause(200);
+    stop = true;
+    threads.clear();
+    rig.settle();
+    drain(file);
+    checkedStream(file, round + 100);
+    file.close();
+}
+
 class Stress : public testing::Test {
 protected:
     Stress() : rig(realTime()) {
@@ -204,32 +237,10 @@ TEST_F(Stress, every_byte_beside_controls_and_waits) {
 
 TEST_F(Stress, removals_under_fire) {
     for (unsigned round = 0; round < rounds && !HasFailure(); ++round) {
-        open();
-        EXPECT_EQ(test::setTimeouts(file, 10, 0, 0), STATUS_SUCCESS);
-        std::vector<nt::Thread> threads;
-        threads.emplace_back("controls", [&] { controls(file, Dice(round + 30), stop); });
-        threads.emplace_back("transfers", [&] { transfers(file, Dice(round + 40), stop); });
-        threads.emplace_back("more transfers", [&] { transfers(file, Dice(round + 50), stop); });
-        threads.emplace_back("second opener", [&, dice = Dice(round + 60)]() mutable {
-            while (!stop) {
-                nt::File second;
-                EXPECT_FALSE(NT_SUCCESS(second.open("\\DosDevices\\" + rig.comName())));
-                pause(dice.roll(5));
-            }
-        });
-        Dice dice(round + 70);
-        for (unsigned i = 0; i < 3; ++i) {
-            pause(dice.roll(40));
+        underFire(rig, file, round, [&](Dice& dice) {
             rig.unplug();
             pause(dice.roll(20));
-            EXPECT_TRUE(rig.bus().replug(rig.first().port));
-        }
-        pause(200);
-        join(threads);
-        rig.settle();
-        drain(file);
-        checkedStream(file, round + 100);
-        file.close();
+        });
     }
 }
 
@@ -301,31 +312,14 @@ TEST(StressUsbip, connections_come_and_go_under_fire) {
     nt::faults::setDelays(true, 7);
     nt::File file;
     for (unsigned round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
-        ASSERT_EQ(rig.open(file, 20'000), STATUS_SUCCESS);
-        EXPECT_EQ(test::setTimeouts(file, 10, 0, 0), STATUS_SUCCESS);
-        std::atomic<bool> stop{false};
-        std::vector<nt::Thread> threads;
-        threads.emplace_back("controls", [&] { controls(file, Dice(round + 110), stop); });
-        threads.emplace_back("transfers", [&] { transfers(file, Dice(round + 120), stop); });
-        Dice dice(round + 130);
-        for (unsigned i = 0; i < 3; ++i) {
-            pause(dice.roll(40));
+        underFire(rig, file, round + 200, [&](Dice& dice) {
             if (dice.roll(2) == 0) {
                 server.reset();
                 server = std::make_unique<comport::UsbipServer>(exports, address);
             } else {
                 rig.unplug();
             }
-            // The server may not yet have noticed that the device is free.
-            EXPECT_TRUE(rig.until([&] { return rig.bus().replug(rig.first().port); }, 20'000));
-        }
-        pause(200);
-        stop = true;
-        threads.clear();
-        rig.settle();
-        drain(file);
-        checkedStream(file, round + 140);
-        file.close();
+        });
     }
     nt::faults::setDelays(false);
     rig.unplug();
