@@ -5,6 +5,7 @@
 #include <map>
 
 #include "cdcacm/pnpadd.h"
+#include "kernel/faults.h"
 
 namespace {
 
@@ -74,6 +75,7 @@ TEST(DriverArrival, states_of_the_dialogue) {
         const DEVICE& device = recordOf(port.rig);
         EXPECT_EQ(device.PnpState, item.state);
         EXPECT_EQ(device.UsbDeviceEnabled, 1);
+        EXPECT_EQ(device.Capabilities.SurpriseRemovalOK, 1u);
         EXPECT_EQ(port.rig.statistics().pending != 0, item.runs);
         EXPECT_EQ(device.DataPathRef, item.holds ? 1 : 0);
         EXPECT_EQ(withoutWake(device), before - (item.holds ? 0 : 1));
@@ -87,19 +89,6 @@ TEST(DriverArrival, removal_may_be_called_off) {
     EXPECT_EQ(recordOf(port.rig).PnpState, PNP_REMOVE_PENDING + 0u);
     EXPECT_EQ(port.rig.executive().cancelRemove(port.rig.instancePath()), STATUS_SUCCESS);
     EXPECT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
-}
-
-TEST(DriverArrival, capabilities_are_edited) {
-    for (const bool wakes : {false, true}) {
-        RigOptions options;
-        options.port.wakeFromD2 = wakes;
-        options.port.deviceState[PowerSystemShutdown] = PowerDeviceD2;
-        TestRig rig(options);
-        const DEVICE& device = recordOf(rig);
-        EXPECT_EQ(device.Capabilities.DeviceState[PowerSystemShutdown], PowerDeviceD3);
-        EXPECT_EQ(device.Capabilities.SurpriseRemovalOK, 1u);
-        EXPECT_EQ(device.WakeSupported, wakes ? 1 : 0);
-    }
 }
 
 // --- Configuration ----------------------------------------------------------------------------------------------------
@@ -170,71 +159,27 @@ TEST(DriverArrival, the_installation_writes_the_defaults) {
 
 // --- A deeper stack ---------------------------------------------------------------------------------------------------
 
-PDRIVER_OBJECT portDriver;
-
-struct FilterExtension {
-    PDEVICE_OBJECT lower;
-};
-
-NTSTATUS NTAPI filterPass(PDEVICE_OBJECT device, PIRP irp) {
-    const PDEVICE_OBJECT lower = static_cast<FilterExtension*>(device->DeviceExtension)->lower;
-    const auto* const stack = IoGetCurrentIrpStackLocation(irp);
-    const bool removal = stack->MajorFunction == IRP_MJ_PNP && stack->MinorFunction == IRP_MN_REMOVE_DEVICE;
-    if (stack->MajorFunction == IRP_MJ_POWER) PoStartNextPowerIrp(irp);
-    IoSkipCurrentIrpStackLocation(irp);
-    const NTSTATUS status = IoCallDriver(lower, irp);
-    if (removal) {
-        IoDetachDevice(lower);
-        IoDeleteDevice(device);
-    }
-    return status;
-}
-
-// Puts itself under the port's driver.
-NTSTATUS NTAPI filterAdd(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = IoCreateDevice(driver, sizeof(FilterExtension), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
-    if (!NT_SUCCESS(status)) return status;
-    auto& extension = *static_cast<FilterExtension*>(device->DeviceExtension);
-    extension.lower = IoAttachDeviceToDeviceStack(device, pdo);
-    device->Flags |= DO_POWER_PAGABLE;
-    device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
-    status = portDriver->DriverExtension->AddDevice(portDriver, pdo);
-    if (!NT_SUCCESS(status)) {
-        IoDetachDevice(extension.lower);
-        IoDeleteDevice(device);
-    }
-    return status;
-}
-
-NTSTATUS NTAPI filterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
-    driver->DriverExtension->AddDevice = filterAdd;
-    driver->DriverUnload = [](PDRIVER_OBJECT) {};
-    for (const UCHAR major : {IRP_MJ_PNP, IRP_MJ_POWER, IRP_MJ_INTERNAL_DEVICE_CONTROL, IRP_MJ_SYSTEM_CONTROL, IRP_MJ_DEVICE_CONTROL})
-        driver->MajorFunction[major] = filterPass;
-    return STATUS_SUCCESS;
-}
-
 // The requests of a port are made for the stack it was created on: a deeper one gets a port of its own, once the old
 // one is closed.
 TEST(DriverArrival, deeper_stack_is_refused_while_the_old_port_is_open) {
     OpenPort port;
-    portDriver = port.rig.executive().lookUp(deviceName)->DriverObject;
-    ASSERT_EQ(port.rig.executive().loadDriver("filter", filterEntry), STATUS_SUCCESS);
+    auto& executive = port.rig.executive();
+    const std::string path = port.rig.instancePath();
     port.rig.unplug();
     port.rig.settle();
-    for (const char* id : {"USB\\Class_02&SubClass_02", "USB\\Class_02"})
-        port.rig.executive().bindDriver(id, "filter", "Ports", "{4d36e978-e325-11ce-bfc1-08002be10318}");
-    port.rig.executive().registry().setString("HKLM\\SYSTEM\\CurrentControlSet\\Enum\\USB\\VID_1209&PID_0001\\0001", "Service",
-                                              "filter");
+    // It is found without a driver, and then a filter stands on it.
+    nt::faults::failNth(nt::faults::Kind::objectCreate, 2);
     port.rig.replug();
+    nt::faults::clear();
+    for (const auto& node : executive.devices()) {
+        if (node.instancePath == path) node.pdo->StackSize = 2;
+    }
+    EXPECT_FALSE(NT_SUCCESS(executive.startDevice(path)));
     EXPECT_EQ(recordOf(port.rig).LowerDevObj, nullptr);
     EXPECT_EQ(port.control(IOCTL_SERIAL_SET_DTR), STATUS_UNSUCCESSFUL);
     port.file.close();
-    EXPECT_TRUE(port.rig.until([&] { return port.rig.executive().lookUp(deviceName) == nullptr; }));
-    port.rig.unplug();
-    port.rig.settle();
-    port.rig.replug();
+    EXPECT_TRUE(port.rig.until([&] { return executive.lookUp(deviceName) == nullptr; }));
+    EXPECT_EQ(executive.startDevice(path), STATUS_SUCCESS);
     ASSERT_EQ(port.rig.open(port.file), STATUS_SUCCESS) << port.rig.trace();
     EXPECT_EQ(recordOf(port.rig).StackSize, 2);
     EXPECT_EQ(port.write("deeper"), STATUS_SUCCESS);

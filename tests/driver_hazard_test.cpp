@@ -4,8 +4,6 @@
 #include "kernel/faults.h"
 #include "kernel/thread.h"
 
-#include <pnpadd.h>
-
 #include <functional>
 
 namespace {
@@ -86,12 +84,6 @@ TEST(DriverHazard, interrupted_sending_keeps_the_ring) {
          },
          [](OpenPort& p) { p.rig.executive().startDevice(p.rig.instancePath()); }},
         {"low power", power<PowerDeviceD2>, power<PowerDeviceD0>},
-        {"removal",
-         [](OpenPort& p) {
-             p.rig.unplug();
-             p.rig.settle();
-         },
-         [](OpenPort& p) { p.rig.replug(); }},
     };
     constexpr ULONG chunk = 256, ring = 2000;
     for (const auto seed : test::seeds(25)) {
@@ -424,28 +416,6 @@ TEST(DriverHazard, immediate_reads_beside_writes) {
         Pending rest(20);
         port.read(rest);
         EXPECT_EQ(got + rest.text(), "0123456789");
-    }
-}
-
-// --- Controls ---------------------------------------------------------------------------------------------------------
-
-// Work of one device runs in the order it was queued, whichever worker gets there first.
-TEST(DriverHazard, work_keeps_its_order) {
-    static std::vector<const void*> done;
-    for (const auto seed : test::seeds(60)) {
-        OpenPort port(seeded(seed));
-        DEVICE* dev;
-        GetDevice(port.file.object()->DeviceObject, &dev, nullptr);
-        char place[40];
-        done.clear();
-        const auto work = [](VOID* context) -> NTSTATUS {
-            done.push_back(context);
-            return STATUS_SUCCESS;
-        };
-        for (char& c : place) ASSERT_TRUE(QueueWorkItem(dev, work, &c, nullptr));
-        port.rig.run(5);
-        ASSERT_EQ(done.size(), sizeof(place));
-        ASSERT_TRUE(std::is_sorted(done.begin(), done.end()));
     }
 }
 

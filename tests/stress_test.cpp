@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 
 namespace {
 
@@ -33,18 +34,9 @@ RigOptions realTime() {
 }
 
 // A generator of its own for each thread.
-class Dice {
-public:
-    explicit Dice(std::uint32_t seed) : state_(seed * 747796405u + 1) {}
-    std::uint32_t roll(std::uint32_t bound) {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 17;
-        state_ ^= state_ << 5;
-        return state_ % bound;
-    }
-
-private:
-    std::uint32_t state_;
+struct Dice : std::minstd_rand {
+    explicit Dice(std::uint32_t seed) : std::minstd_rand(seed) {}
+    std::uint32_t roll(std::uint32_t bound) { return static_cast<std::uint32_t>((*this)() % bound); }
 };
 
 // A request whose end another thread waits for.
