@@ -335,22 +335,18 @@ std::map<std::string, std::uint64_t> wakeUps() {
 
 // A port that is closed, or whose device is suspended, wakes nothing up.
 TEST(Rest, closed_and_suspended_ports_wake_nothing) {
-    struct {
-        const char* name;
-        unsigned ports;
-        bool suspended;
-    } const table[] = {{"closed", 1, false}, {"closed", 100, false}, {"suspended", 1, true}, {"suspended", 100, true}};
-    for (const auto& item : table) {
-        SCOPED_TRACE(item.name);
+    const std::pair<unsigned, bool> table[] = {{1, false}, {100, false}, {1, true}, {100, true}};
+    for (const auto& [ports, suspended] : table) {
+        SCOPED_TRACE(testing::Message() << ports << (suspended ? " suspended" : " closed"));
         const auto others = wakeUps();  // of a sanitizer, say
         RigOptions options = realTime();
         options.plug = false;
         TestRig rig(options);
         std::vector<test::Plugged> plugged;
-        std::vector<nt::File> files(item.suspended ? item.ports : 0);
-        for (unsigned i = 0; i < item.ports; ++i) {
+        std::vector<nt::File> files(suspended ? ports : 0);
+        for (unsigned i = 0; i < ports; ++i) {
             const std::string instance = std::to_string(1000 + i);
-            rig.setDeviceValue("IdleInterval", item.suspended, instance);
+            rig.setDeviceValue("IdleInterval", suspended, instance);
             plugged.push_back(rig.plug(std::make_unique<ScriptedDevice>(), instance));
         }
         for (unsigned i = 0; i < files.size(); ++i) {
@@ -358,9 +354,9 @@ TEST(Rest, closed_and_suspended_ports_wake_nothing) {
             ASSERT_TRUE(rig.until([&] { return NT_SUCCESS(files[i].open(name)); }, 20'000));
         }
         const auto atRest = [&] {
-            return std::all_of(plugged.begin(), plugged.end(), [&](const test::Plugged& p) {
+            return std::all_of(plugged.begin(), plugged.end(), [&, sleeps = suspended](const test::Plugged& p) {
                 const auto bus = rig.bus().statistics(p.port);
-                return bus.pending == 0 && (bus.power == PowerDeviceD2) == item.suspended;
+                return bus.pending == 0 && (bus.power == PowerDeviceD2) == sleeps;
             });
         };
         ASSERT_TRUE(rig.until(atRest, 20'000));
@@ -372,7 +368,8 @@ TEST(Rest, closed_and_suspended_ports_wake_nothing) {
             const auto known = before.find(id);
             if (others.count(id) == 0) woken += count - (known == before.end() ? 0 : known->second);
         }
-        std::printf("%3u %s ports: %llu wake-ups in a second\n", item.ports, item.name, static_cast<unsigned long long>(woken));
+        std::printf("%3u %s ports: %llu wake-ups in a second\n", ports, suspended ? "suspended" : "closed",
+                    static_cast<unsigned long long>(woken));
         EXPECT_LE(woken, 2u);
     }
 }

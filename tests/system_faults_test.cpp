@@ -93,45 +93,40 @@ private:
         auto device = std::make_unique<ScriptedDevice>();
         device->echo = true;
         backend_ = std::make_shared<usb::VirtualBackend>(std::move(device), "echo");
-        port_ = rig_.bus().plug(backend_, "0001");
-        if (port_ == 0) {
+        rig_.first().port = rig_.bus().plug(backend_, "0001");
+        if (port() == 0) {
             excuse("plug");
-            port_ = rig_.bus().plug(backend_, "0001");
+            rig_.first().port = rig_.bus().plug(backend_, "0001");
         }
         rig_.settle();
     }
     void replug() {
-        if (!rig_.bus().replug(port_)) {
+        if (!rig_.bus().replug(port())) {
             excuse("replug");
-            EXPECT_TRUE(rig_.bus().replug(port_));
+            EXPECT_TRUE(rig_.bus().replug(port()));
         }
         rig_.settle();
     }
-    std::string instance() { return rig_.bus().instancePath(port_); }
-    nt::DeviceNode node() {
-        for (const auto& device : rig_.executive().devices()) {
-            if (device.instancePath == instance()) return device;
-        }
-        return {};
+    usb::PortNumber port() { return rig_.first().port; }
+    bool started() {
+        const auto nodes = rig_.executive().devices();
+        return std::any_of(nodes.begin(), nodes.end(), [&](const nt::DeviceNode& node) {
+            return node.instancePath == rig_.instancePath() && node.state == nt::DeviceState::started;
+        });
     }
 
-    NTSTATUS tryOpen() {
-        NTSTATUS status = STATUS_UNSUCCESSFUL;
-        rig_.until([&] { return NT_SUCCESS(status = file_.open("\\DosDevices\\" + node().portName)); });
-        return status;
-    }
     void open() {
-        if (NT_SUCCESS(tryOpen())) return;
+        if (NT_SUCCESS(rig_.open(file_))) return;
         excuse("open");
         replug();
-        ASSERT_EQ(tryOpen(), STATUS_SUCCESS) << rig_.trace();
+        ASSERT_EQ(rig_.open(file_), STATUS_SUCCESS) << rig_.trace();
     }
 
     void exchange(const char* step) {
         const std::string text = test::noise(3000, ++exchanges_);
         if (test::echoed(file_, text) == text) return;
         excuse(step);
-        if (extent_ == Extent::fromThenOn || node().state != nt::DeviceState::started) replug();
+        if (extent_ == Extent::fromThenOn || !started()) replug();
         // What the failed attempt left on its way comes first.
         rig_.run(2500);
         test::control(file_, IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR | SERIAL_PURGE_TXCLEAR});
@@ -165,7 +160,7 @@ private:
     }
 
     void removalWithPortOpen() {
-        rig_.bus().unplug(port_);
+        rig_.bus().unplug(port());
         rig_.settle();
         replug();
         rig_.run(500);
@@ -185,11 +180,11 @@ private:
 
     void removal() {
         auto& executive = rig_.executive();
-        if (node().state == nt::DeviceState::started) {
-            EXPECT_EQ(executive.queryRemove(instance()), STATUS_SUCCESS);
-            EXPECT_EQ(executive.removeDevice(instance()), STATUS_SUCCESS);
+        if (started()) {
+            EXPECT_EQ(executive.queryRemove(rig_.instancePath()), STATUS_SUCCESS);
+            EXPECT_EQ(executive.removeDevice(rig_.instancePath()), STATUS_SUCCESS);
         }
-        rig_.bus().unplug(port_);
+        rig_.bus().unplug(port());
         rig_.settle();
     }
 
@@ -209,7 +204,6 @@ private:
     const std::uint64_t n_;
     TestRig rig_;
     std::shared_ptr<usb::VirtualBackend> backend_;
-    usb::PortNumber port_ = 0;
     nt::File file_;
     std::uint32_t exchanges_ = 0;
 };
