@@ -1,6 +1,6 @@
 // The USB side of the port: how bytes are cut into transfers, what becomes of failed ones, what a slow
 // reader does to the device, the choice of configuration.
-#include "tests/support/port.h"
+#include "tests/system_port.h"
 
 #include "kernel/faults.h"
 #include "kernel/thread.h"
@@ -21,12 +21,6 @@ using usb::Fault;
 
 constexpr std::uint8_t kIn = 0x81;
 
-std::string letters(std::size_t length, unsigned from = 0) {
-    std::string text(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) text[i] = static_cast<char>('a' + (from + i * 7 + i / 26) % 26);
-    return text;
-}
-
 // What is there now, without waiting.
 std::string take(OpenPort& port, std::size_t most) {
     port.timeouts(MAXULONG, 0, 0);
@@ -44,7 +38,7 @@ TEST(DriverTransport, no_chunk_overtakes_the_empty_packet) {
         std::vector<nt::Thread> writers;
         for (unsigned w = 0; w < 2; ++w) {
             writers.emplace_back("writer", [&port, w] {
-                for (unsigned i = 0; i < 12; ++i) EXPECT_EQ(port.write(letters(64, w * 100 + i)), STATUS_SUCCESS);
+                for (unsigned i = 0; i < 12; ++i) EXPECT_EQ(port.write(test::noise(64, w * 100 + i)), STATUS_SUCCESS);
             });
         }
         for (auto& writer : writers) writer.join();
@@ -63,9 +57,9 @@ TEST(DriverTransport, no_chunk_overtakes_the_empty_packet) {
 
 TEST(DriverTransport, the_flow_test_cuts_and_delays) {
     OpenPort port(seeded(1, {{"FlowTest", 20}, {"ReadBufferCount", 3}}));
-    EXPECT_EQ(port.write(letters(1000)), STATUS_SUCCESS);
+    EXPECT_EQ(port.write(test::noise(1000)), STATUS_SUCCESS);
     port.rig.run(100);
-    EXPECT_EQ(port.received(), letters(1000));
+    EXPECT_EQ(port.received(), test::noise(1000));
     port.rig.device([](ScriptedDevice& d) {
         for (const auto& out : d.outs) EXPECT_LE(out.data.size(), 64u);
     });
@@ -180,10 +174,10 @@ TEST(DriverTransport, a_read_gets_all_of_a_transfer_larger_than_the_ring) {
     OpenPort port(seeded(1, {{"ReadCircBufferSize", 4096}}));
     Pending read(9000);
     port.read(read);
-    port.send(letters(9000));
+    port.send(test::noise(9000));
     port.rig.run(20);
     EXPECT_TRUE(read.done());
-    EXPECT_EQ(read.text(), letters(9000));
+    EXPECT_EQ(read.text(), test::noise(9000));
 }
 
 // --- Configuration ----------------------------------------------------------------------------------------------------

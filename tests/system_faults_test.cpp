@@ -23,7 +23,7 @@ constexpr std::uint64_t stepBound = 3'000'000;
 constexpr std::int64_t lifeBoundMs = 60'000;
 
 const char* nameOf(Kind kind) {
-    constexpr const char* names[] = {"allocation", "request", "registry access", "object creation", "USB request"};
+    constexpr const char* names[] = {"allocation", "request", "registry_access", "object_creation", "USB_request"};
     static_assert(std::size(names) == std::size_t(Kind::count_));
     return names[std::size_t(kind)];
 }
@@ -234,11 +234,7 @@ TEST_P(Faults, from_some_call_on) {
 
 INSTANTIATE_TEST_SUITE_P(Whole, Faults,
                          testing::Values(Kind::allocation, Kind::request, Kind::registry, Kind::objectCreate, Kind::usbRequest),
-                         [](const auto& info) {
-                             std::string name = nameOf(info.param);
-                             std::replace(name.begin(), name.end(), ' ', '_');
-                             return name;
-                         });
+                         [](const auto& info) { return nameOf(info.param); });
 
 // --- The creation of a device, step by step -----------------------------------------------------------------------------
 

@@ -154,22 +154,19 @@ struct Flight : Machine {
     std::int64_t flushedAtMs = 0;
 };
 
-TEST(Removal, requests_pending_on_one_handle) {
-    for (const auto seed : test::seeds(200)) {
-        Flight(seed).run();
-        ASSERT_FALSE(HasFailure()) << "seed " << seed;
+// --- Removal against the other events of a port's life -------------------------------------------------------------------
+
+template <class Subject = Machine, class Scenario>
+void overSeeds(unsigned count, Scenario&& scenario) {
+    for (const auto seed : test::seeds(count)) {
+        Subject subject(seed);
+        scenario(subject);
+        ASSERT_FALSE(testing::Test::HasFailure()) << "seed " << seed;
     }
 }
 
-// --- Removal against the other events of a port's life -------------------------------------------------------------------
-
-template <class Scenario>
-void overSeeds(unsigned count, Scenario&& scenario) {
-    for (const auto seed : test::seeds(count)) {
-        Machine machine(seed);
-        scenario(machine);
-        ASSERT_FALSE(testing::Test::HasFailure()) << "seed " << seed;
-    }
+TEST(Removal, requests_pending_on_one_handle) {
+    overSeeds<Flight>(200, [](Flight& flight) { flight.run(); });
 }
 
 TEST(Removal, while_the_handle_closes) {
