@@ -75,7 +75,6 @@ TEST(DriverArrival, states_of_the_dialogue) {
         const DEVICE& device = recordOf(port.rig);
         EXPECT_EQ(device.PnpState, item.state);
         EXPECT_EQ(device.UsbDeviceEnabled, 1);
-        EXPECT_EQ(device.Capabilities.SurpriseRemovalOK, 1u);
         EXPECT_EQ(port.rig.statistics().pending != 0, item.runs);
         EXPECT_EQ(device.DataPathRef, item.holds ? 1 : 0);
         EXPECT_EQ(withoutWake(device), before - (item.holds ? 0 : 1));
@@ -89,6 +88,16 @@ TEST(DriverArrival, removal_may_be_called_off) {
     EXPECT_EQ(recordOf(port.rig).PnpState, PNP_REMOVE_PENDING + 0u);
     EXPECT_EQ(port.rig.executive().cancelRemove(port.rig.instancePath()), STATUS_SUCCESS);
     EXPECT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
+}
+
+TEST(DriverArrival, capabilities_are_edited) {
+    for (const bool wakes : {false, true}) {
+        RigOptions options;
+        options.port.wakeFromD2 = wakes;
+        TestRig rig(options);
+        EXPECT_EQ(recordOf(rig).Capabilities.SurpriseRemovalOK, 1u);
+        EXPECT_EQ(recordOf(rig).WakeSupported, wakes ? 1 : 0);
+    }
 }
 
 // --- Configuration ----------------------------------------------------------------------------------------------------

@@ -29,7 +29,6 @@ struct Modem : OpenPort {
     explicit Modem(const RigOptions& options = {}) : OpenPort(options), power(rig) {
         rig.device([](ScriptedDevice& d) { d.echo = true; });
     }
-    bool exists() { return rig.executive().lookUp(deviceName) != nullptr; }
     DEVICE& record() { return *static_cast<DEVICE*>(rig.executive().lookUp(deviceName)->DeviceExtension); }
     void expectAlive() {
         Pending back(5);
@@ -41,7 +40,7 @@ struct Modem : OpenPort {
         rig.run(1);
         EXPECT_EQ(back.text(), "hello");
     }
-    void expectDeleted() { EXPECT_TRUE(rig.until([&] { return !exists(); }, 3000)); }
+    void expectDeleted() { EXPECT_TRUE(rig.until([&] { return rig.executive().lookUp(deviceName) == nullptr; }, 3000)); }
     void leave() {
         rig.unplug();
         rig.settle();

@@ -17,7 +17,6 @@ using test::ScriptedDevice;
 using test::seeded;
 using test::TestRig;
 using test::traced;
-using usb::Fault;
 
 constexpr std::uint8_t kIn = 0x81;
 
@@ -96,8 +95,8 @@ TEST(DriverTransport, failed_transfers) {
         options.faulty = true;
         OpenPort port(options);
         port.rig.clearTrace();
-        Fault clearHalt;
-        clearHalt.request = 1;
+        usb::Fault clearHalt;
+        clearHalt.request = usb::requestClearFeature;
         clearHalt.requestType = 0x02;
         if (item.resetFails) port.rig.faults().add(clearHalt);
         port.hold(item.send);
@@ -131,9 +130,7 @@ TEST(DriverTransport, the_receiver_comes_back_after_errors) {
             options.faulty = true;
             OpenPort port(options);
             // The transfers that wait end by one abort after another, the next ones fail.
-            Fault fault;
-            fault.action = Fault::Action::end;
-            fault.status = usb::TransferStatus::failed;
+            usb::Fault fault;
             fault.endpoint = kIn;
             fault.times = failures;
             port.rig.faults().add(fault);
@@ -206,9 +203,7 @@ TEST(DriverTransport, the_hub_decides_the_configuration) {
         device->deviceBytes = test::cdcDevice(item.configurations);
         device->configurations.clear();
         for (std::uint8_t value = 1; value <= item.configurations; ++value) {
-            test::CdcShape shape;
-            shape.configurationValue = value;
-            device->configurations.push_back(test::cdcConfiguration(shape));
+            device->configurations.push_back(test::cdcConfiguration({.configurationValue = value}));
         }
         rig.plug(std::move(device), "0001");
         nt::File file;

@@ -59,24 +59,6 @@ struct Reader {
 
 // --- One handle over a removal ------------------------------------------------------------------------------------------
 
-// Controls that ask the device, again and again, each measured.
-struct Controller {
-    explicit Controller(OpenPort& port)
-        : thread("controller", [this, &port] {
-              constexpr ULONG codes[] = {IOCTL_SERIAL_SET_DTR, IOCTL_SERIAL_CLR_RTS, IOCTL_SERIAL_SET_RTS, IOCTL_SERIAL_CLR_DTR};
-              for (unsigned i = 0; !stop; ++i) {
-                  const std::int64_t begin = test::nowMs();
-                  i % 5 == 4 ? port.set(IOCTL_SERIAL_SET_BAUD_RATE, ULONG{9600 + i}) : port.control(codes[i % 4]);
-                  longestMs = std::max(longestMs, test::nowMs() - begin);
-                  port.rig.run(2);
-              }
-          }) {}
-
-    bool stop = false;
-    std::int64_t longestMs = 0;
-    nt::Thread thread;
-};
-
 struct Flight : Machine {
     using Machine::Machine;
 
@@ -138,13 +120,24 @@ struct Flight : Machine {
         timeouts(20, 0, 0);
         Reader reader(file);
         start();
-        Controller controller(*this);
+        // Controls that ask the device, again and again, each measured.
+        bool stop = false;
+        std::int64_t longestMs = 0;
+        nt::Thread controller("controller", [&] {
+            constexpr ULONG codes[] = {IOCTL_SERIAL_SET_DTR, IOCTL_SERIAL_CLR_RTS, IOCTL_SERIAL_SET_RTS, IOCTL_SERIAL_CLR_DTR};
+            for (unsigned i = 0; !stop; ++i) {
+                const std::int64_t begin = test::nowMs();
+                i % 5 == 4 ? set(IOCTL_SERIAL_SET_BAUD_RATE, ULONG{9600 + i}) : control(codes[i % 4]);
+                longestMs = std::max(longestMs, test::nowMs() - begin);
+                rig.run(2);
+            }
+        });
         pause();
         goneWhilePending(reader);
         back(reader);
-        controller.stop = true;
-        controller.thread.join();
-        EXPECT_LE(controller.longestMs, requestTimeoutMs + slackMs);
+        stop = true;
+        controller.join();
+        EXPECT_LE(longestMs, requestTimeoutMs + slackMs);
     }
 
     std::string name;
