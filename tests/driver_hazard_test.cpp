@@ -16,7 +16,7 @@ using test::seeded;
 using test::spin;
 using test::traced;
 
-constexpr std::uint8_t kSetLines = 0x22, kStartFraming = 0x61;
+constexpr std::uint8_t kSetLines = 0x22;
 
 // Others get ahead wherever the driver traces, inside a cancel routine, too.
 RigOptions tracing(std::uint64_t seed) {
@@ -222,32 +222,6 @@ TEST(DriverHazard, flush_ends_in_time_whatever_passes_it) {
             port.rig.run(5);
         }
     }
-}
-
-// --- Framing ----------------------------------------------------------------------------------------------------------
-
-// Bytes behind the flag and the request to start framing at the same time: either they are raw and framing does not
-// start, or it starts and none of them is raw.
-TEST(DriverHazard, framing_begins_behind_a_flag) {
-    unsigned started = 0;
-    const auto all = test::seeds(300);
-    for (const auto seed : all) {
-        OpenPort port(seeded(seed));
-        EXPECT_EQ(port.write("frame~"), STATUS_SUCCESS);
-        port.rig.run(5);
-        nt::Thread writer("writer", [&] {
-            spin(nt::sim::random(80));
-            EXPECT_EQ(port.write("next"), STATUS_SUCCESS);
-        });
-        spin(nt::sim::random(80));
-        port.rig.device([](ScriptedDevice& d) { d.notify(test::vendorNotification(0x10)); });
-        writer.join();
-        port.rig.run(400);
-        const bool framing = port.rig.device([](ScriptedDevice& d) { return d.count(kStartFraming) != 0; });
-        ASSERT_EQ(port.received(), framing ? "frame~" : "frame~next");
-        started += framing;
-    }
-    EXPECT_TRUE(all.size() == 1 || (started > 0 && started < all.size())) << started;
 }
 
 // --- Requests that end while somebody still looks at them -------------------------------------------------------------

@@ -89,22 +89,6 @@ void overSeeds(unsigned count, const std::map<std::string, std::uint32_t>& value
 
 // --- The last handle --------------------------------------------------------------------------------------------------
 
-// The last request's end closes the file on another thread, and with it the removed port goes.
-TEST(DriverLifecycle, port_deleted_while_its_last_requests_end) {
-    overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
-        std::vector<std::unique_ptr<Pending>> reads;
-        for (int i = 0; i < 3; ++i) m.read(*reads.emplace_back(std::make_unique<Pending>(5)));
-        m.leave();
-        nt::Thread closer("closer", [&] { m.file.close(); });
-        spin(seed % 60);
-        m.file.cancelAll();
-        closer.join();
-        m.rig.settle();
-        for (const auto& read : reads) EXPECT_EQ(read->completions, 1u);
-        m.expectDeleted();
-    });
-}
-
 // The read that is being cancelled ends with the handle, and the port with both: the cancellation comes to its end first.
 TEST(DriverLifecycle, last_close_meets_a_cancellation) {
     overSeeds(100, {}, [](Modem& m, std::uint64_t) {
@@ -329,22 +313,6 @@ TEST(DriverLifecycle, power_up_races_last_close) {
         EXPECT_LE(m.record().Ref, asleep) << "a reference more than the open left";
         m.expectOpensAndLives();
         m.expectGoes();
-    });
-}
-
-TEST(DriverLifecycle, removal_races_power_up) {
-    overSeeds(100, {}, [](Modem& m, std::uint64_t) {
-        m.power.set(PowerDeviceD2);
-        nt::Thread waker("waker", [&] { m.power.set(PowerDeviceD0); });
-        nt::Thread closer("closer", [&] {
-            spin(nt::sim::random(700));
-            m.file.close();
-        });
-        spin(nt::sim::random(150));
-        m.leave();
-        waker.join();
-        closer.join();
-        m.expectDeleted();
     });
 }
 
