@@ -65,7 +65,7 @@ public:
         removal();
         unload();
         const bool struck = this->struck();
-        heal();
+        nt::faults::clear();
         EXPECT_LT(test::nowMs() - begin, lifeBoundMs);
         EXPECT_FALSE(rig_.traced("Memory Log")) << rig_.trace();
         return struck;
@@ -73,11 +73,10 @@ public:
 
 private:
     bool struck() const { return nt::faults::failures(kind_) != 0; }
-    void heal() { nt::faults::clear(); }
     // A step went wrong: only the fault may be the reason, and it is over now.
     void excuse(const char* step) {
         EXPECT_TRUE(struck()) << step << " failed without a fault\n" << rig_.trace();
-        heal();
+        nt::faults::clear();
     }
 
     void load() {
@@ -172,7 +171,7 @@ private:
         bool closed = false;
         nt::Thread healer("healer", [&] {
             for (unsigned waited = 0; waited < 3000 && !closed; waited += 10) rig_.run(10);
-            if (!closed) heal();
+            if (!closed) nt::faults::clear();
         });
         file_.close();
         closed = true;
