@@ -1,13 +1,12 @@
 // The life of a port under way: last handles, removals, restarts and sleep meeting each other at any moment.
-#include "tests/support/port.h"
+#include "tests/support/kernel_request.h"
 
 #include "cdcacm/pnpadd.h"
 #include "cdcacm/wdmpwr.h"
 #include "kernel/faults.h"
 #include "kernel/sim.h"
 #include "kernel/thread.h"
-
-#include <algorithm>
+#include "usb/sync.h"
 
 namespace {
 
@@ -19,7 +18,6 @@ using test::RigOptions;
 using test::ScriptedDevice;
 using test::seeded;
 using test::spin;
-using test::TestRig;
 using usb::ControlReply;
 using usb::SetupPacket;
 
@@ -31,7 +29,6 @@ struct Modem : OpenPort {
     explicit Modem(const RigOptions& options = {}) : OpenPort(options), power(rig) {
         rig.device([](ScriptedDevice& d) { d.echo = true; });
     }
-    bool exists() { return rig.executive().lookUp(deviceName) != nullptr; }
     DEVICE& record() { return *static_cast<DEVICE*>(rig.executive().lookUp(deviceName)->DeviceExtension); }
     void expectAlive() {
         Pending back(5);
@@ -43,7 +40,27 @@ struct Modem : OpenPort {
         rig.run(1);
         EXPECT_EQ(back.text(), "hello");
     }
-    void expectDeleted() { EXPECT_TRUE(rig.until([&] { return !exists(); }, 3000)); }
+    void expectDeleted() { EXPECT_TRUE(rig.until([&] { return rig.executive().lookUp(deviceName) == nullptr; }, 3000)); }
+    void leave() {
+        rig.unplug();
+        rig.settle();
+    }
+    // The device and the handle, whatever else may hold the port.
+    void expectGoes() {
+        file.close();
+        leave();
+        expectDeleted();
+    }
+    void expectOpensAndLives() {
+        file.close();
+        ASSERT_EQ(rig.open(file), STATUS_SUCCESS);
+        expectAlive();
+    }
+    void stop() {
+        EXPECT_EQ(rig.executive().queryStop(rig.instancePath()), STATUS_SUCCESS);
+        EXPECT_EQ(rig.executive().stopDevice(rig.instancePath()), STATUS_SUCCESS);
+    }
+    NTSTATUS start() { return rig.executive().startDevice(rig.instancePath()); }
     // Stalls the class or standard request from now on.
     void stall(std::uint8_t request, bool on) {
         rig.device([&](ScriptedDevice& d) {
@@ -72,47 +89,16 @@ void overSeeds(unsigned count, const std::map<std::string, std::uint32_t>& value
 
 // --- The last handle --------------------------------------------------------------------------------------------------
 
-// The last request's end closes the file on another thread, and with it the removed port goes.
-TEST(DriverLifecycle, port_deleted_while_its_last_requests_end) {
-    overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
-        std::vector<std::unique_ptr<Pending>> reads;
-        for (int i = 0; i < 3; ++i) m.read(*reads.emplace_back(std::make_unique<Pending>(5)));
-        m.rig.unplug();
-        m.rig.settle();
-        nt::Thread closer("closer", [&] { m.file.close(); });
-        spin(seed % 60);
-        m.file.cancelAll();
-        closer.join();
-        m.rig.settle();
-        for (const auto& read : reads) EXPECT_EQ(read->completions, 1u);
-        m.expectDeleted();
-    });
-}
-
-// Keeps others from a spin lock of the driver until they have come to stand before it.
-class HeldLock {
-public:
-    explicit HeldLock(KSPIN_LOCK& lock) : lock_(lock) { KeAcquireSpinLock(&lock_, &irql_); }
-    ~HeldLock() { KeReleaseSpinLock(&lock_, irql_); }
-    HeldLock(const HeldLock&) = delete;
-    HeldLock& operator=(const HeldLock&) = delete;
-
-private:
-    KSPIN_LOCK& lock_;
-    KIRQL irql_;
-};
-
 // The read that is being cancelled ends with the handle, and the port with both: the cancellation comes to its end first.
 TEST(DriverLifecycle, last_close_meets_a_cancellation) {
     overSeeds(100, {}, [](Modem& m, std::uint64_t) {
         Pending read(5);
         m.read(read);
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         DEVICE& device = m.record();
         nt::Thread closer, canceller;
         {
-            HeldLock lock(device.Lock);
+            const usb::SpinGuard lock(device.Lock);
             canceller.start("canceller", [&] { m.file.cancel(read.request); });
             spin(60);
             closer.start("closer", [&] { m.file.close(); });
@@ -144,8 +130,7 @@ TEST(DriverLifecycle, opens_race_removal) {
             });
         }
         spin(nt::sim::random(400));
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         openers.clear();
         m.rig.settle();
         m.expectDeleted();
@@ -157,8 +142,7 @@ TEST(DriverLifecycle, opens_race_a_failing_start) {
     overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
         m.file.close();
         const auto link = m.rig.executive().enabledInterfaces().at(0);
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         m.stall(setConfiguration, true);
         nt::Thread opener("opener", [&] {
             for (int i = 0; i < 150; ++i) {
@@ -175,16 +159,14 @@ TEST(DriverLifecycle, opens_race_a_failing_start) {
         m.expectDeleted();
         m.stall(setConfiguration, false);
         m.rig.replug();
-        ASSERT_EQ(m.rig.open(m.file), STATUS_SUCCESS);
-        m.expectAlive();
+        m.expectOpensAndLives();
     });
 }
 
 // The modem is back while the last handle on it goes: the port goes on or is made anew, never half of each.
 TEST(DriverLifecycle, last_close_races_return) {
     overSeeds(150, {}, [](Modem& m, std::uint64_t) {
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         nt::Thread closer("closer", [&] {
             spin(nt::sim::random(900));
             m.file.close();
@@ -192,35 +174,17 @@ TEST(DriverLifecycle, last_close_races_return) {
         m.rig.replug();
         closer.join();
         EXPECT_EQ(m.rig.comName(), "COM3");
-        nt::File again;
-        ASSERT_EQ(m.rig.open(again), STATUS_SUCCESS);
-        m.file = std::move(again);
-        m.expectAlive();
+        m.expectOpensAndLives();
     });
 }
-
-// Holds back whoever wants one of the driver's mutexes, so that a test decides in which order they go on.
-class Held {
-public:
-    explicit Held(KMUTEX& mutex) : mutex_(mutex) {
-        KeWaitForSingleObject(&mutex_, Executive, KernelMode, FALSE, nullptr);
-    }
-    ~Held() { KeReleaseMutex(&mutex_, FALSE); }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-
-private:
-    KMUTEX& mutex_;
-};
 
 // The return is the first in line for the list of devices when the last reference falls.
 TEST(DriverLifecycle, return_meets_a_port_about_to_be_deleted) {
     overSeeds(10, {}, [](Modem& m, std::uint64_t) {
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         nt::Thread plugger, closer;
         {
-            Held list(DeviceListMutex);
+            const usb::MutexGuard list(DeviceListMutex);
             plugger.start("plugger", [&] { m.rig.replug(); });
             m.rig.run(10);
             closer.start("closer", [&] { m.file.close(); });
@@ -228,10 +192,7 @@ TEST(DriverLifecycle, return_meets_a_port_about_to_be_deleted) {
         }
         plugger.join();
         closer.join();
-        nt::File again;
-        ASSERT_EQ(m.rig.open(again), STATUS_SUCCESS);
-        m.file = std::move(again);
-        m.expectAlive();
+        m.expectOpensAndLives();
     });
 }
 
@@ -247,7 +208,7 @@ TEST(DriverLifecycle, open_waits_behind_the_removal) {
         nt::File file;
         NTSTATUS status = STATUS_PENDING;
         {
-            Held device(m.record().Mutex);
+            const usb::MutexGuard device(m.record().Mutex);
             remover.start("remover", [&] { m.rig.executive().removeDevice(path); });
             m.rig.run(10);
             opener.start("opener", [&] { status = file.open(name); });
@@ -269,46 +230,27 @@ TEST(DriverLifecycle, open_waits_behind_the_removal) {
 
 // --- Restart ----------------------------------------------------------------------------------------------------------
 
-// Bytes on the way in both directions when the device is stopped, started, removed.
-TEST(DriverLifecycle, restart_under_traffic) {
-    overSeeds(30, {}, [](Modem& m, std::uint64_t seed) {
-        const std::string path = m.rig.instancePath();
-        m.rig.device([](ScriptedDevice& d) { d.pour = 200'000; });
-        Pending read(100'000), write(std::string(20'000, 'w'));
-        m.read(read);
-        m.write(write);
-        spin(seed * 13 % 400);
-        EXPECT_EQ(m.rig.executive().queryStop(path), STATUS_SUCCESS);
-        EXPECT_EQ(m.rig.executive().stopDevice(path), STATUS_SUCCESS);
-        m.rig.run(200);
-        EXPECT_EQ(m.rig.statistics().pending, 0u) << "a stopped device has transfers";
-        EXPECT_EQ(m.rig.executive().startDevice(path), STATUS_SUCCESS);
-        EXPECT_TRUE(m.rig.until([&] { return read.done() && write.done(); }));
-        EXPECT_EQ(read.information(), 100'000u);
-        EXPECT_EQ(write.status(), STATUS_SUCCESS);
-    });
-}
-
-// A recovery that waits its turn finds the device stopped, and no transfer goes to a stopped device.
-TEST(DriverLifecycle, error_then_stop) {
-    overSeeds(30, {}, [](Modem& m, std::uint64_t seed) {
-        const std::string path = m.rig.instancePath();
-        m.rig.device([](ScriptedDevice& d) {
-            d.stallIn = 1;
-            d.sendBulk("x");
+// A recovery that waits its turn finds the device stopped or the port closed: no transfer goes to either, and both go on afterwards.
+TEST(DriverLifecycle, error_then_stop_or_close) {
+    for (const bool closes : {false, true}) {
+        overSeeds(60, {}, [closes](Modem& m, std::uint64_t seed) {
+            m.rig.device([](ScriptedDevice& d) {
+                d.stallIn = 1;
+                d.sendBulk("x");
+            });
+            if (seed % 2) spin(seed * 5 % 200);
+            closes ? m.file.close() : m.stop();
+            m.rig.run(600);
+            EXPECT_EQ(m.rig.statistics().pending, 0u) << "a stopped device or a closed port has transfers";
+            EXPECT_EQ(closes ? m.rig.open(m.file) : m.start(), STATUS_SUCCESS);
+            m.rig.run(100);
+            m.rig.device([](ScriptedDevice& d) { d.sendBulk("y"); });
+            Pending read(1);
+            m.read(read);
+            EXPECT_TRUE(m.rig.until([&] { return read.done(); }));
+            EXPECT_EQ(read.status(), STATUS_SUCCESS);
         });
-        spin(seed * 5 % 200);
-        EXPECT_EQ(m.rig.executive().queryStop(path), STATUS_SUCCESS);
-        EXPECT_EQ(m.rig.executive().stopDevice(path), STATUS_SUCCESS);
-        m.rig.run(600);
-        EXPECT_EQ(m.rig.statistics().pending, 0u) << "a stopped device has transfers";
-        EXPECT_EQ(m.rig.executive().startDevice(path), STATUS_SUCCESS);
-        m.rig.run(100);
-        m.rig.device([](ScriptedDevice& d) { d.sendBulk("y"); });
-        Pending read(1);
-        m.read(read);
-        EXPECT_TRUE(m.rig.until([&] { return read.done(); }));
-    });
+    }
 }
 
 // The old pipes are gone and there are no new ones when a retry of the port's initialisation comes due.
@@ -323,20 +265,19 @@ TEST(DriverLifecycle, retry_after_a_start_that_failed) {
         EXPECT_TRUE(m.rig.traced("InitPort failed")) << m.rig.trace();
         m.stall(setControlLineState, false);
         // SET_CONFIGURATION is answered only after the retry's turn has come.
-        EXPECT_EQ(m.rig.executive().queryStop(path), STATUS_SUCCESS);
-        EXPECT_EQ(m.rig.executive().stopDevice(path), STATUS_SUCCESS);
+        m.stop();
         m.stall(setConfiguration, true);
         m.rig.allowAssertions();   // a pipe that is not there is asserted and refused
         m.rig.run(460 + static_cast<std::uint32_t>(seed % 10) * 3);
         ScheduleReinit(&m.record());
-        nt::Thread starter("starter", [&] { EXPECT_NE(m.rig.executive().startDevice(path), STATUS_SUCCESS); });
+        nt::Thread starter("starter", [&] { EXPECT_NE(m.start(), STATUS_SUCCESS); });
         spin(seed * 17 % 300);
         ScheduleReinit(&m.record());
         starter.join();
         m.rig.run(100);
         m.stall(setConfiguration, false);
         EXPECT_EQ(m.control(IOCTL_SERIAL_SET_DTR), STATUS_UNSUCCESSFUL);
-        EXPECT_EQ(m.rig.executive().startDevice(path), STATUS_SUCCESS);
+        EXPECT_EQ(m.start(), STATUS_SUCCESS);
         m.expectAlive();
     });
 }
@@ -370,29 +311,8 @@ TEST(DriverLifecycle, power_up_races_last_close) {
         m.rig.run(100);
         EXPECT_EQ(m.rig.statistics().pending, 0u) << "a closed port reads";
         EXPECT_LE(m.record().Ref, asleep) << "a reference more than the open left";
-        ASSERT_EQ(m.rig.open(m.file), STATUS_SUCCESS);
-        m.expectAlive();
-        m.file.close();
-        m.rig.unplug();
-        m.rig.settle();
-        m.expectDeleted();
-    });
-}
-
-TEST(DriverLifecycle, removal_races_power_up) {
-    overSeeds(100, {}, [](Modem& m, std::uint64_t) {
-        m.power.set(PowerDeviceD2);
-        nt::Thread waker("waker", [&] { m.power.set(PowerDeviceD0); });
-        nt::Thread closer("closer", [&] {
-            spin(nt::sim::random(700));
-            m.file.close();
-        });
-        spin(nt::sim::random(150));
-        m.rig.unplug();
-        m.rig.settle();
-        waker.join();
-        closer.join();
-        m.expectDeleted();
+        m.expectOpensAndLives();
+        m.expectGoes();
     });
 }
 
@@ -440,46 +360,6 @@ TEST(DriverLifecycle, initialisation_overtaken_by_sleep) {
     }
 }
 
-TEST(DriverLifecycle, unplugged_asleep_comes_back_awake) {
-    const struct {
-        const char* what;
-        std::uint32_t idleSeconds;
-        bool rejectD0;
-    } cases[] = {{"sleeping", 0, false}, {"suspended for idleness", 1, false}, {"and never woken by the bus", 1, true}};
-    for (const auto& item : cases) {
-        SCOPED_TRACE(item.what);
-        RigOptions options = seeded(1, {{"IdleInterval", item.idleSeconds}});
-        options.port.rejectD0WhenGone = item.rejectD0;
-        Modem m(options);
-        if (item.idleSeconds == 0) m.power.set(PowerDeviceD2);
-        ASSERT_TRUE(m.rig.until([&] { return m.rig.statistics().power == PowerDeviceD2; }, 5000));
-        m.rig.unplug();
-        m.rig.settle();
-        m.rig.run(100);
-        m.rig.replug();
-        m.rig.run(500);
-        m.expectAlive();
-        m.file.close();
-        m.rig.unplug();
-        m.rig.settle();
-        m.expectDeleted();
-    }
-}
-
-// Activity at any moment of the way down: the device is never left asleep with nobody to wake it.
-TEST(DriverLifecycle, suspend_races_activity) {
-    overSeeds(40, {{"IdleInterval", 1}}, [](Modem& m, std::uint64_t) {
-        std::string sent;
-        for (int i = 0; i < 4; ++i) {
-            m.rig.until([&] { return m.rig.statistics().idlePending; }, 3000);
-            spin(nt::sim::random(250));
-            EXPECT_EQ(m.write("w"), STATUS_SUCCESS);
-            sent += "w";
-            EXPECT_TRUE(m.rig.until([&] { return m.received() == sent; }, 500)) << m.received() << m.rig.trace();
-        }
-    });
-}
-
 // Activity at the very moment the interval ends starts it again: the timer that has just run out does not count any more. What a
 // suspended device is left with goes out at the next request only.
 TEST(DriverLifecycle, activity_when_the_idle_interval_ends) {
@@ -506,10 +386,7 @@ TEST(DriverLifecycle, suspend_without_memory) {
         const bool struck = nt::faults::failures(nt::faults::Kind::request) != 0;
         nt::faults::clear();
         m.expectAlive();
-        m.file.close();
-        m.rig.unplug();
-        m.rig.settle();
-        m.expectDeleted();
+        m.expectGoes();
         if (!struck) break;
         ASSERT_LT(n, 50u);
     }
@@ -518,15 +395,13 @@ TEST(DriverLifecycle, suspend_without_memory) {
 // The wake request ends by itself while somebody cancels it; none is forgotten and none touched after its end.
 TEST(DriverLifecycle, wake_races_removal_and_restart) {
     overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
-        const std::string path = m.rig.instancePath();
         // The first initialisation comes before the capabilities are known.
         ScheduleReinit(&m.record());
         m.rig.run(50);
         EXPECT_TRUE(m.rig.statistics().wakeArmed);
         if (seed % 2) {
-            EXPECT_EQ(m.rig.executive().queryStop(path), STATUS_SUCCESS);
-            EXPECT_EQ(m.rig.executive().stopDevice(path), STATUS_SUCCESS);
-            EXPECT_EQ(m.rig.executive().startDevice(path), STATUS_SUCCESS);
+            m.stop();
+            EXPECT_EQ(m.start(), STATUS_SUCCESS);
             m.rig.run(100);
             EXPECT_TRUE(m.rig.statistics().wakeArmed);
             m.expectAlive();
@@ -535,8 +410,7 @@ TEST(DriverLifecycle, wake_races_removal_and_restart) {
             m.rig.device([](ScriptedDevice& d) { d.wakesHost = true; });
             spin(seed * 7 % 150);
         }
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         m.file.close();
         m.expectDeleted();
     });
@@ -552,7 +426,7 @@ TEST(DriverLifecycle, wake_ends_while_it_is_cancelled) {
         m.power.set(PowerDeviceD2);
         nt::Thread waker, canceller;
         {
-            HeldLock lock(device.Lock);
+            const usb::SpinGuard lock(device.Lock);
             waker.start("waker", [&] { m.rig.device([](ScriptedDevice& d) { d.wakesHost = true; }); });
             canceller.start("canceller", [&] {
                 CancelWakeIrp(&device);
@@ -569,8 +443,7 @@ TEST(DriverLifecycle, wake_ends_while_it_is_cancelled) {
         EXPECT_NE(device.WakeIrp, nullptr);
         EXPECT_EQ(m.power.waitForWake(), STATUS_UNSUCCESSFUL);
         EXPECT_NE(device.WakeIrp, nullptr);
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         m.file.close();
         m.expectDeleted();
     });
@@ -578,73 +451,38 @@ TEST(DriverLifecycle, wake_ends_while_it_is_cancelled) {
 
 // --- Removal ----------------------------------------------------------------------------------------------------------
 
-// Every text of the way out names the port, whoever prints it and whatever is freed by then.
-TEST(DriverLifecycle, removal_with_all_traces_on) {
+// Every text of a port's life and of the way out names the port, whoever prints it and whatever is freed by then. The empty things are
+// traced as well.
+TEST(DriverLifecycle, everything_traced) {
     for (const auto seed : test::seeds(30)) {
         RigOptions options = seeded(seed);
         options.traceMask = MAXULONG;
         Modem m(options);
-        Pending read(100'000), write(std::string(5000, 'w'));
+        EXPECT_EQ(m.write(std::string(128, 'z')), STATUS_SUCCESS);   // an empty packet follows
+        EXPECT_EQ(m.write(""), STATUS_SUCCESS);
+        EXPECT_EQ(m.control(IOCTL_SERIAL_IMMEDIATE_CHAR), STATUS_SUCCESS);
+        EXPECT_EQ(m.file.flush().status, STATUS_SUCCESS);
+        EXPECT_TRUE(m.rig.traced("<<NULL>>"));
+        Pending read(100'000), cancelled(10), wait, write(std::string(5000, 'w'));
+        m.set<ULONG>(IOCTL_SERIAL_SET_WAIT_MASK, SERIAL_EV_CTS);
+        m.wait(wait);
         m.read(read);
+        m.read(cancelled);
+        m.file.cancel(cancelled.request);
+        m.file.cancel(wait.request);
         m.write(write);
         spin(seed * 9 % 300);
         nt::Thread closer("closer", [&] {
             spin(seed * 31 % 400);
             m.file.close();
         });
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         closer.join();
         m.expectDeleted();
         m.rig.replug();
         EXPECT_TRUE(m.rig.traced(":COM3:DecRef: 0, ") || m.rig.traced(":COM?:DecRef: 0, "));
         EXPECT_EQ(m.rig.trace().find('\xEE'), std::string::npos);
     }
-}
-
-// A request for the stack as a whole, to either device object.
-NTSTATUS systemControl(PDEVICE_OBJECT device) {
-    KEVENT done;
-    KeInitializeEvent(&done, NotificationEvent, FALSE);
-    const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-    irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_SYSTEM_CONTROL;
-    const auto ended = [](PDEVICE_OBJECT, PIRP, PVOID event) -> NTSTATUS {
-        KeSetEvent(static_cast<PKEVENT>(event), IO_NO_INCREMENT, FALSE);
-        return STATUS_MORE_PROCESSING_REQUIRED;
-    };
-    IoSetCompletionRoutine(irp, static_cast<PIO_COMPLETION_ROUTINE>(ended), &done, TRUE, TRUE, TRUE);
-    IoCallDriver(device, irp);
-    KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
-    const NTSTATUS status = irp->IoStatus.Status;
-    IoFreeIrp(irp);
-    return status;
-}
-
-TEST(DriverLifecycle, system_control_races_removal) {
-    overSeeds(60, {}, [](Modem& m, std::uint64_t seed) {
-        const PDEVICE_OBJECT data = m.rig.executive().lookUp(deviceName);
-        const PDEVICE_OBJECT top = IoGetAttachedDeviceReference(m.power.pdo());
-        ObReferenceObject(data);
-        EXPECT_EQ(systemControl(top), STATUS_NOT_SUPPORTED);
-        m.file.close();
-        std::vector<nt::Thread> senders;
-        for (const PDEVICE_OBJECT device : {data, top}) {
-            senders.emplace_back("sender", [device] {
-                for (int i = 0; i < 15; ++i) systemControl(device);
-            });
-        }
-        spin(seed * 5 % 200);
-        m.power.release();
-        m.rig.unplug();
-        m.rig.settle();
-        senders.clear();
-        EXPECT_EQ(systemControl(data), STATUS_UNSUCCESSFUL);
-        EXPECT_EQ(systemControl(top), STATUS_UNSUCCESSFUL);
-        ObDereferenceObject(data);
-        ObDereferenceObject(top);
-        m.expectDeleted();
-    });
 }
 
 // --- At each moment of something ----------------------------------------------------------------------------------------
@@ -663,8 +501,7 @@ void atEachPoint(unsigned points, bool low, Acts&& acts, Meanwhile&& meanwhile) 
         nt::Thread thread("stands", [&] { acts(m, n); });
         spin(200);
         meanwhile(m);
-        m.rig.unplug();
-        m.rig.settle();
+        m.leave();
         thread.join();
         m.file.close();
         m.expectDeleted();
@@ -694,16 +531,22 @@ TEST(DriverLifecycle, removal_at_any_moment_of_a_power_request) {
     }, [](Modem& m) { m.file.close(); });
 }
 
-// Nothing is sent to a stack that has gone.
+// A request for the stack as a whole, to either device object.
+NTSTATUS systemControl(PDEVICE_OBJECT device) { return test::KernelRequest(device).run(IRP_MJ_SYSTEM_CONTROL, 0, {}, 0, 0).first; }
+
+// Passed down as long as there is a stack; nothing is sent to one that has gone.
 TEST(DriverLifecycle, removal_at_any_moment_of_a_system_control) {
     for (const bool top : {false, true}) {
-        atEachPoint(30, true, [top](Modem& m, unsigned n) {
+        unsigned passed = 0;
+        atEachPoint(30, true, [&](Modem& m, unsigned n) {
             const PDEVICE_OBJECT device = top ? IoGetAttachedDeviceReference(m.power.pdo()) : m.rig.executive().lookUp(deviceName);
             if (!top) ObReferenceObject(device);
             nt::sim::standStill(n);
-            systemControl(device);
+            passed += systemControl(device) == STATUS_SUCCESS;
+            EXPECT_TRUE(m.rig.until([&] { return systemControl(device) == STATUS_UNSUCCESSFUL; }));
             ObDereferenceObject(device);
         }, [](Modem& m) { m.power.release(); });
+        EXPECT_GT(passed, 0u);
     }
 }
 

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 
 namespace {
 
@@ -33,18 +34,9 @@ RigOptions realTime() {
 }
 
 // A generator of its own for each thread.
-class Dice {
-public:
-    explicit Dice(std::uint32_t seed) : state_(seed * 747796405u + 1) {}
-    std::uint32_t roll(std::uint32_t bound) {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 17;
-        state_ ^= state_ << 5;
-        return state_ % bound;
-    }
-
-private:
-    std::uint32_t state_;
+struct Dice : std::minstd_rand {
+    explicit Dice(std::uint32_t seed) : std::minstd_rand(seed) {}
+    std::uint32_t roll(std::uint32_t bound) { return static_cast<std::uint32_t>((*this)() % bound); }
 };
 
 // A request whose end another thread waits for.
@@ -166,6 +158,39 @@ void drain(nt::File& file) {
     EXPECT_EQ(test::setTimeouts(file, 0, 20'000, 20'000), STATUS_SUCCESS);
 }
 
+// Everything at once while the device leaves three times, as `leave` makes it; what comes afterwards must be whole.
+template <class Leave>
+void underFire(TestRig& rig, nt::File& file, unsigned round, Leave&& leave) {
+    ASSERT_EQ(rig.open(file, 20'000), STATUS_SUCCESS);
+    EXPECT_EQ(test::setTimeouts(file, 10, 0, 0), STATUS_SUCCESS);
+    std::atomic<bool> stop{false};
+    std::vector<nt::Thread> threads;
+    threads.emplace_back("controls", [&] { controls(file, Dice(round + 30), stop); });
+    threads.emplace_back("transfers", [&] { transfers(file, Dice(round + 40), stop); });
+    threads.emplace_back("more transfers", [&] { transfers(file, Dice(round + 50), stop); });
+    threads.emplace_back("second opener", [&, dice = Dice(round + 60)]() mutable {
+        while (!stop) {
+            nt::File second;
+            EXPECT_FALSE(NT_SUCCESS(second.open("\\DosDevices\\" + rig.comName())));
+            pause(dice.roll(5));
+        }
+    });
+    Dice dice(round + 70);
+    for (unsigned i = 0; i < 3; ++i) {
+        pause(dice.roll(40));
+        leave(dice);
+        // A server may not yet have noticed that the device is free.
+        EXPECT_TRUE(rig.until([&] { return rig.bus().replug(rig.first().port); }, 20'000));
+    }
+    pause(200);
+    stop = true;
+    threads.clear();
+    rig.settle();
+    drain(file);
+    checkedStream(file, round + 100);
+    file.close();
+}
+
 class Stress : public testing::Test {
 protected:
     Stress() : rig(realTime()) {
@@ -204,32 +229,10 @@ TEST_F(Stress, every_byte_beside_controls_and_waits) {
 
 TEST_F(Stress, removals_under_fire) {
     for (unsigned round = 0; round < rounds && !HasFailure(); ++round) {
-        open();
-        EXPECT_EQ(test::setTimeouts(file, 10, 0, 0), STATUS_SUCCESS);
-        std::vector<nt::Thread> threads;
-        threads.emplace_back("controls", [&] { controls(file, Dice(round + 30), stop); });
-        threads.emplace_back("transfers", [&] { transfers(file, Dice(round + 40), stop); });
-        threads.emplace_back("more transfers", [&] { transfers(file, Dice(round + 50), stop); });
-        threads.emplace_back("second opener", [&, dice = Dice(round + 60)]() mutable {
-            while (!stop) {
-                nt::File second;
-                EXPECT_FALSE(NT_SUCCESS(second.open("\\DosDevices\\" + rig.comName())));
-                pause(dice.roll(5));
-            }
-        });
-        Dice dice(round + 70);
-        for (unsigned i = 0; i < 3; ++i) {
-            pause(dice.roll(40));
+        underFire(rig, file, round, [&](Dice& dice) {
             rig.unplug();
             pause(dice.roll(20));
-            EXPECT_TRUE(rig.bus().replug(rig.first().port));
-        }
-        pause(200);
-        join(threads);
-        rig.settle();
-        drain(file);
-        checkedStream(file, round + 100);
-        file.close();
+        });
     }
 }
 
@@ -301,31 +304,14 @@ TEST(StressUsbip, connections_come_and_go_under_fire) {
     nt::faults::setDelays(true, 7);
     nt::File file;
     for (unsigned round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
-        ASSERT_EQ(rig.open(file, 20'000), STATUS_SUCCESS);
-        EXPECT_EQ(test::setTimeouts(file, 10, 0, 0), STATUS_SUCCESS);
-        std::atomic<bool> stop{false};
-        std::vector<nt::Thread> threads;
-        threads.emplace_back("controls", [&] { controls(file, Dice(round + 110), stop); });
-        threads.emplace_back("transfers", [&] { transfers(file, Dice(round + 120), stop); });
-        Dice dice(round + 130);
-        for (unsigned i = 0; i < 3; ++i) {
-            pause(dice.roll(40));
+        underFire(rig, file, round + 200, [&](Dice& dice) {
             if (dice.roll(2) == 0) {
                 server.reset();
                 server = std::make_unique<comport::UsbipServer>(exports, address);
             } else {
                 rig.unplug();
             }
-            // The server may not yet have noticed that the device is free.
-            EXPECT_TRUE(rig.until([&] { return rig.bus().replug(rig.first().port); }, 20'000));
-        }
-        pause(200);
-        stop = true;
-        threads.clear();
-        rig.settle();
-        drain(file);
-        checkedStream(file, round + 140);
-        file.close();
+        });
     }
     nt::faults::setDelays(false);
     rig.unplug();
@@ -349,22 +335,18 @@ std::map<std::string, std::uint64_t> wakeUps() {
 
 // A port that is closed, or whose device is suspended, wakes nothing up.
 TEST(Rest, closed_and_suspended_ports_wake_nothing) {
-    struct {
-        const char* name;
-        unsigned ports;
-        bool suspended;
-    } const table[] = {{"closed", 1, false}, {"closed", 100, false}, {"suspended", 1, true}, {"suspended", 100, true}};
-    for (const auto& item : table) {
-        SCOPED_TRACE(item.name);
+    const std::pair<unsigned, bool> table[] = {{1, false}, {100, false}, {1, true}, {100, true}};
+    for (const auto& [ports, suspended] : table) {
+        SCOPED_TRACE(testing::Message() << ports << (suspended ? " suspended" : " closed"));
         const auto others = wakeUps();  // of a sanitizer, say
         RigOptions options = realTime();
         options.plug = false;
         TestRig rig(options);
         std::vector<test::Plugged> plugged;
-        std::vector<nt::File> files(item.suspended ? item.ports : 0);
-        for (unsigned i = 0; i < item.ports; ++i) {
+        std::vector<nt::File> files(suspended ? ports : 0);
+        for (unsigned i = 0; i < ports; ++i) {
             const std::string instance = std::to_string(1000 + i);
-            rig.setDeviceValue("IdleInterval", item.suspended, instance);
+            rig.setDeviceValue("IdleInterval", suspended, instance);
             plugged.push_back(rig.plug(std::make_unique<ScriptedDevice>(), instance));
         }
         for (unsigned i = 0; i < files.size(); ++i) {
@@ -372,9 +354,9 @@ TEST(Rest, closed_and_suspended_ports_wake_nothing) {
             ASSERT_TRUE(rig.until([&] { return NT_SUCCESS(files[i].open(name)); }, 20'000));
         }
         const auto atRest = [&] {
-            return std::all_of(plugged.begin(), plugged.end(), [&](const test::Plugged& p) {
+            return std::all_of(plugged.begin(), plugged.end(), [&, sleeps = suspended](const test::Plugged& p) {
                 const auto bus = rig.bus().statistics(p.port);
-                return bus.pending == 0 && (bus.power == PowerDeviceD2) == item.suspended;
+                return bus.pending == 0 && (bus.power == PowerDeviceD2) == sleeps;
             });
         };
         ASSERT_TRUE(rig.until(atRest, 20'000));
@@ -386,7 +368,8 @@ TEST(Rest, closed_and_suspended_ports_wake_nothing) {
             const auto known = before.find(id);
             if (others.count(id) == 0) woken += count - (known == before.end() ? 0 : known->second);
         }
-        std::printf("%3u %s ports: %llu wake-ups in a second\n", item.ports, item.name, static_cast<unsigned long long>(woken));
+        std::printf("%3u %s ports: %llu wake-ups in a second\n", ports, suspended ? "suspended" : "closed",
+                    static_cast<unsigned long long>(woken));
         EXPECT_LE(woken, 2u);
     }
 }

@@ -1,4 +1,4 @@
-// What the system tests share beside tests/support/port.h: data whose every byte tells its place, and what is done with it.
+// What the system tests and some others share beside tests/support/port.h: data whose every byte tells its place, and what is done with it.
 #pragma once
 
 #include "tests/support/port.h"
@@ -65,10 +65,6 @@ inline std::string echoed(nt::File& file, const std::string& text, ULONG silence
         back.append(buffer, 0, result.information);
         if (result.status != STATUS_SUCCESS) break;
     }
-    file.cancel(write.request);
-    LARGE_INTEGER step;
-    step.QuadPart = -10000;
-    while (!write.done()) KeDelayExecutionThread(KernelMode, FALSE, &step);
     return back;
 }
 
