@@ -3,6 +3,7 @@
 
 #include "kernel/thread.h"
 
+#include <atomic>
 #include <memory>
 
 namespace {
@@ -121,7 +122,7 @@ struct Flight : Machine {
         Reader reader(file);
         start();
         // Controls that ask the device, again and again, each measured.
-        bool stop = false;
+        std::atomic<bool> stop = false;
         std::int64_t longestMs = 0;
         nt::Thread controller("controller", [&] {
             constexpr ULONG codes[] = {IOCTL_SERIAL_SET_DTR, IOCTL_SERIAL_CLR_RTS, IOCTL_SERIAL_SET_RTS, IOCTL_SERIAL_CLR_DTR};
