@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,6 +27,7 @@ struct Child {
 struct World {
     PDRIVER_OBJECT busDriver = nullptr;
     PDEVICE_OBJECT busPdo = nullptr, busFdo = nullptr;
+    PDEVICE_OBJECT latestLower = nullptr;  // below the latest function driver, null once that is gone
     std::vector<std::unique_ptr<Child>> children;
     std::vector<std::string> log;
     NTSTATUS addStatus = STATUS_SUCCESS;
@@ -131,16 +133,13 @@ inline NTSTATUS childPnp(PDEVICE_OBJECT device, PIRP irp) {
 }
 
 inline NTSTATUS functionPnp(PDEVICE_OBJECT device, PIRP irp) {
-    static const char* const names[] = {"start", "queryRemove", "remove", "cancelRemove", "stop", "queryStop", "cancelStop"};
+    static const std::map<UCHAR, const char*> names = {
+        {IRP_MN_START_DEVICE, "start"}, {IRP_MN_QUERY_REMOVE_DEVICE, "queryRemove"}, {IRP_MN_REMOVE_DEVICE, "remove"},
+        {IRP_MN_CANCEL_REMOVE_DEVICE, "cancelRemove"}, {IRP_MN_STOP_DEVICE, "stop"}, {IRP_MN_QUERY_STOP_DEVICE, "queryStop"},
+        {IRP_MN_CANCEL_STOP_DEVICE, "cancelStop"}, {IRP_MN_SURPRISE_REMOVAL, "surprise"}, {IRP_MN_QUERY_CAPABILITIES, "capabilities"}};
     UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
     PDEVICE_OBJECT lower = extensionOf(device).lower;
-    if (minor < std::size(names)) {
-        world->log.push_back(names[minor]);
-    } else if (minor == IRP_MN_SURPRISE_REMOVAL) {
-        world->log.push_back("surprise");
-    } else if (minor == IRP_MN_QUERY_CAPABILITIES) {
-        world->log.push_back("capabilities");
-    }
+    if (names.contains(minor)) world->log.push_back(names.at(minor));
     if (minor == IRP_MN_START_DEVICE) {
         KEVENT event;
         KeInitializeEvent(&event, NotificationEvent, FALSE);
@@ -151,11 +150,12 @@ inline NTSTATUS functionPnp(PDEVICE_OBJECT device, PIRP irp) {
         if (world->onStart) {
             world->onStart();
         }
-        return complete(irp, world->startStatus);
+        return complete(irp, NT_SUCCESS(world->startStatus) ? irp->IoStatus.Status : world->startStatus);
     }
     if ((minor == IRP_MN_QUERY_REMOVE_DEVICE || minor == IRP_MN_QUERY_STOP_DEVICE) && !NT_SUCCESS(world->queryStatus)) {
         return complete(irp, world->queryStatus);
     }
+    if (minor == IRP_MN_REMOVE_DEVICE && world->latestLower == lower) world->latestLower = nullptr;
     NTSTATUS status = passDown(device, irp);
     if (minor == IRP_MN_REMOVE_DEVICE) {
         IoDetachDevice(lower);
@@ -215,7 +215,9 @@ inline NTSTATUS addFunction(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
         return world->addStatus;
     }
     PDEVICE_OBJECT device;
-    return attach(driver, pdo, functionKind, &device);
+    const NTSTATUS status = attach(driver, pdo, functionKind, &device);
+    if (NT_SUCCESS(status)) world->latestLower = extensionOf(device).lower;
+    return status;
 }
 
 template <PDRIVER_ADD_DEVICE Add>
@@ -223,6 +225,7 @@ NTSTATUS entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     driver->DriverExtension->AddDevice = Add;
     driver->MajorFunction[IRP_MJ_PNP] = pnp;
     driver->MajorFunction[IRP_MJ_POWER] = power;
+    driver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = passDown;
     for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
         driver->MajorFunction[major] = succeed;
     }

@@ -59,18 +59,11 @@ NTSTATUS entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     UNICODE_STRING name, link;
     RtlInitUnicodeString(&name, u"\\Device\\Test0");
     RtlInitUnicodeString(&link, u"\\DosDevices\\TEST");
-    NTSTATUS status = IoCreateDevice(driver, 64, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &script->lowerDevice);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
+    EXPECT_EQ(IoCreateDevice(driver, 64, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &script->lowerDevice), STATUS_SUCCESS);
     script->lowerDevice->Flags |= DO_BUFFERED_IO;
     InitializeListHead(&script->reads);
     KeInitializeSpinLock(&script->lock);
-    status = IoCreateSymbolicLink(&link, &name);
-    if (!NT_SUCCESS(status)) {
-        IoDeleteDevice(script->lowerDevice);
-    }
-    return status;
+    return IoCreateSymbolicLink(&link, &name);
 }
 
 void addUpper() {
@@ -351,9 +344,7 @@ void readThroughUpper(System& system) {
 }
 
 void requestPower(System&) {
-    POWER_STATE state{};
-    state.DeviceState = PowerDeviceD2;
-    PoRequestPowerIrp(script->lowerDevice, IRP_MN_SET_POWER, state, nullptr, nullptr, nullptr);
+    PoRequestPowerIrp(script->lowerDevice, IRP_MN_SET_POWER, {.DeviceState = PowerDeviceD2}, nullptr, nullptr, nullptr);
 }
 
 // What a driver must not do, the rule that says so, and what leads to it.

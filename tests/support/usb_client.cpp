@@ -1,78 +1,22 @@
 #include "tests/support/usb_client.h"
 
+#include "tests/kernel_bus.h"
+#include "tests/kernel_core.h"
+
 namespace test {
 
-namespace {
-
-struct Extension {
-    PDEVICE_OBJECT lower;
-};
-
-PDEVICE_OBJECT latest = nullptr;
-constexpr const char* service = "usbclient";
-
-Extension& extensionOf(PDEVICE_OBJECT device) { return *static_cast<Extension*>(device->DeviceExtension); }
-
-NTSTATUS NTAPI addDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
-    PDEVICE_OBJECT device;
-    const NTSTATUS status = IoCreateDevice(driver, sizeof(Extension), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
-    if (!NT_SUCCESS(status)) return status;
-    extensionOf(device).lower = IoAttachDeviceToDeviceStack(device, pdo);
-    latest = extensionOf(device).lower;
-    device->Flags |= DO_POWER_PAGABLE;
-    device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI passDown(PDEVICE_OBJECT device, PIRP irp) {
-    IoSkipCurrentIrpStackLocation(irp);
-    return IoCallDriver(extensionOf(device).lower, irp);
-}
-
-NTSTATUS NTAPI pnp(PDEVICE_OBJECT device, PIRP irp) {
-    const PDEVICE_OBJECT lower = extensionOf(device).lower;
-    const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
-    if (minor <= IRP_MN_CANCEL_STOP_DEVICE || minor == IRP_MN_SURPRISE_REMOVAL) irp->IoStatus.Status = STATUS_SUCCESS;
-    if (minor != IRP_MN_REMOVE_DEVICE) return passDown(device, irp);
-    if (latest == lower) latest = nullptr;
-    IoSkipCurrentIrpStackLocation(irp);
-    IoDetachDevice(lower);
-    const NTSTATUS status = IoCallDriver(lower, irp);
-    IoDeleteDevice(device);
-    return status;
-}
-
-NTSTATUS NTAPI power(PDEVICE_OBJECT device, PIRP irp) {
-    PoStartNextPowerIrp(irp);
-    IoSkipCurrentIrpStackLocation(irp);
-    return PoCallDriver(extensionOf(device).lower, irp);
-}
-
-VOID NTAPI unload(PDRIVER_OBJECT) {}
-
-NTSTATUS NTAPI entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
-    driver->DriverExtension->AddDevice = addDevice;
-    driver->DriverUnload = unload;
-    driver->MajorFunction[IRP_MJ_PNP] = pnp;
-    driver->MajorFunction[IRP_MJ_POWER] = power;
-    driver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = passDown;
-    driver->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = passDown;
-    return STATUS_SUCCESS;
-}
-
-}  // namespace
-
 UsbClient::UsbClient(nt::Executive& executive) {
-    latest = nullptr;
-    EXPECT_EQ(executive.loadDriver(service, entry), STATUS_SUCCESS);
+    // The machine runs down after the client has gone.
+    static World own;
+    own = {};
+    world = &own;
+    EXPECT_EQ(executive.loadDriver("usbclient", entry<addFunction>), STATUS_SUCCESS);
     for (const char* id : {"USB\\Class_02&SubClass_02", "USB\\Class_02", "USB\\UNKNOWN"}) {
-        executive.bindDriver(id, service, "Tests", "{00000000-0000-0000-0000-000000000001}");
+        executive.bindDriver(id, "usbclient", "Tests", "{00000000-0000-0000-0000-000000000001}");
     }
 }
 
-UsbClient::~UsbClient() { latest = nullptr; }
-
-PDEVICE_OBJECT UsbClient::lower() { return latest; }
+PDEVICE_OBJECT UsbClient::lower() { return world->latestLower; }
 
 ClientRequest::ClientRequest() {
     KeInitializeEvent(&done_, NotificationEvent, TRUE);
@@ -119,10 +63,8 @@ NTSTATUS ClientRequest::submit(ULONG code, PVOID argument) {
     return status;
 }
 
-NTSTATUS ClientRequest::wait(std::uint32_t ms) {
-    LARGE_INTEGER timeout;
-    timeout.QuadPart = -static_cast<LONGLONG>(ms) * 10000;
-    if (KeWaitForSingleObject(&done_, Executive, KernelMode, FALSE, &timeout) == STATUS_TIMEOUT) return STATUS_TIMEOUT;
+NTSTATUS ClientRequest::wait(std::uint32_t timeoutMs) {
+    if (waitFor(&done_, timeoutMs * ms) == STATUS_TIMEOUT) return STATUS_TIMEOUT;
     return irp_->IoStatus.Status;
 }
 

@@ -1,5 +1,5 @@
-// A function driver that does nothing by itself: it attaches to every device with the scripted device's ids and lets the test
-// send requests to the bus driver below.
+// A function driver that does nothing by itself (that of tests/kernel_bus.h): it attaches to every device with the scripted
+// device's ids and lets the test send requests to the bus driver below.
 #pragma once
 
 #include "tests/support/rig.h"
@@ -22,8 +22,8 @@ public:
 
     // Sends `urb` (or the control code) down. The status IoCallDriver gave.
     NTSTATUS submit(ULONG code = IOCTL_INTERNAL_USB_SUBMIT_URB, PVOID argument = nullptr);
-    // Waits for the end; the IRP's status. STATUS_TIMEOUT when `ms` passed first.
-    NTSTATUS wait(std::uint32_t ms = 10000);
+    // Waits for the end; the IRP's status. STATUS_TIMEOUT when `timeoutMs` passed first.
+    NTSTATUS wait(std::uint32_t timeoutMs = 10000);
     bool done() { return KeReadStateEvent(&done_) != 0; }
     void cancel() { IoCancelIrp(irp_); }
     // submit() and wait() in one.
@@ -68,7 +68,6 @@ class UsbClient {
 public:
     // Loads and binds the driver. One at a time.
     explicit UsbClient(nt::Executive& executive);
-    ~UsbClient();
 
     // The stack of the latest device, null while there is none.
     static PDEVICE_OBJECT lower();

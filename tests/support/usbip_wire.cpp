@@ -1,23 +1,12 @@
 #include "tests/support/usbip_wire.h"
 
-#include "kernel/sim.h"
+#include "tests/kernel_core.h"
 
 #include <algorithm>
 
 namespace test {
 
 using usb::SpinGuard;
-
-namespace {
-
-// A negative time-out never ends.
-void waitOn(KEVENT& event, std::int64_t timeoutMs) {
-    LARGE_INTEGER timeout;
-    timeout.QuadPart = -timeoutMs * 10000;
-    KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, timeoutMs < 0 ? nullptr : &timeout);
-}
-
-}  // namespace
 
 // May outlive the wire, unused: its backend, which has closed it, is the bus's until the machine ends.
 class UsbipWire::Link final : public usb::UsbipLink {
@@ -58,7 +47,7 @@ public:
         return static_cast<std::ptrdiff_t>(count);
     }
     void wait(bool forRoom, std::int64_t timeoutMs) override {
-        waitOn(wire_.clientEvent_, forRoom || wire_.holds(wire_.toClient_) ? 1 : timeoutMs);
+        waitFor(&wire_.clientEvent_, (forRoom || wire_.holds(wire_.toClient_) ? 1 : timeoutMs) * ms);
     }
     void wake() override { KeSetEvent(&wire_.clientEvent_, 0, FALSE); }
 
@@ -122,7 +111,7 @@ bool UsbipWire::holds(const Way& way) {
     return !way.empty();
 }
 
-void UsbipWire::wait() { waitOn(serverEvent_, holds(toServer_) ? 1 : -1); }
+void UsbipWire::wait() { waitFor(&serverEvent_, holds(toServer_) ? 1 * ms : -1); }
 
 void UsbipWire::run() {
     for (;;) {
@@ -163,11 +152,7 @@ bool UsbipWire::serveConnection() {
             back.insert(back.end(), connection.output().begin(), connection.output().end());
             connection.output().clear();
         }
-        if (delayMs != 0 && !back.empty() && nt::sim::random(4) == 0) {
-            LARGE_INTEGER time;
-            time.QuadPart = -static_cast<LONGLONG>(1 + nt::sim::random(delayMs)) * 10000;
-            KeDelayExecutionThread(KernelMode, FALSE, &time);
-        }
+        if (delayMs != 0 && !back.empty() && nt::sim::random(4) == 0) delay((1 + nt::sim::random(delayMs)) * ms);
         {
             SpinGuard guard(lock_);
             if (number == connections_) toClient_.insert(toClient_.end(), back.begin(), back.end());
