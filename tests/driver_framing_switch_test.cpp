@@ -81,6 +81,14 @@ struct Framed : OpenPort {
         EXPECT_TRUE(rig.until([&] { return deviceFrames && record().PppMode == FRAMING; }, 100)) << rig.trace();
         forget();
     }
+    // Switches wait for `body`, which may open and close.
+    template <class Body>
+    void withoutSwitches(Body&& body) {
+        KMUTEX& switches = record().Mutex;
+        KeWaitForSingleObject(&switches, Executive, KernelMode, FALSE, nullptr);
+        body();
+        KeReleaseMutex(&switches, FALSE);
+    }
     void forget() {
         rig.device([](ScriptedDevice& d) { d.outs.clear(); });
     }
@@ -125,18 +133,6 @@ struct Framed : OpenPort {
     unsigned refuseSome = 0;
 };
 
-// Switches wait while it is held; who holds it may open and close.
-class HeldMutex {
-public:
-    explicit HeldMutex(KMUTEX& mutex) : mutex_(mutex) { KeWaitForSingleObject(&mutex_, Executive, KernelMode, FALSE, nullptr); }
-    ~HeldMutex() { KeReleaseMutex(&mutex_, FALSE); }
-    HeldMutex(const HeldMutex&) = delete;
-    HeldMutex& operator=(const HeldMutex&) = delete;
-
-private:
-    KMUTEX& mutex_;
-};
-
 // ---- The switch
 
 // What waits during a switch goes out behind it, once, in the form that the device then expects.
@@ -159,14 +155,13 @@ TEST(DriverFramingSwitch, held_bytes_go_out_in_the_mode_that_follows) {
             Framed port(seeded(seed, {{"RequestTimeout", 500}}));
             c.framed ? port.startFraming() : port.writeFlag();
             port.refused = c.refused;
-            {
-                const HeldMutex switches(port.record().Mutex);
+            port.withoutSwitches([&] {
                 port.ask(c.code);
-                ASSERT_EQ(port.record().PppMode, c.framed ? ULONG{FRAMING_STOP_REQUESTED} : ULONG{FRAMING_REQUESTED});
+                EXPECT_EQ(port.record().PppMode, c.framed ? ULONG{FRAMING_STOP_REQUESTED} : ULONG{FRAMING_REQUESTED});
                 EXPECT_EQ(port.write("A~"), STATUS_SUCCESS);
                 port.rig.run(5);
                 EXPECT_EQ(port.received(), "");
-            }
+            });
             port.rig.run(1000);
             if (c.framed) {   // a stop does not send what it held
                 EXPECT_EQ(port.received(), "");
@@ -282,13 +277,12 @@ TEST(DriverFramingSwitch, a_request_of_the_last_opening_is_not_carried_out) {
     for (const auto seed : test::seeds(10)) {
         Framed port(seeded(seed));
         port.writeFlag();
-        {
-            const HeldMutex switches(port.record().Mutex);
+        port.withoutSwitches([&] {
             port.ask(kStart);
             EXPECT_EQ(port.record().PppMode, ULONG{FRAMING_REQUESTED});
             port.file.close();
             EXPECT_EQ(port.rig.open(port.file), STATUS_SUCCESS);
-        }
+        });
         port.rig.run(500);
         EXPECT_FALSE(port.deviceFrames);
         port.expectByteMode();
@@ -297,62 +291,49 @@ TEST(DriverFramingSwitch, a_request_of_the_last_opening_is_not_carried_out) {
 
 // ---- In every state, the device or the handle goes and comes back
 
+// A state, and how a port gets there: in framing already where the mode is not that of a start.
 struct Moment {
     const char* what;
-    void (*reach)(Framed&);
     ULONG mode;
+    void (*reach)(Framed&);
 };
 
 const Moment moments[] = {
-    {"waiting for a flag", [](Framed& p) {
+    {"waiting for a flag", FRAMING_REQUESTED, [](Framed& p) {
          p.write("half a frame");
          p.rig.run(5);
          p.ask(kStart);
          p.write(" and more");
-     }, FRAMING_REQUESTED},
-    {"asking for the characters", [](Framed& p) {
+     }},
+    {"asking for the characters", FRAMING_REQUESTED, [](Framed& p) {
          p.writeFlag();
          p.askInVain(kStart, kSpecialChars);
-     }, FRAMING_REQUESTED},
-    {"telling the device", [](Framed& p) {
+     }},
+    {"telling the device", FRAMING_REQUESTED, [](Framed& p) {
          p.writeFlag();
          p.askInVain(kStart, kStartFraming);
-     }, FRAMING_REQUESTED},
-    {"framing, nothing under way", [](Framed& p) { p.startFraming(); }, FRAMING},
-    {"half a frame each way", [](Framed& p) {
-         p.startFraming();
+     }},
+    {"framing, nothing under way", FRAMING, [](Framed&) {}},
+    {"half a frame each way", FRAMING, [](Framed& p) {
          p.write("half\x7D");
          p.sendBytes({0xAA, 0xBB, 0x00, 0x40, 1, 2, 3});
-         p.rig.run(5);
-     }, FRAMING},
-    {"half a header", [](Framed& p) {
-         p.startFraming();
-         p.sendBytes({0xAA, 0xBB, 0x00});
-         p.rig.run(5);
-     }, FRAMING},
-    {"out of step, both", [](Framed& p) {
-         p.startFraming();
+     }},
+    {"half a header", FRAMING, [](Framed& p) { p.sendBytes({0xAA, 0xBB, 0x00}); }},
+    {"out of step, both", FRAMING, [](Framed& p) {
          p.write(std::string(3000, 'x'));
          p.write(std::string(3000, 'x'));
          p.sendBytes({1, 2, 3});
          p.rig.run(20);
-     }, FRAMING},
-    {"no transfer for a frame", [](Framed& p) {
-         p.startFraming();
+     }},
+    {"no transfer for a frame", FRAMING, [](Framed& p) {
          p.hold(true);
          p.write("one~two~three~");
-         p.rig.run(5);
-     }, FRAMING},
-    {"no room for a frame", [](Framed& p) {
+     }},
+    {"no room for a frame", FRAMING, [](Framed& p) {
          p.set(IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{100, 100});
-         p.startFraming();
          for (unsigned i = 0; i < 3; ++i) p.sendFrame(i, Bytes(300, 'd'));
-         p.rig.run(5);
-     }, FRAMING},
-    {"telling the device to stop", [](Framed& p) {
-         p.startFraming();
-         p.askInVain(kStop, kStopFraming);
-     }, FRAMING_STOP_REQUESTED},
+     }},
+    {"telling the device to stop", FRAMING_STOP_REQUESTED, [](Framed& p) { p.askInVain(kStop, kStopFraming); }},
 };
 
 // Over seeds, what `event` does to a port in each state of the switch.
@@ -363,7 +344,9 @@ void inEveryState(Event&& event) {
         for (const auto seed : test::seeds(12)) {
             Framed port(seeded(seed, {{"RequestTimeout", 400}}));
             port.rig.allowAssertions();   // a frame that was too long notes its bytes
+            if (moment.mode != FRAMING_REQUESTED) port.startFraming();
             moment.reach(port);
+            if (moment.mode == FRAMING) port.rig.run(5);
             ASSERT_EQ(port.record().PppMode, moment.mode);
             spin(seed % 40);
             event(port);

@@ -1,7 +1,6 @@
 // The modem as a USB device: requests, notifications byte for byte, and the data path under back-pressure.
 #include "tests/modem_host.h"
 
-#include <numeric>
 #include <string>
 #include <string_view>
 
@@ -12,7 +11,7 @@ using Host = test::ModemHost;
 using modem::Modem;
 using usb::ControlReply;
 
-constexpr std::uint8_t classOut = test::modemClassOut, classIn = 0xA1, vendorOut = 0x41, vendorIn = 0xC1;
+constexpr std::uint8_t classOut = 0x21, classIn = 0xA1, vendorOut = 0x41, vendorIn = 0xC1;
 
 TEST(ModemDescriptors, DescribeThemselves) {
     modem::Options options;
@@ -86,16 +85,12 @@ TEST(ModemRequests, LineCodingRoundTripAndConnectRate) {
 }
 
 TEST(ModemRequests, EscapedCharacters) {
-    for (const std::size_t count : {0, 1, 256, 300}) {
-        modem::Options options;
-        options.escapedCharacters.resize(count);
-        std::iota(options.escapedCharacters.begin(), options.escapedCharacters.end(), std::uint8_t{0});
-        Bytes data(256);
-        const std::size_t length = Host(options).control({vendorIn, 0x60, 0, 0, 0}, data).length;
-        EXPECT_EQ(length, std::min<std::size_t>(count, 256));
-        EXPECT_TRUE(std::equal(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(length),
-                               options.escapedCharacters.begin()));
-    }
+    modem::Options options;
+    options.escapedCharacters.assign(300, 0x11);
+    Bytes data(300);
+    EXPECT_EQ(Host(options).control({vendorIn, 0x60, 0, 0, 0}, data).length, 256u) << "as many as there are bytes";
+    data.resize(256);
+    EXPECT_EQ(data, Bytes(256, 0x11));
 }
 
 TEST(ModemNotifications, ByteForByte) {
@@ -114,17 +109,7 @@ TEST(ModemNotifications, ByteForByte) {
     host.request(0x23, 0);
     EXPECT_EQ(host.told(), "007") << "the echo sends the break back, once";
     host.device.reportErrors(modem::stateParityError | modem::stateRing);
-    host.device.setHold(true);
-    host.device.setClearToSend(false);
-    host.pass(1);
-    EXPECT_EQ(host.notification(), (Bytes{0xA1, 0x00, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(host.told(), "023 103");
-    host.pass(2000);
-    EXPECT_EQ(host.told(), "102");
-
-    host.device.busReset();
-    host.device.configured(1);
-    EXPECT_EQ(host.told(), "102") << "after a reset the host is told anew";
+    EXPECT_EQ(host.told(), "023") << "the bell is no error";
 }
 
 TEST(ModemNotifications, AHostThatDoesNotLookFindsTheNewestStateAndEveryError) {

@@ -17,8 +17,6 @@ namespace test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr std::uint8_t modemClassOut = 0x21;
-
 inline std::string textOf(std::span<const std::uint8_t> bytes) {
     return {bytes.begin(), bytes.end()};
 }
@@ -45,7 +43,7 @@ struct DeviceHost {
         return device.control(setup, data);
     }
     bool request(std::uint8_t request, std::uint16_t value) {
-        return control({modemClassOut, request, value, 0, 0}).kind == usb::ControlReply::Kind::ack;
+        return control({0x21, request, value, 0, 0}).kind == usb::ControlReply::Kind::ack;
     }
     bool lines(std::uint16_t value) { return request(0x22, value); }
 

@@ -338,11 +338,10 @@ struct Dialled {
             return bytes;
         held += bytes;
         const std::size_t end = held.rfind('\x7E') + 1;  // 0: no frame has ended
-        std::string frames;
-        for (const Bytes& frame : ppp::toDevice(test::bytesOf(held.substr(0, end))).frames)
-            frames += textOf(ppp::deviceFrame(sequence++, Bytes(frame.begin() + 4, frame.end())));
+        const ppp::ToDevice frames = ppp::toDevice(test::bytesOf(held.substr(0, end)), sequence);
+        sequence = frames.next;
         held.erase(0, end);
-        return frames;
+        return textOf(ppp::joined(frames.frames));
     }
     void take(const std::string& bytes) {
         received += bytes;
@@ -351,18 +350,13 @@ struct Dialled {
             return;
         }
         deviceBytes += bytes;
-        while (deviceBytes.size() >= 4) {
-            const auto word = static_cast<std::uint8_t>(deviceBytes[2]) << 8 | static_cast<std::uint8_t>(deviceBytes[3]);
-            const std::size_t length = word & 0x7FF;
-            ASSERT_EQ(deviceBytes.substr(0, 2), "\xAA\xBB");
-            ASSERT_GE(length, 5u);
-            if (deviceBytes.size() < length)
-                return;
-            EXPECT_EQ(word >> 11, deviceSequence++ & 31u) << "the modem's frames follow each other";
-            const Bytes body = test::bytesOf(deviceBytes.substr(4, length - 4));
-            client.take(textOf(ppp::hostFrame(body, client.up() ? escapes : ppp::controls(0xFFFF'FFFF))));
-            deviceBytes.erase(0, length);
-        }
+        const Bytes& special = client.up() ? escapes : ppp::controls(0xFFFF'FFFF);
+        const ppp::ToHost host = ppp::toHost(test::bytesOf(deviceBytes), special, deviceSequence);
+        EXPECT_EQ(host.strayBytes + host.badMagic + host.badSequence, 0u) << "the modem's frames follow each other";
+        client.take(textOf(host.bytes));
+        deviceBytes.erase(0, host.used);
+        // A frame whose header alone has come is judged once more.
+        deviceSequence = host.expected - (deviceBytes.size() >= 4 ? 1 : 0);
     }
     std::string_view state() { return host.device.framingState(); }
 
@@ -411,19 +405,18 @@ TEST(PppCall, LosesNothingUnderBackPressure) {
 
 // ---- the switch ----
 
-struct HangUp {
+const struct {
     const char* name;
     void (*act)(Dialled& d);
     bool tells;  // NO CARRIER
-};
-const HangUp hangUps[] = {
+} hangUps[] = {
     {"DTR", [](Dialled& d) { d.host.lines(2); }, false},
     {"far end", [](Dialled& d) { d.host.device.dropCarrier(); }, true},
     {"LCP", [](Dialled& d) { d.client.terminate(); }, true},
 };
 
 TEST(PppSwitch, EndsWithTheCallHoweverItEnds) {
-    for (const HangUp& hangUp : hangUps) {
+    for (const auto& hangUp : hangUps) {
         for (const FramingMode mode : {FramingMode::on, FramingMode::twice, FramingMode::keep}) {
             SCOPED_TRACE(testing::Message() << hangUp.name << ", mode " << static_cast<int>(mode));
             Dialled d(mode);

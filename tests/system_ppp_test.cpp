@@ -13,7 +13,6 @@ using modem::FramingMode;
 using modem::Modem;
 using test::PppClient;
 using test::PppClientOptions;
-using test::RigOptions;
 using test::TestRig;
 
 constexpr ULONG atOnce = 0xFFFFFFFF;  // reads give what is there
@@ -31,19 +30,11 @@ struct FrameTap : usb::Tap {
     }};
 };
 
-RigOptions withoutDevice(std::uint64_t seed, usb::Tap& tap) {
-    RigOptions options;
-    options.bus.tap = &tap;
-    options.seed = seed;
-    options.plug = false;
-    return options;
-}
-
 // A machine with the virtual modem, its port open, and somebody who dials.
 struct Dialup {
     explicit Dialup(FramingMode mode, std::uint64_t seed = 1, std::uint32_t escapes = 0xFFFFFFFF,
                     const PppClientOptions& client = {})
-        : rig(withoutDevice(seed, tap)), clientOptions(client), ppp(client) {
+        : rig({.seed = seed, .plug = false, .bus = {.tap = &tap}}), clientOptions(client), ppp(client) {
         modem::Options options;
         options.framing = mode;
         options.escapedCharacters = modem::controlCharacters(escapes);
@@ -151,11 +142,11 @@ TEST(PppSystem, DialsExchangesHangsUpAndDialsAgain) {
         PppClientOptions client;
     } const cases[] = {
         {"bytes", FramingMode::off, 0, {}},
-        {"bytes, everything escaped", FramingMode::off, 0xFFFFFFFF, {Login::pap, 0xFFFFFFFF, 0xFFFFFFFF, true}},
-        {"bytes, some escaped", FramingMode::off, 0x000A0000, {Login::refused, 0x0000A00A, 0, true}},
+        {"bytes, everything escaped", FramingMode::off, 0xFFFFFFFF, {Login::pap, 0xFFFFFFFF, 0xFFFFFFFF}},
+        {"bytes, some escaped", FramingMode::off, 0x000A0000, {Login::refused, 0x0000A00A, 0}},
         {"framed", FramingMode::on, 0, {}},
-        {"framed, everything escaped", FramingMode::on, 0xFFFFFFFF, {Login::pap, 0xFFFFFFFF, 0xFFFFFFFF, true}},
-        {"framed, flow control characters escaped", FramingMode::on, 0x000A0000, {Login::refused, 0x000A0000, 0, false}},
+        {"framed, everything escaped", FramingMode::on, 0xFFFFFFFF, {Login::pap, 0xFFFFFFFF, 0xFFFFFFFF}},
+        {"framed, flow control characters escaped", FramingMode::on, 0x000A0000, {Login::refused, 0x000A0000, 0}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -104,9 +104,7 @@ void PppClient::begin() {
 }
 
 void PppClient::requestIp() {
-    std::string options = "\x03\x06" + word(address_, 4);
-    if (nameServerWanted_) options += "\x81\x06" + word(nameServer_, 4);
-    lcp(1, ++id_, options, 0x8021);
+    lcp(1, ++id_, "\x03\x06" + word(address_, 4), 0x8021);
 }
 
 void PppClient::retransmit() {
@@ -114,7 +112,7 @@ void PppClient::retransmit() {
     if (!lcpAcked_ || !lcpOpen_) {
         begin();
     } else if (!loggedIn_) {
-        if (auth_ == 0xC023) login(auth_, "");
+        maybeNetwork();
     } else if (!up()) {
         requestIp();
     }
@@ -190,12 +188,9 @@ void PppClient::ipcpPacket(const std::string& packet) {
         ipOpen_ = true;
     }
     if (code == 2) ipAcked_ = true;
-    if (code != 3 && code != 4) return;
+    if (code != 3) return;
     for (const std::string& option : split(data)) {
         if (option[0] == 3) address_ = number(option, 2, 4);
-        if (option[0] != '\x81') continue;
-        nameServerWanted_ = code == 3;
-        nameServer_ = number(option, 2, 4);
     }
     requestIp();
 }

@@ -17,12 +17,11 @@ struct PppClientOptions {
     Login login = Login::chap;
     std::uint32_t accm = 0;      // what the other end shall escape; anything else that comes unescaped is not a byte of it
     std::uint32_t escapes = 0;   // what this end escapes, beside what it is asked to
-    bool nameServer = false;     // asks for one
 };
 
 class PppClient {
 public:
-    explicit PppClient(const PppClientOptions& options = {}) : options_(options), nameServerWanted_(options.nameServer) {}
+    explicit PppClient(const PppClientOptions& options = {}) : options_(options) {}
 
     void begin();
     void retransmit();
@@ -73,10 +72,8 @@ private:
     bool loggedIn_ = false;
     bool ipAcked_ = false;
     bool ipOpen_ = false;
-    bool nameServerWanted_;
     bool terminated_ = false;
     std::uint32_t address_ = 0;
-    std::uint32_t nameServer_ = 0;
     std::uint32_t server_ = 0;
     std::uint16_t serial_ = 0;
 };

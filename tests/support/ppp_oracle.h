@@ -75,15 +75,18 @@ inline Bytes hostFrame(Bytes body, const Bytes& special) {
 
 // What the host gets of a stream from the device.
 struct ToHost {
-    Bytes bytes;
+    Bytes bytes{};
     unsigned expected = 0;                             // the sequence number that comes next
+    std::size_t used = 0;                              // bytes of the stream behind which nothing is begun
     unsigned strayBytes = 0, badMagic = 0, badSequence = 0;   // how often each is reported
 };
 
-inline ToHost toHost(const Bytes& stream, const Bytes& special) {
-    ToHost host;
+// `expected`: of the first frame.
+inline ToHost toHost(const Bytes& stream, const Bytes& special, unsigned expected = 0) {
+    ToHost host{.expected = expected % 32};
     bool synchronous = true;   // a byte other than AA is reported once
-    for (std::size_t at = 0; at < stream.size();) {
+    std::size_t& at = host.used;
+    while (at < stream.size()) {
         if (stream[at] != 0xAA) {
             host.strayBytes += synchronous;
             synchronous = false;
@@ -117,13 +120,14 @@ inline ToHost toHost(const Bytes& stream, const Bytes& special) {
 
 // What the device gets of a stream from the host.
 struct ToDevice {
-    std::vector<Bytes> frames;
+    std::vector<Bytes> frames{};
     unsigned tooLong = 0;
     unsigned next = 0;   // the number of the frame being built
 };
 
-inline ToDevice toDevice(const Bytes& stream) {
-    ToDevice device;
+// `next`: the number of the first frame.
+inline ToDevice toDevice(const Bytes& stream, unsigned next = 0) {
+    ToDevice device{.next = next};
     Bytes body;
     bool escaped = false, hunting = false;
     for (const std::uint8_t byte : stream) {
