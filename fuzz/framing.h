@@ -65,16 +65,20 @@ struct Input {
     Pace pace;
 };
 
-// Runs `check` over an input.
-inline void run(const std::uint8_t* data, std::size_t size, void (*check)(Input&)) {
+// What a fuzzer asks of an input.
+void check(Input& input);
+
+}  // namespace framing
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace framing;
     if (size < 2 || size > 4096)
-        return;
+        return 0;
     Input input{{data + 2, size - 2}, escapeSet(data[0]), Pace(data[1])};
     rig().escape(input.special);
     rig().start();
     check(input);
     // The start after a frame of the very limit notes its bytes; nothing else may be asserted.
     require(rig().count("ASSERTION FAILED") == rig().count("ASSERTION FAILED: (DeFramer->Count == 0)"));
+    return 0;
 }
-
-}  // namespace framing

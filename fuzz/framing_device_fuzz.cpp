@@ -1,11 +1,9 @@
 // Any stream from the device. FD, n, length... stands for a well-made frame with the number that is expected, so that frames are found.
 #include "fuzz/framing.h"
 
-namespace {
-
 using namespace framing;
 
-void check(Input& in) {
+void framing::check(Input& in) {
     const std::span input = in.stream;
     Bytes stream;
     unsigned next = 0;
@@ -22,11 +20,4 @@ void check(Input& in) {
     require((rig().framer().ExpectedSeq & 31) == expected.expected);
     require(rig().count("unexpected magic_lo") == expected.strayBytes && rig().count("invalid Magic") == expected.badMagic &&
             rig().count("invalid Sequence") == expected.badSequence);
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    run(data, size, check);
-    return 0;
 }

@@ -1,11 +1,9 @@
 // Any stream from the host. FD, byte, n stands for a long run of the byte.
 #include "fuzz/framing.h"
 
-namespace {
-
 using namespace framing;
 
-void check(Input& in) {
+void framing::check(Input& in) {
     const std::span input = in.stream;
     Bytes stream;
     for (std::size_t i = 0; i < input.size(); ++i) {   // FD, byte, n: a long run, or no input would be too long
@@ -16,11 +14,4 @@ void check(Input& in) {
     const ppp::ToDevice expected = ppp::toDevice(stream);
     require(throughDeFramer(stream, in.pace) == ppp::joined(expected.frames));
     require(rig().count("PPP Frame to long, discard it") == expected.tooLong);
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    run(data, size, check);
-    return 0;
 }

@@ -2,6 +2,7 @@
 //
 // The input is a list of actions: a kind, a length, then that many bytes. Lines and events must be those of a small model
 // after every action, whatever came; and the port must close.
+#include "fuzz/actions.h"
 #include "fuzz/machine.h"
 
 #include <algorithm>
@@ -140,13 +141,8 @@ class Player {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::span input(data, size);
     Player player(fuzz::machine(0xA0803));
-    for (std::size_t at = 0, actions = 0; at + 2 <= size && actions < 64; ++actions) {
-        const std::size_t length = std::min<std::size_t>(input[at + 1], size - at - 2);
-        player.act(input[at], input.subspan(at + 2, length));
-        at += 2 + length;
-    }
+    fuzz::play({data, size}, player, 64);
     player.finish();
     return 0;
 }

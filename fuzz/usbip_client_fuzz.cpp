@@ -1,6 +1,6 @@
 // What a USB/IP server says, in pieces of any size, to a client with requests of every kind pending: each transfer ends exactly
 // once, no byte lands outside its memory, and what is kept stays bounded.
-#include "fuzz/require.h"
+#include "fuzz/actions.h"
 #include "usb/usbip_client.h"
 
 #include <algorithm>
@@ -94,13 +94,9 @@ private:
 
 }  // namespace
 
-// Byte pairs of a plan, each followed by what the server says: action, length of the saying.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Host host;
-    std::span<const std::uint8_t> left(data, size);
-    while (left.size() >= 3) {
-        const std::uint8_t action = left[0], value = left[1];
-        const std::size_t length = std::min<std::size_t>(left[2], left.size() - 3);
+    fuzz::converse({data, size}, [&](std::uint8_t action, std::uint8_t value, std::span<const std::uint8_t> said) {
         switch (action & 3) {
         case 0:
             host.submit(value);
@@ -114,9 +110,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         default:
             break;
         }
-        host.hear(left.subspan(3, length));
-        left = left.subspan(3 + length);
-    }
+        host.hear(said);
+    });
     host.end();
     return 0;
 }

@@ -1,6 +1,6 @@
 // What a USB/IP client says, in pieces of any size, to a server whose device ends requests now, later or when they are unlinked:
 // each request is lent exactly once and ended once, and nobody gets more memory than is allowed.
-#include "fuzz/require.h"
+#include "fuzz/actions.h"
 #include "tests/support/usbip_desk.h"
 
 #include <algorithm>
@@ -54,14 +54,10 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Desk desk;
-    std::span<const std::uint8_t> left(data, size);
-    while (left.size() >= 3) {
-        const std::uint8_t which = left[0], how = left[1];
-        const std::size_t length = std::min<std::size_t>(left[2], left.size() - 3);
-        desk.hear(left.subspan(3, length));
+    fuzz::converse({data, size}, [&](std::uint8_t which, std::uint8_t how, std::span<const std::uint8_t> said) {
+        desk.hear(said);
         if (which & 0x80) desk.endOne(which, how);
-        left = left.subspan(3 + length);
-    }
+    });
     desk.finish();
     return 0;
 }

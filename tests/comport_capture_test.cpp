@@ -26,19 +26,13 @@ using comport::FramingWatch;
 using comport::UsbRecord;
 using test::Bytes;
 using test::bytesOf;
+using test::hex;
 using test::ppp::deviceFrame;
+using test::ppp::joined;
+using test::ppp::withFcs;
 using usb::Transfer;
 using usb::TransferStatus;
 using usb::TransferType;
-
-Bytes hex(std::string text) {
-    std::erase(text, ' ');
-    Bytes bytes;
-    for (std::size_t at = 0; at < text.size(); at += 2) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(at, 2), nullptr, 16)));
-    }
-    return bytes;
-}
 
 // ---- records ----
 
@@ -129,17 +123,6 @@ Transfer transferOf(Wire& wire) {
     return transfer;
 }
 
-Bytes withFcs(Bytes frame) {
-    const auto fcs = static_cast<std::uint16_t>(~test::ppp::fcs(frame));
-    frame.push_back(static_cast<std::uint8_t>(fcs));
-    frame.push_back(static_cast<std::uint8_t>(fcs >> 8));
-    return frame;
-}
-Bytes joined(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& part : parts) test::ppp::append(all, part);
-    return all;
-}
 Bytes slice(const Bytes& bytes, std::size_t from, std::size_t to) { return {&bytes[from], &bytes[0] + to}; }
 
 TEST(FramingWatch, FindsTheFramesOfACall) {

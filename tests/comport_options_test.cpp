@@ -59,12 +59,6 @@ TEST(Options, AreTaken) {
     EXPECT_EQ(full.options->tcp->host, "::");
     EXPECT_TRUE(full.options->kick);
 
-    ParseResult plain = parseOptions({"serve"});
-    ASSERT_TRUE(plain.options);
-    EXPECT_EQ(plain.options->registryFile, "comport.reg");
-    EXPECT_TRUE(plain.options->verifier);
-    EXPECT_FALSE(plain.options->traceMask || plain.options->rfc2217 || plain.options->tcp || plain.options->kick);
-
     ParseResult check = parseOptions({"check", "--trace", "7"});
     ASSERT_TRUE(check.options);
     EXPECT_EQ(check.options->command, Command::check);

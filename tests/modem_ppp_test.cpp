@@ -15,6 +15,7 @@ using modem::HdlcDecoder;
 using modem::Modem;
 using modem::PppEndpoint;
 using test::Bytes;
+using test::hex;
 using test::ModemHost;
 using test::PppClient;
 using test::textOf;
@@ -22,15 +23,6 @@ using Kind = usb::ControlReply::Kind;
 namespace ppp = test::ppp;
 
 constexpr std::uint8_t startNotice = 0x10, stopNotice = 0x11;
-
-Bytes hex(std::string_view text) {
-    Bytes bytes;
-    for (std::size_t at = 0; at + 1 < text.size(); ++at) {
-        if (text[at] != ' ')
-            bytes.push_back(static_cast<std::uint8_t>(std::stoi(std::string(text.substr(at++, 2)), nullptr, 16)));
-    }
-    return bytes;
-}
 
 // Every byte value, over and over.
 std::string everyByte(std::size_t length, unsigned first = 0) {

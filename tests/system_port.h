@@ -68,4 +68,19 @@ inline std::string echoed(nt::File& file, const std::string& text, ULONG silence
     return back;
 }
 
+// Reads one after another into one string.
+struct Reader {
+    explicit Reader(nt::File& f, std::size_t room = 61) : file(f), read(room) { read.read(file); }
+    void poll() {
+        while (read.done() && NT_SUCCESS(read.status())) {
+            text += read.text();
+            read.completions = 0;
+            read.read(file);
+        }
+    }
+    nt::File& file;
+    Pending read;
+    std::string text;
+};
+
 }  // namespace test

@@ -14,6 +14,7 @@ namespace {
 
 using test::OpenPort;
 using test::Pending;
+using test::Reader;
 using test::RigOptions;
 using test::ScriptedDevice;
 using test::seeded;
@@ -74,7 +75,7 @@ struct ModemPort {
         test::control(file, IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR});
         return test::echoed(file, command, 500);
     }
-    // The number that sends everything back.
+    // The number that sends everything back. While nothing comes one read waits and the port may become idle.
     void call() {
         EXPECT_EQ(test::control(file, IOCTL_SERIAL_SET_WAIT_MASK, ULONG{SERIAL_EV_RLSD}), STATUS_SUCCESS);
         EXPECT_EQ(file.write("ATE0D100\r", 9).status, STATUS_SUCCESS);
@@ -82,28 +83,11 @@ struct ModemPort {
         EXPECT_EQ(file.control(IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, &events, sizeof(events)).status, STATUS_SUCCESS);
         rig.run(100);
         EXPECT_EQ(test::control(file, IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR}), STATUS_SUCCESS);
+        EXPECT_EQ(test::control(file, IOCTL_SERIAL_SET_TIMEOUTS, SERIAL_TIMEOUTS{MAXULONG, MAXULONG, MAXLONG, 0, 0}), STATUS_SUCCESS);
     }
 
     TestRig rig;
     nt::File file;
-};
-
-// Takes what comes. While nothing comes one read waits and the port may become idle.
-struct Collector {
-    explicit Collector(nt::File& f) : file(f) {
-        EXPECT_EQ(test::control(file, IOCTL_SERIAL_SET_TIMEOUTS, SERIAL_TIMEOUTS{MAXULONG, MAXULONG, MAXLONG, 0, 0}), STATUS_SUCCESS);
-        read.read(file);
-    }
-    void poll() {
-        while (read.done() && read.status() == STATUS_SUCCESS) {
-            text += read.text();
-            read.completions = 0;
-            read.read(file);
-        }
-    }
-    nt::File& file;
-    Pending read{4096};
-    std::string text;
 };
 
 // How many pieces of `sent` are missing; -1 when `received` is not made of the rest in order.
@@ -126,7 +110,7 @@ TEST(SystemPower, sleep_and_wake_with_bytes_moving) {
     for (const auto seed : test::seeds(25)) {
         ModemPort port(seeded(seed));
         port.call();
-        std::optional<Collector> back(port.file);
+        std::optional<Reader> back(std::in_place, port.file, 4096);
         const std::string sent = test::noise(20'000, static_cast<std::uint32_t>(seed));
         constexpr int sleeps = 3;
         nt::Thread sender("sender", [&] {
@@ -344,7 +328,7 @@ TEST(SystemPower, shutdown) {
 TEST(SystemPower, suspend_resume_1000_times_under_load) {
     ModemPort port(seeded(test::seeds(1).front(), {{"IdleInterval", 1}}));
     port.call();
-    Collector back(port.file);
+    Reader back(port.file, 4096);
 
     std::string sent;
     const auto settled = [&] {

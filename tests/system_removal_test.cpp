@@ -10,6 +10,7 @@ namespace {
 
 using test::OpenPort;
 using test::Pending;
+using test::Reader;
 using test::ScriptedDevice;
 
 constexpr std::uint64_t stepBound = 5'000'000;
@@ -38,24 +39,6 @@ struct Machine : OpenPort {
         expectAlive(port);
         EXPECT_EQ(rig.executive().registry().string(deviceMap, "\\Device\\qvcdcacm0"), rig.comName());
     }
-};
-
-// Reads one after another into one string.
-struct Reader {
-    explicit Reader(nt::File& f) : file(f) { next(); }
-    void next() {
-        read.completions = 0;
-        read.read(file);
-    }
-    void poll() {
-        while (read.done() && NT_SUCCESS(read.status())) {
-            text += read.text();
-            next();
-        }
-    }
-    nt::File& file;
-    Pending read{std::size_t(61)};
-    std::string text;
 };
 
 // --- One handle over a removal ------------------------------------------------------------------------------------------

@@ -9,7 +9,7 @@ import subprocess
 import serial
 from serial import rfc2217
 
-from served import (DIRECTORY, LINK, PROGRAM, RFC2217, TCP, Stream, address, comport, ctl, open_terminal, pattern, require,
+from served import (DIRECTORY, LINK, PROGRAM, RFC2217, TCP, Stream, address, answers, comport, ctl, open_terminal, pattern, require,
                     status, until)
 
 SOCKET = os.path.join(DIRECTORY, "comport.sock")
@@ -66,11 +66,6 @@ def open_port():
     port = serial.serial_for_url(RFC2217, baudrate=9600, parity="E", stopbits=2, timeout=10)
     require(until(lambda: port.dsr), "an application has the port open by RFC 2217")
     return port
-
-
-def answers(port, command, answer):
-    port.write(command + b"\r")
-    return answer in port.read_until(answer) and port.read_until(b"\n")
 
 
 def settings(port):

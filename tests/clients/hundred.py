@@ -1,18 +1,13 @@
 """A hundred ports of one server, all in use at the same time: by TCP, then at their terminals."""
-import json
 import os
 import random
 import socket
 import tty
 from concurrent.futures import ThreadPoolExecutor
 
-from served import Stream, address, comport, require, until
+from served import Stream, address, ports, require, until
 
 COUNT = 100
-
-
-def ports():
-    return json.loads(comport("list", "--json")[1])["ports"]
 
 
 def wrong(descriptors, size):

@@ -1,11 +1,11 @@
 """Several ports of one server, most of whose devices misbehave or are away: the good ones carry every byte all the while."""
-import json
 import os
 import socket
 import subprocess
 import time
 from concurrent.futures import ThreadPoolExecutor
 
+import served
 from served import DIRECTORY, PROGRAM, Stream, address, comport, ctl, payload, require, until
 
 LATE = os.environ["COMPORT_LATE"]
@@ -14,10 +14,10 @@ LATE = os.environ["COMPORT_LATE"]
 def ports():
     """All of the server, those that were never there too; they must be told at once."""
     begin = time.monotonic()
-    code, output, errors = comport("list", "--json")
-    if code != 0 or time.monotonic() - begin > 5:
-        require(False, f"list answers within 5 s: {errors}")
-    return json.loads(output)["ports"]
+    everything = served.ports()
+    if time.monotonic() - begin > 5:
+        require(False, "list answers within 5 s")
+    return everything
 
 
 def tcp(port):
@@ -55,9 +55,9 @@ def unplugged(good):
 def late(good):
     """What was not there at the start is served when it comes."""
     with subprocess.Popen([PROGRAM, "modem", "--usbip", LATE, "--modem", "loopback"], stdout=subprocess.DEVNULL) as exporter:
-        def served():
+        def arrived():
             return [port for port in ports() if LATE.replace(":", "&") in port["device"] and port["network"]]
-        came = until(served, 40)
+        came = until(arrived, 40)
         require(came, f"a device that comes late is served: {came and came[0]['name']}")
         with open(os.path.join(DIRECTORY, "out"), encoding="utf-8") as told:
             line = f"{came[0]['name']} (usbip://{LATE}/1-1) is served at {came[0]['terminal']}, "

@@ -5,14 +5,9 @@ import threading
 
 import serial
 
-from served import RFC2217, require, until
+from served import RFC2217, answers, require, until
 
 ECHO = b"100"
-
-
-def answers(port, command, answer):
-    port.write(command + b"\r")
-    return answer in port.read_until(answer)
 
 
 def settings(port):
@@ -34,7 +29,6 @@ def settings(port):
 def echo(port):
     require(not port.cd, "no carrier")
     require(answers(port, b"ATD" + ECHO, b"CONNECT"), "dialled")
-    port.read_until(b"\n")
     require(until(lambda: port.cd), "carrier")
     data = random.Random(1).randbytes(200000) + b"\xff" * 1000
     writer = threading.Thread(target=port.write, args=(data,))

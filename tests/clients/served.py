@@ -62,12 +62,17 @@ def ctl(*words):
         require(False, f"ctl {' '.join(words)}: {result}")
 
 
+def ports(command="list"):
+    """All of the server, as list or status tells of them."""
+    code, output, errors = comport(command, "--json")
+    if code != 0:
+        require(False, f"{command} --json: {errors}")
+    return json.loads(output)["ports"]
+
+
 def status():
     """The one port of the server."""
-    code, output, errors = comport("status", "--json")
-    if code != 0:
-        require(False, f"status --json: {errors}")
-    return json.loads(output)["ports"][0]
+    return ports("status")[0]
 
 
 def open_terminal():
@@ -84,6 +89,12 @@ def open_terminal():
         require(False, "the terminal opens")
     tty.setraw(terminal[0], termios.TCSANOW)
     return terminal[0]
+
+
+def answers(port, command, answer):
+    """A command to the modem by a port of pySerial's; the rest of the answer's line is taken, too."""
+    port.write(command + b"\r")
+    return answer in port.read_until(answer) and port.read_until(b"\n")
 
 
 class Stream:

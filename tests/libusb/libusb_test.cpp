@@ -133,6 +133,20 @@ private:
     KEVENT left_, came_;
 };
 
+// A machine with a device that somebody has.
+class LibusbBackend : public testing::Test {
+protected:
+    LibusbBackend() { EXPECT_TRUE(host.start()); }
+    template <class Body>
+    auto with(Body&& body) {
+        return Machine::with(node, body);
+    }
+
+    Machine m;
+    UsbDeviceNode& node = m.plug();
+    Host host;
+};
+
 }  // namespace
 
 TEST(LibusbDevices, ASelectorIsReadOrRefused) {
@@ -204,13 +218,9 @@ TEST(LibusbDevices, WhyADeviceCannotBeHadIsSaid) {
     EXPECT_EQ(m.nodes[0]->calls(), (Calls{"claim 0"}));
 }
 
-TEST(LibusbBackend, TheKernelsDriverIsDetachedAndGivenBack) {
-    Machine m;
-    UsbDeviceNode& node = m.plug();
+TEST_F(LibusbBackend, TheKernelsDriverIsDetachedAndGivenBack) {
     const Calls taken = {"detach 0", "claim 0", "detach 1", "claim 1"};
     const Calls given = {"release 0", "release 1", "attach 0", "attach 1"};
-    Host host;
-    ASSERT_TRUE(host.start());
     EXPECT_EQ(node.calls(), taken);
     EXPECT_EQ(node.driver(0), "usbfs");
     // The same configuration again; none, as a driver that stops leaves it; one that there is not.
@@ -223,9 +233,9 @@ TEST(LibusbBackend, TheKernelsDriverIsDetachedAndGivenBack) {
     ASSERT_TRUE(host.start());
     EXPECT_EQ(host.run(configure(9)), TransferStatus::stalled);
     EXPECT_EQ(host.run(configure(0)), TransferStatus::ok);
-    EXPECT_EQ(Machine::with(node, [](ScriptedDevice& d) { return d.configuration; }), 0);
+    EXPECT_EQ(with([](ScriptedDevice& d) { return d.configuration; }), 0);
     host.backend.stop();
-    EXPECT_EQ(Machine::with(node, [](ScriptedDevice& d) { return d.configuration; }), 1);
+    EXPECT_EQ(with([](ScriptedDevice& d) { return d.configuration; }), 1);
     EXPECT_EQ(node.driver(0), "cdc_acm");
 
     // A device that had no driver gets none.
@@ -236,12 +246,8 @@ TEST(LibusbBackend, TheKernelsDriverIsDetachedAndGivenBack) {
     EXPECT_EQ(other.calls(), (Calls{"claim 0", "claim 1", "release 0", "release 1"}));
 }
 
-TEST(LibusbBackend, TransfersOfEveryKindMoveWhatTheyShould) {
-    Machine m;
-    UsbDeviceNode& node = m.plug();
-    Machine::with(node, [](ScriptedDevice& d) { d.echo = true; });
-    Host host;
-    ASSERT_TRUE(host.start());
+TEST_F(LibusbBackend, TransfersOfEveryKindMoveWhatTheyShould) {
+    with([](ScriptedDevice& d) { d.echo = true; });
     for (const std::size_t length : {1u, 63u, 64u, 65u, 16'384u, 16'385u, 65'536u}) {
         const std::string sent = noise(length, static_cast<std::uint32_t>(length));
         Move in = bulkIn((length / 64 + 1) * 64);
@@ -250,18 +256,18 @@ TEST(LibusbBackend, TransfersOfEveryKindMoveWhatTheyShould) {
         EXPECT_EQ(in.status(), TransferStatus::ok);
         EXPECT_TRUE(in.text() == sent) << length << ", " << in.transfer.actual << " came";
     }
-    Machine::with(node, [](ScriptedDevice& d) {
+    with([](ScriptedDevice& d) {
         d.outs.clear();
         d.notify(serialState(3));
     });
     EXPECT_EQ(host.run(bulkOut("")), TransferStatus::ok);
-    EXPECT_EQ(Machine::with(node, [](ScriptedDevice& d) { return d.outs.size() == 1 && d.outs[0].ends; }), true);
+    EXPECT_EQ(with([](ScriptedDevice& d) { return d.outs.size() == 1 && d.outs[0].ends; }), true);
     Move state(TransferType::interrupt, 0x82, std::string(10, '-'));
     host.submit(state);
     EXPECT_EQ(state.status(), TransferStatus::ok);
     EXPECT_EQ(bytesOf(state.text()), serialState(3));
     Move put({0x21, 0x20, 0, 0, 0}, "1234567"), get({0xA1, 0x21, 0, 0, 0}, "-------"), refused({0xC0, 0x77, 0, 0, 0}, "----");
-    Machine::with(node, [](ScriptedDevice& d) {
+    with([](ScriptedDevice& d) {
         d.onControl = [](const usb::SetupPacket& setup, auto) {
             return setup.request == 0x77 ? std::optional(usb::ControlReply::stall()) : std::nullopt;
         };
@@ -274,8 +280,7 @@ TEST(LibusbBackend, TransfersOfEveryKindMoveWhatTheyShould) {
     EXPECT_EQ(host.run(Move(TransferType::bulk, 0x05, "nowhere")), TransferStatus::failed);
 }
 
-TEST(LibusbBackend, WhatTheKernelReportsIsToldAsOtherBackendsDo) {
-    Machine m;
+TEST_F(LibusbBackend, WhatTheKernelReportsIsToldAsOtherBackendsDo) {
     const struct {
         void (UsbDeviceNode::*answer)(int error);
         int error;
@@ -287,24 +292,18 @@ TEST(LibusbBackend, WhatTheKernelReportsIsToldAsOtherBackendsDo) {
         {&UsbDeviceNode::refuseNext, ENOMEM, TransferStatus::failed},  {&UsbDeviceNode::refuseNext, EBUSY, TransferStatus::failed},
         {&UsbDeviceNode::refuseNext, ENODEV, TransferStatus::gone},
     };
-    UsbDeviceNode& node = m.plug();
-    Host host;
     for (const auto& [answer, error, status] : cases) {
-        ASSERT_TRUE(host.start());
         (node.*answer)(error);
         EXPECT_EQ(host.run(bulkIn()), status) << error;
         // Only a device that has left is given up.
         EXPECT_EQ(host.run(bulkOut("next")), status == TransferStatus::gone ? status : TransferStatus::ok) << error;
         host.backend.stop();
+        ASSERT_TRUE(host.start());
     }
 }
 
-TEST(LibusbBackend, AStallHaltsUntilTheKernelClearsIt) {
-    Machine m;
-    UsbDeviceNode& node = m.plug();
-    Host host;
-    ASSERT_TRUE(host.start());
-    Machine::with(node, [](ScriptedDevice& d) { d.stallIn = 1; });
+TEST_F(LibusbBackend, AStallHaltsUntilTheKernelClearsIt) {
+    with([](ScriptedDevice& d) { d.stallIn = 1; });
     EXPECT_EQ(host.run(bulkIn()), TransferStatus::stalled);
     EXPECT_EQ(host.run(bulkIn()), TransferStatus::stalled);
     node.calls();
@@ -314,16 +313,12 @@ TEST(LibusbBackend, AStallHaltsUntilTheKernelClearsIt) {
     host.submit(in);
     EXPECT_EQ(clear.status(), TransferStatus::ok);
     EXPECT_EQ(node.calls(), (Calls{"clear 129"}));
-    Machine::with(node, [](ScriptedDevice& d) { d.sendBulk("again"); });
+    with([](ScriptedDevice& d) { d.sendBulk("again"); });
     EXPECT_EQ(in.status(), TransferStatus::ok);
     EXPECT_EQ(in.text(), "again");
 }
 
-TEST(LibusbBackend, ManyInFlightKeepTheirOrderUnderCancelsAndLoseNothing) {
-    Machine m;
-    UsbDeviceNode& node = m.plug();
-    Host host;
-    ASSERT_TRUE(host.start());
+TEST_F(LibusbBackend, ManyInFlightKeepTheirOrderUnderCancelsAndLoseNothing) {
     std::string sent, got;
     for (std::uint32_t round = 0; round < 60; ++round) {
         const std::string chunk = noise(1 + round * 37 % 700, round);
@@ -335,7 +330,7 @@ TEST(LibusbBackend, ManyInFlightKeepTheirOrderUnderCancelsAndLoseNothing) {
         nt::Thread canceller("canceller", [&] {
             for (auto read = reads.rbegin(); read != reads.rend(); ++read) host.backend.cancel(&(*read)->transfer);
         });
-        Machine::with(node, [&](ScriptedDevice& d) { d.sendBulk(chunk); });
+        with([&](ScriptedDevice& d) { d.sendBulk(chunk); });
         sent += chunk;
         canceller.join();
         for (const auto& read : reads) {
@@ -354,16 +349,12 @@ TEST(LibusbBackend, ManyInFlightKeepTheirOrderUnderCancelsAndLoseNothing) {
     EXPECT_EQ(node.pending(), 0u);
 }
 
-TEST(LibusbBackend, ACancelNeedNotWaitForTheKernel) {
-    Machine m;
-    UsbDeviceNode& node = m.plug();
-    Machine::with(node, [](ScriptedDevice& d) {
+TEST_F(LibusbBackend, ACancelNeedNotWaitForTheKernel) {
+    with([](ScriptedDevice& d) {
         d.onStandard = [](const usb::SetupPacket& setup, auto) {
             return setup.request == usb::requestClearFeature ? std::optional(usb::ControlReply::never()) : std::nullopt;
         };
     });
-    Host host;
-    ASSERT_TRUE(host.start());
     node.calls();
     Move clear = clearHalt(0x81), behind = bulkOut("behind"), third = bulkOut("third");
     for (Move* move : {&clear, &behind, &third}) host.submit(*move);
@@ -376,10 +367,10 @@ TEST(LibusbBackend, ACancelNeedNotWaitForTheKernel) {
     // The kernel gives up, and what waited goes on.
     node.giveUp();
     EXPECT_EQ(third.status(), TransferStatus::ok);
-    EXPECT_EQ(Machine::with(node, [](ScriptedDevice& d) { return d.outText(); }), "third");
+    EXPECT_EQ(with([](ScriptedDevice& d) { return d.outText(); }), "third");
 }
 
-TEST(LibusbBackend, UnpluggedWithTransfersInFlightItComesBackInItsSocket) {
+TEST(LibusbDevices, UnpluggedWithTransfersInFlightItComesBackInItsSocket) {
     Machine m;
     for (int round = 0; round < 8; ++round) {
         UsbDeviceNode& node = m.plug();
@@ -430,15 +421,11 @@ TEST(LibusbBackend, UnpluggedWithTransfersInFlightItComesBackInItsSocket) {
     EXPECT_TRUE(host.start());
 }
 
-TEST(LibusbBackend, AResetKeepsTheConfigurationOrTheDeviceHasLeft) {
-    Machine m;
-    UsbDeviceNode& node = m.plug();
-    Host host;
-    ASSERT_TRUE(host.start());
-    Machine::with(node, [](ScriptedDevice& d) { d.busResets = 0; });
+TEST_F(LibusbBackend, AResetKeepsTheConfigurationOrTheDeviceHasLeft) {
+    with([](ScriptedDevice& d) { d.busResets = 0; });
     EXPECT_TRUE(host.backend.resetPort());
-    EXPECT_EQ(Machine::with(node, [](ScriptedDevice& d) { return d.configuration; }), 1);
-    EXPECT_EQ(Machine::with(node, [](ScriptedDevice& d) { return d.busResets; }), 1u);
+    EXPECT_EQ(with([](ScriptedDevice& d) { return d.configuration; }), 1);
+    EXPECT_EQ(with([](ScriptedDevice& d) { return d.busResets; }), 1u);
     EXPECT_EQ(node.driver(1), "usbfs");
     EXPECT_EQ(host.run(bulkOut("after")), TransferStatus::ok);
     node.failReset();

@@ -47,6 +47,13 @@ inline Bytes joined(const std::vector<Bytes>& frames) {
     return all;
 }
 
+inline Bytes withFcs(Bytes body) {
+    const std::uint16_t check = static_cast<std::uint16_t>(~fcs(body));
+    body.push_back(static_cast<std::uint8_t>(check));
+    body.push_back(static_cast<std::uint8_t>(check >> 8));
+    return body;
+}
+
 // `length` stands in the header instead of the true one.
 inline Bytes deviceFrame(unsigned sequence, const Bytes& body, int length = -1) {
     const unsigned stated = static_cast<unsigned>(length < 0 ? static_cast<int>(body.size()) + 4 : length);
@@ -63,12 +70,9 @@ inline void appendEscaped(Bytes& to, std::uint8_t byte, const Bytes& special) {
 }
 
 // Flag, body and FCS escaped, flag.
-inline Bytes hostFrame(Bytes body, const Bytes& special) {
-    const std::uint16_t check = static_cast<std::uint16_t>(~fcs(body));
-    body.push_back(static_cast<std::uint8_t>(check));
-    body.push_back(static_cast<std::uint8_t>(check >> 8));
+inline Bytes hostFrame(const Bytes& body, const Bytes& special) {
     Bytes frame = {0x7E};
-    for (const std::uint8_t byte : body) appendEscaped(frame, byte, special);
+    for (const std::uint8_t byte : withFcs(body)) appendEscaped(frame, byte, special);
     frame.push_back(0x7E);
     return frame;
 }

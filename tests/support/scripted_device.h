@@ -20,6 +20,14 @@ namespace test {
 using Bytes = std::vector<std::uint8_t>;
 
 inline Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
+// Two digits a byte, with spaces between any of them.
+inline Bytes hex(std::string_view text) {
+    Bytes bytes;
+    for (std::size_t at = 0; at + 1 < text.size(); ++at) {
+        if (text[at] != ' ') bytes.push_back(static_cast<std::uint8_t>(std::stoi(std::string(text.substr(at++, 2)), nullptr, 16)));
+    }
+    return bytes;
+}
 
 // What the usual descriptors look like. An endpoint of 0 is missing.
 struct CdcShape {
