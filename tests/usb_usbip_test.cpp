@@ -8,6 +8,8 @@
 #include "kernel/sim.h"
 #include "usb/usbip_client.h"
 
+#include <algorithm>
+
 using namespace test;
 using namespace usb::usbip;
 using usb::Transfer;
