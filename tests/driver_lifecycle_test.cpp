@@ -360,6 +360,20 @@ TEST(DriverLifecycle, initialisation_overtaken_by_sleep) {
     }
 }
 
+// Activity at any moment of the way down: the device is never left asleep with nobody to wake it.
+TEST(DriverLifecycle, suspend_races_activity) {
+    overSeeds(40, {{"IdleInterval", 1}}, [](Modem& m, std::uint64_t) {
+        std::string sent;
+        for (int i = 0; i < 4; ++i) {
+            m.rig.until([&] { return m.rig.statistics().idlePending; }, 3000);
+            spin(nt::sim::random(250));
+            EXPECT_EQ(m.write("w"), STATUS_SUCCESS);
+            sent += "w";
+            EXPECT_TRUE(m.rig.until([&] { return m.received() == sent; }, 500)) << m.received() << m.rig.trace();
+        }
+    });
+}
+
 // Activity at the very moment the interval ends starts it again: the timer that has just run out does not count any more. What a
 // suspended device is left with goes out at the next request only.
 TEST(DriverLifecycle, activity_when_the_idle_interval_ends) {
