@@ -82,7 +82,7 @@ def main():
     failed = {test.id() for test, _ in result.failures + result.errors}
     for test in sorted(failed & KNOWN[kind].keys()):
         print(f"known: {test}: {KNOWN[kind][test]}")
-    passed = result.testsRun - len(result.failures) - len(result.errors) - len(result.skipped)
+    passed = result.testsRun - len(failed) - len(result.skipped)  # one may fail more than once
     print(f"pySerial's own tests on {kind}: {passed} of {result.testsRun} pass, {len(result.skipped)} are skipped")
     require(passed >= least, f"at least {least} pass")
     require(failed <= KNOWN[kind].keys(), f"no other fails ({', '.join(sorted(failed - KNOWN[kind].keys())) or 'none'})")
