@@ -28,13 +28,8 @@ const char* nameOf(Kind kind) {
     return names[std::size_t(kind)];
 }
 
-RigOptions bare(std::uint64_t seed) {
-    RigOptions options;
-    options.seed = seed;
-    options.loadDriver = false;
-    options.plug = false;
-    return options;
-}
+// Neither the driver nor a device yet.
+RigOptions bare(std::uint64_t seed) { return {.seed = seed, .loadDriver = false, .plug = false}; }
 
 // One life of a driver, from its loading to its unloading, with one kind of call failing. Each step may fail for that
 // reason; once the fault is gone it has to succeed.

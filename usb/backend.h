@@ -68,6 +68,30 @@ struct Transfer {
     bool isIn() const { return type == TransferType::control ? setup.isIn() : (endpoint & 0x80) != 0; }
 };
 
+// Transfers in their order, linked through the backend's own fields; its lock guards them.
+struct TransferQueue {
+    Transfer* head = nullptr;
+    Transfer* tail = nullptr;
+
+    void push(Transfer* transfer) {
+        transfer->next = nullptr;
+        transfer->previous = tail;
+        (tail != nullptr ? tail->next : head) = transfer;
+        tail = transfer;
+    }
+    void remove(Transfer* transfer) {
+        (transfer->previous != nullptr ? transfer->previous->next : head) = transfer->next;
+        (transfer->next != nullptr ? transfer->next->previous : tail) = transfer->previous;
+        transfer->next = transfer->previous = nullptr;
+    }
+    // The oldest one, which leaves the queue; null when there is none.
+    Transfer* take() {
+        Transfer* const first = head;
+        if (first != nullptr) remove(first);
+        return first;
+    }
+};
+
 // Events upwards. Called from a thread of the backend at PASSIVE_LEVEL, no lock of the backend held.
 class BackendEvents {
 public:

@@ -89,18 +89,6 @@ struct LibusbBackend::Callbacks {
     }
 };
 
-void LibusbBackend::Queue::push(Transfer* transfer) {
-    transfer->next = nullptr;
-    transfer->previous = tail;
-    (tail != nullptr ? tail->next : head) = transfer;
-    tail = transfer;
-}
-
-void LibusbBackend::Queue::remove(Transfer* transfer) {
-    (transfer->previous != nullptr ? transfer->previous->next : head) = transfer->next;
-    (transfer->next != nullptr ? transfer->next->previous : tail) = transfer->previous;
-}
-
 LibusbBackend::LibusbBackend(lib::Selector selector) : seat_(std::move(selector)) {
     KeInitializeDpc(&flushDpc_, flushLater, this);
     KeInitializeEvent(&notHolding_, NotificationEvent, TRUE);
@@ -305,10 +293,7 @@ void LibusbBackend::endAll(Life life, const std::string& why) {
     if (life_ == Life::running) error_ = why;
     life_ = life;
     runs_ = false;
-    while (Transfer* const transfer = waiting_.head) {
-        waiting_.remove(transfer);
-        finish(transfer, TransferStatus::gone);
-    }
+    while (Transfer* const transfer = waiting_.take()) finish(transfer, TransferStatus::gone);
     if (blocking_ != nullptr) finish(blocking_, TransferStatus::gone);
     blocking_ = nullptr;
     for (const auto& record : records_) {
@@ -535,8 +520,7 @@ void LibusbBackend::deliver() {
         Transfer* transfer;
         {
             SpinGuard guard(lock_);
-            transfer = finished_.head;
-            if (transfer != nullptr) finished_.remove(transfer);
+            transfer = finished_.take();
         }
         if (transfer == nullptr) break;
         transfer->complete(transfer);

@@ -66,12 +66,6 @@ private:
     enum class Place : std::uint64_t { nowhere, waiting, blocking, library };  // the transfer's backendTag
     // A transfer at the library.
     struct Record;
-    struct Queue {
-        Transfer* head = nullptr;
-        Transfer* tail = nullptr;
-        void push(Transfer* transfer);
-        void remove(Transfer* transfer);
-    };
 
     bool fail(const std::string& why);
     void open();
@@ -127,8 +121,8 @@ private:
     mutable KSPIN_LOCK lock_;
     std::string error_;
     Life life_ = Life::stopped;
-    Queue waiting_;
-    Queue finished_;
+    TransferQueue waiting_;
+    TransferQueue finished_;
     Transfer* blocking_ = nullptr;  // what the worker carries out; null once it was cancelled
     SetupPacket blockingSetup_;
     bool holding_ = false;   // a blocking call is under way: nothing is handed over

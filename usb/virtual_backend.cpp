@@ -18,19 +18,6 @@ static_assert(endpointIndex(addressOf(1)) == 1 && endpointIndex(addressOf(0x1F))
 
 }  // namespace
 
-void VirtualBackend::Queue::push(Transfer* transfer) {
-    transfer->next = nullptr;
-    transfer->previous = tail;
-    (tail != nullptr ? tail->next : head) = transfer;
-    tail = transfer;
-}
-
-void VirtualBackend::Queue::remove(Transfer* transfer) {
-    (transfer->previous != nullptr ? transfer->previous->next : head) = transfer->next;
-    (transfer->next != nullptr ? transfer->next->previous : tail) = transfer->previous;
-    transfer->next = transfer->previous = nullptr;
-}
-
 VirtualBackend::VirtualBackend(std::unique_ptr<Device> device, std::string location, Speed speed)
     : device_(std::move(device)), location_(std::move(location)), speed_(speed), zero_(*device_) {
     KeInitializeEvent(&event_, SynchronizationEvent, FALSE);

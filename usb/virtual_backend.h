@@ -57,17 +57,6 @@ public:
     }
 
 private:
-    struct Queue {
-        Transfer* head = nullptr;
-        Transfer* tail = nullptr;
-        void push(Transfer* transfer);
-        void remove(Transfer* transfer);
-        Transfer* take() {
-            Transfer* first = head;
-            if (first != nullptr) remove(first);
-            return first;
-        }
-    };
     // Who serves. One at a time: a hand keeps the thread asleep until it is done.
     //
     //   thread --nothing to do--> nobody --newRound--> woken --event or timer--> thread
@@ -117,7 +106,7 @@ private:
 
     // Guarded by lock_.
     KSPIN_LOCK lock_;
-    Queue inbox_;
+    TransferQueue inbox_;
     Server server_ = Server::thread;
     std::optional<std::int64_t> sleepsUntilMs_;  // what the thread's timer is set to
     bool oversleeps_ = false;                    // its timer ran out while a hand served: it must be woken
@@ -129,7 +118,7 @@ private:
     // Guarded by deviceMutex_, the device too.
     KMUTEX deviceMutex_;
     EndpointZero zero_;
-    std::array<Queue, endpointCount> queues_;
+    std::array<TransferQueue, endpointCount> queues_;
     std::uint32_t active_ = 0;  // a bit for each queue that is not empty
     bool suspended_ = false;
     bool mayWake_ = false;
@@ -137,7 +126,7 @@ private:
 
     // Of the one who serves.
     std::optional<std::int64_t> deadlineMs_;
-    Queue finished_;
+    TransferQueue finished_;
     bool goneReported_ = false;  // the thread's own
 };
 

@@ -136,12 +136,6 @@ std::string readText(USBD_PIPE_HANDLE pipe, ULONG room) {
     return read.text();
 }
 
-RigOptions busOnly(std::uint64_t seed) {
-    RigOptions options;
-    options.seed = seed;
-    options.loadDriver = false;
-    options.plug = false;
-    return options;
-}
+RigOptions busOnly(std::uint64_t seed) { return {.seed = seed, .loadDriver = false, .plug = false}; }
 
 }  // namespace test
