@@ -483,7 +483,6 @@ void Bridge::applySettings(const LineSettings& settings) {
 }
 
 // A control that fails is not tried again: the driver keeps what was asked for, and a modem that comes back is told anew.
-// A control that fails is not tried again: the driver keeps what was asked for, and a modem that comes back is told anew.
 bool Bridge::nextStep() {
     stepIsRequest_ = steps_.empty();
     if (!stepIsRequest_) {
